@@ -1,0 +1,44 @@
+# Helpers shared by the library, its platform layers and their tests.
+
+function(opc_set_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic)
+  if(OPC_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+endfunction()
+
+# opc_add_layer(NAME <target> DIR <dir> [LINK_PUBLIC ...] [LINK_PRIVATE ...])
+# A shared platform layer: sources under <dir>/src, public headers under <dir>/include,
+# hidden visibility, installed into the opccore export set.
+function(opc_add_layer)
+  cmake_parse_arguments(L "" "NAME;DIR" "LINK_PUBLIC;LINK_PRIVATE" ${ARGN})
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${L_DIR}/src/*.cpp")
+  add_library(${L_NAME} SHARED ${sources})
+  add_library(opccore::${L_NAME} ALIAS ${L_NAME})
+  target_include_directories(${L_NAME} PUBLIC
+    "$<BUILD_INTERFACE:${L_DIR}/include>" "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>"
+    PRIVATE "${L_DIR}/src")
+  target_link_libraries(${L_NAME} PUBLIC ${L_LINK_PUBLIC} PRIVATE ${L_LINK_PRIVATE})
+  set_target_properties(${L_NAME} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  opc_set_warnings(${L_NAME})
+  install(TARGETS ${L_NAME} EXPORT opccoreTargets
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+          INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  install(DIRECTORY "${L_DIR}/include/" DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+endfunction()
+
+# opc_add_test_folder(PREFIX <prefix> DIR <dir> LINK <libs...>)
+# Every <dir>/*Test.cpp becomes one GoogleTest executable <prefix>_<file name>, its cases
+# registered with CTest one by one. Other .cpp files in <dir> are shared by those executables.
+function(opc_add_test_folder)
+  cmake_parse_arguments(T "" "PREFIX;DIR" "LINK" ${ARGN})
+  file(GLOB tests CONFIGURE_DEPENDS "${T_DIR}/*Test.cpp")
+  foreach(src ${tests})
+    get_filename_component(name ${src} NAME_WE)
+    set(exe ${T_PREFIX}_${name})
+    add_executable(${exe} ${src})
+    target_link_libraries(${exe} PRIVATE ${T_LINK} GTest::gmock GTest::gtest_main Threads::Threads)
+    opc_set_warnings(${exe})
+    gtest_discover_tests(${exe} DISCOVERY_TIMEOUT 120 PROPERTIES TIMEOUT 900)
+  endforeach()
+endfunction()

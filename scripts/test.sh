@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs what is missing, then builds and runs every test twice: a normal build and one with
+# AddressSanitizer and UndefinedBehaviorSanitizer. Warnings are errors. Last, the installed
+# package is checked by building a consumer project against it.
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+cd "$root"
+./scripts/setup-deps.sh
+
+jobs=$(nproc)
+
+build_and_test() {
+  local dir=$1; shift
+  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOPC_WERROR=ON "$@" >/dev/null
+  cmake --build "$dir" --parallel "$jobs"
+  ctest --test-dir "$dir" --parallel "$jobs" --output-on-failure --timeout 900
+}
+
+echo "== Normal build"
+build_and_test build/release -DOPC_SANITIZE=OFF
+
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+export UBSAN_OPTIONS=print_stacktrace=1
+build_and_test build/sanitize -DOPC_SANITIZE=ON -DOPC_BUILD_EXAMPLES=OFF
+unset ASAN_OPTIONS UBSAN_OPTIONS
+
+echo "== Installed package"
+./scripts/check-install.sh build/release
