@@ -1,0 +1,239 @@
+#pragma once
+
+#include <opc/CommitOptions.hpp>
+#include <opc/Export.hpp>
+
+#include <boost/date_time/posix_time/ptime.hpp>
+#include <boost/system/error_code.hpp>
+
+#include <cstdint>
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace opc {
+
+/// What `copy` does when the destination exists.
+enum ExistsMode {
+    /// Files: an existing destination is an error. Folders: copied into the existing folder.
+    NoOverwrite = 0,
+    /// Files: as NoOverwrite. Folders: an existing destination fails with EEXIST.
+    FailIfExists = 1,
+    /// Files: overwritten. Folders: the destination is removed with its contents, then copied afresh.
+    Overwrite = 2
+};
+
+/// Permission bits of a file: the POSIX mode bits, plus host attribute bits above them.
+namespace Perms {
+enum Perms_tag : std::uint32_t {
+    OthersExe = 01,
+    OthersWrite = 02,
+    OthersRead = 04,
+    GroupExe = 010,
+    GroupWrite = 020,
+    GroupRead = 040,
+    OwnerExe = 0100,
+    OwnerWrite = 0200,
+    OwnerRead = 0400,
+    AllPerms = 0777,
+    /// Returned when the permissions cannot be read; passed to `setPermissions` it changes nothing.
+    PermsUnknown = 0xFFFF
+};
+
+constexpr Perms_tag operator|(Perms_tag a, Perms_tag b) { return Perms_tag(std::uint32_t(a) | std::uint32_t(b)); }
+constexpr Perms_tag operator&(Perms_tag a, Perms_tag b) { return Perms_tag(std::uint32_t(a) & std::uint32_t(b)); }
+constexpr Perms_tag operator~(Perms_tag a) { return Perms_tag(~std::uint32_t(a)); }
+} // namespace Perms
+
+/// Open-mode bits of `createInputStream` and `createOutputStream`. These values hold whatever
+/// the platform's own `std::ios_base::openmode` values are.
+namespace OpenMode {
+constexpr unsigned Append = 0x01;
+constexpr unsigned AtEnd = 0x02;
+constexpr unsigned Binary = 0x04;
+constexpr unsigned In = 0x08;
+constexpr unsigned Out = 0x10;
+constexpr unsigned Truncate = 0x20;
+/// What the library itself passes: binary input, binary output.
+constexpr unsigned ReadBinary = In | Binary;
+constexpr unsigned WriteBinary = Out | Binary;
+} // namespace OpenMode
+
+namespace detail {
+struct OpsFrame;
+}
+
+/// The one interface through which files and folders are touched, whatever back end holds them.
+///
+/// Every public operation is non-virtual and frames one protected `do*` operation of the back
+/// end. Fallible operations come in two forms:
+/// - the throwing form throws `opc::Exception` with the message "<name> failed: " + the back
+///   end's detail, and the back end's code, exactly when that code reports `failed()`;
+/// - the error-code form (trailing `boost::system::error_code&`) clears the caller's code first,
+///   never throws (an exception escaping a back end ends the process), and returns the back
+///   end's result as it is, also on failure (an empty string, false, 0, `PermsUnknown`,
+///   not-a-date-time or an empty stream pointer).
+/// The frame holds no state and takes no locks; whether an object may be shared between
+/// threads is the back end's to say.
+class OPC_API FileSystemOps {
+public:
+    using error_code = boost::system::error_code;
+    using ptime = boost::posix_time::ptime;
+
+    virtual ~FileSystemOps();
+
+    /// A fresh name for a temporary file inside `folder` (nothing is created).
+    std::u16string getTempName(const std::u16string& folder);
+    /// The path less its last element; empty when there is none.
+    std::u16string getParentPath(const std::u16string& path);
+    /// The last element of the path.
+    std::u16string getFilename(const std::u16string& path);
+    /// The extension of the last element (the back end defines whether it keeps the dot).
+    std::u16string getExtension(const std::u16string& path);
+    /// `child` appended to `path`; one leading "/" of `child` is dropped.
+    std::u16string appendPath(const std::u16string& path, const std::u16string& child);
+    /// The path in the back end's normal form.
+    std::u16string normalizePath(const std::u16string& path);
+
+    /// Fills `localPath` and returns true when the path has a form on the local disk;
+    /// otherwise empties `localPath` and returns false. Never fails.
+    bool getLocalPath(const std::u16string& path, std::u16string& localPath);
+    /// True when the back end takes the path as absolute. Never fails.
+    bool isAbsolutePath(const std::u16string& path);
+
+    /// True when something is at the path (a dangling link counts); links are not followed.
+    bool exists(const std::u16string& path);
+    bool exists(const std::u16string& path, error_code& ec) noexcept;
+    /// True for a regular file (a link to a file is not one); false for a missing path.
+    bool isFile(const std::u16string& path);
+    bool isFile(const std::u16string& path, error_code& ec) noexcept;
+    /// True for a folder (a link to a folder is not one); false for a missing path.
+    bool isFolder(const std::u16string& path);
+    bool isFolder(const std::u16string& path, error_code& ec) noexcept;
+    /// True for a symbolic link.
+    bool isSymlink(const std::u16string& path);
+    bool isSymlink(const std::u16string& path, error_code& ec) noexcept;
+
+    /// The permission bits; `PermsUnknown` on failure.
+    Perms::Perms_tag getPermissions(const std::u16string& path);
+    Perms::Perms_tag getPermissions(const std::u16string& path, error_code& ec) noexcept;
+    /// Sets the permission bits of the path itself; `PermsUnknown` changes nothing.
+    void setPermissions(const std::u16string& path, Perms::Perms_tag perms);
+    void setPermissions(const std::u16string& path, Perms::Perms_tag perms, error_code& ec) noexcept;
+
+    /// The modification time (UTC); not-a-date-time on failure.
+    ptime getLastModifiedTime(const std::u16string& path);
+    ptime getLastModifiedTime(const std::u16string& path, error_code& ec) noexcept;
+    /// Sets the modification time; not-a-date-time changes nothing.
+    void setLastModifiedTime(const std::u16string& path, ptime time);
+    void setLastModifiedTime(const std::u16string& path, ptime time, error_code& ec) noexcept;
+
+    /// The size of a regular file in bytes; 0 on failure.
+    std::uint64_t getSizeInBytes(const std::u16string& path);
+    std::uint64_t getSizeInBytes(const std::u16string& path, error_code& ec) noexcept;
+
+    /// The target stored in a symbolic link, normalised, not resolved.
+    std::u16string getLinkTarget(const std::u16string& path);
+    std::u16string getLinkTarget(const std::u16string& path, error_code& ec) noexcept;
+
+    /// Appends the full paths of the files (and links) in `folder` to `files`, recursing into
+    /// sub-folders when `recursive` is set. Folders themselves are never listed, links never
+    /// followed. `files` is never cleared: on failure it keeps what was appended before.
+    void getFiles(const std::u16string& folder, std::vector<std::u16string>& files, bool recursive);
+    void getFiles(const std::u16string& folder, std::vector<std::u16string>& files, bool recursive,
+                  error_code& ec) noexcept;
+
+    /// Opens the file for reading with the `OpenMode` bits; the file closes with the last holder.
+    std::shared_ptr<std::istream> createInputStream(const std::u16string& path, unsigned mode);
+    std::shared_ptr<std::istream> createInputStream(const std::u16string& path, unsigned mode,
+                                                    error_code& ec) noexcept;
+    /// Opens the file for writing with the `OpenMode` bits; the file closes with the last holder.
+    std::shared_ptr<std::ostream> createOutputStream(const std::u16string& path, unsigned mode);
+    std::shared_ptr<std::ostream> createOutputStream(const std::u16string& path, unsigned mode,
+                                                     error_code& ec) noexcept;
+
+    /// Creates one folder; its parent must exist.
+    void createFolder(const std::u16string& path);
+    void createFolder(const std::u16string& path, error_code& ec) noexcept;
+    /// Creates a folder and every missing parent.
+    void createFolders(const std::u16string& path);
+    void createFolders(const std::u16string& path, error_code& ec) noexcept;
+    /// Creates the symbolic link `link` pointing at `target`.
+    void createSymlink(const std::u16string& target, const std::u16string& link);
+    void createSymlink(const std::u16string& target, const std::u16string& link, error_code& ec) noexcept;
+
+    /// Copies a file, a folder tree or a link (as a link); `mode` says what happens to an
+    /// existing destination.
+    void copy(const std::u16string& source, const std::u16string& destination, ExistsMode mode);
+    void copy(const std::u16string& source, const std::u16string& destination, ExistsMode mode,
+              error_code& ec) noexcept;
+    /// Renames within the back end, replacing an existing destination file in one step.
+    void rename(const std::u16string& from, const std::u16string& to);
+    void rename(const std::u16string& from, const std::u16string& to, error_code& ec) noexcept;
+    /// Removes a file, a link or an empty folder.
+    void remove(const std::u16string& path);
+    void remove(const std::u16string& path, error_code& ec) noexcept;
+    /// Removes a folder with everything in it (or a single file or link).
+    void removeAll(const std::u16string& path);
+    void removeAll(const std::u16string& path, error_code& ec) noexcept;
+
+    /// Replaces the target file of this back end by `sourcePath` read through `sourceOps`,
+    /// through a temporary file beside the target and one rename, keeping a backup as the
+    /// options say. The target never holds half a file.
+    void replaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,
+                               const std::u16string& sourcePath, const CommitOptions& options);
+    void replaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,
+                               const std::u16string& sourcePath, const CommitOptions& options,
+                               error_code& ec) noexcept;
+
+protected:
+    // Back-end operations. On failure they set `ec` so that it reports failed(), write a
+    // human-readable `detail`, and return a value callers must not use; they never throw
+    // (except where a back end documents otherwise for the path-text operations).
+    virtual std::u16string doGetTempName(const std::u16string& folder, std::string& detail, error_code& ec) = 0;
+    virtual std::u16string doGetParentPath(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual std::u16string doGetFilename(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual std::u16string doGetExtension(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual std::u16string doAppendPath(const std::u16string& path, const std::u16string& child,
+                                        std::string& detail, error_code& ec) = 0;
+    virtual std::u16string doNormalizePath(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual bool doGetLocalPath(const std::u16string& path, std::u16string& localPath) = 0;
+    virtual bool doIsAbsolutePath(const std::u16string& path) = 0;
+    virtual bool doExists(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual bool doIsFile(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual bool doIsFolder(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual bool doIsSymlink(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual Perms::Perms_tag doGetPermissions(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual void doSetPermissions(const std::u16string& path, Perms::Perms_tag perms, std::string& detail,
+                                  error_code& ec) = 0;
+    virtual ptime doGetLastModifiedTime(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual void doSetLastModifiedTime(const std::u16string& path, ptime time, std::string& detail,
+                                       error_code& ec) = 0;
+    virtual std::uint64_t doGetSizeInBytes(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual std::u16string doGetLinkTarget(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual void doGetFiles(const std::u16string& folder, std::vector<std::u16string>& files, bool recursive,
+                            std::string& detail, error_code& ec) = 0;
+    virtual std::shared_ptr<std::istream> doCreateInputStream(const std::u16string& path, unsigned mode,
+                                                              std::string& detail, error_code& ec) = 0;
+    virtual std::shared_ptr<std::ostream> doCreateOutputStream(const std::u16string& path, unsigned mode,
+                                                               std::string& detail, error_code& ec) = 0;
+    virtual void doCreateFolder(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual void doCreateFolders(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual void doCreateSymlink(const std::u16string& target, const std::u16string& link, std::string& detail,
+                                 error_code& ec) = 0;
+    virtual void doCopy(const std::u16string& source, const std::u16string& destination, ExistsMode mode,
+                        std::string& detail, error_code& ec) = 0;
+    virtual void doRename(const std::u16string& from, const std::u16string& to, std::string& detail,
+                          error_code& ec) = 0;
+    virtual void doRemove(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual void doRemoveAll(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    virtual void doReplaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,
+                                         const std::u16string& sourcePath, const CommitOptions& options,
+                                         std::string& detail, error_code& ec) = 0;
+
+private:
+    friend struct detail::OpsFrame;
+};
+
+} // namespace opc
