@@ -23,6 +23,9 @@
 
 namespace opc::test {
 
+/// UTF-8 to UTF-16 (test names and paths are written in UTF-8); invalid text throws.
+std::u16string utf16(std::string const& utf8);
+
 /// What a back end supports; the suite skips or relaxes the cases a switch turns off.
 struct Capabilities {
     /// createSymlink, isSymlink and getLinkTarget work; links are listed and copied as links.
