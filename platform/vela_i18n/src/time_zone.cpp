@@ -1,0 +1,136 @@
+// Time-zone conversion over the Unicode library's zone database.
+
+#include <vela/i18n/time_zone.hpp>
+
+#include <unicode/basictz.h>
+#include <unicode/timezone.h>
+#include <unicode/ucal.h>
+#include <unicode/unistr.h>
+
+#include <boost/date_time/gregorian/gregorian_types.hpp>
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
+#include <cstdlib>
+#include <stdexcept>
+
+namespace vela::i18n::time_zone {
+
+struct timezone::impl {
+    std::unique_ptr<icu::TimeZone> zone;
+    // The same object when the zone keeps its transition history (every zone the database
+    // builds does); null otherwise.
+    icu::BasicTimeZone const* basic = nullptr;
+};
+
+namespace {
+
+std::unique_ptr<icu::TimeZone> create_known(std::string const& id) {
+    std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::createTimeZone(icu::UnicodeString::fromUTF8(id)));
+    if (!zone || *zone == icu::TimeZone::getUnknown()) {
+        return nullptr;
+    }
+    return zone;
+}
+
+std::unique_ptr<icu::TimeZone> create_utc() {
+    return std::unique_ptr<icu::TimeZone>(icu::TimeZone::getGMT()->clone());
+}
+
+/// The process's zone, read now rather than cached, so a change of TZ takes effect on the
+/// next construction.
+std::unique_ptr<icu::TimeZone> create_local() {
+    if (char const* tz = std::getenv("TZ")) {
+        std::string name(tz);
+        if (name.empty()) {
+            return create_utc();
+        }
+        if (name.front() == ':') {
+            name.erase(0, 1);
+        }
+        auto const at = name.rfind("zoneinfo/");
+        if (at != std::string::npos) {
+            name.erase(0, at + 9);
+        }
+        if (auto zone = create_known(name)) {
+            return zone;
+        }
+        // Not an identifier (for example a POSIX rule string): let the library's host
+        // detection interpret it.
+    }
+    std::unique_ptr<icu::TimeZone> host(icu::TimeZone::detectHostTimeZone());
+    if (!host || *host == icu::TimeZone::getUnknown()) {
+        return create_utc();
+    }
+    return host;
+}
+
+boost::posix_time::ptime const& epoch() {
+    static boost::posix_time::ptime const value(boost::gregorian::date(1970, 1, 1));
+    return value;
+}
+
+UDate to_udate(boost::posix_time::ptime const& time) {
+    return static_cast<UDate>((time - epoch()).total_milliseconds());
+}
+
+} // namespace
+
+timezone::timezone(std::string const& name) {
+    auto data = std::make_shared<impl>();
+    data->zone = name.empty() ? create_local() : create_known(name);
+    if (!data->zone) {
+        throw std::invalid_argument("Unknown time zone: \"" + name + "\"");
+    }
+    data->basic = dynamic_cast<icu::BasicTimeZone const*>(data->zone.get());
+    m_impl = std::move(data);
+}
+
+timezone::~timezone() = default;
+timezone::timezone(timezone const&) = default;
+timezone& timezone::operator=(timezone const&) = default;
+
+std::string timezone::id() const {
+    icu::UnicodeString id;
+    m_impl->zone->getID(id);
+    std::string out;
+    id.toUTF8String(out);
+    return out;
+}
+
+boost::posix_time::ptime from_utc(boost::posix_time::ptime const& utc, timezone const& zone) {
+    if (utc.is_special()) {
+        return utc;
+    }
+    int32_t raw = 0;
+    int32_t dst = 0;
+    UErrorCode status = U_ZERO_ERROR;
+    zone.m_impl->zone->getOffset(to_udate(utc), false, raw, dst, status);
+    if (U_FAILURE(status)) {
+        throw std::runtime_error(std::string("time-zone offset unavailable: ") + u_errorName(status));
+    }
+    return utc + boost::posix_time::milliseconds(raw + dst);
+}
+
+boost::posix_time::ptime to_utc(boost::posix_time::ptime const& local, timezone const& zone) {
+    if (local.is_special()) {
+        return local;
+    }
+    int32_t raw = 0;
+    int32_t dst = 0;
+    UErrorCode status = U_ZERO_ERROR;
+    UDate const wall = to_udate(local);
+    if (zone.m_impl->basic != nullptr) {
+        // "Former" for both cases: the offset in force before the change. For a repeated
+        // wall time that is the earlier instant; for a skipped one it moves the time forward
+        // by the gap.
+        zone.m_impl->basic->getOffsetFromLocal(wall, UCAL_TZ_LOCAL_FORMER, UCAL_TZ_LOCAL_FORMER, raw, dst, status);
+    } else {
+        zone.m_impl->zone->getOffset(wall, true, raw, dst, status);
+    }
+    if (U_FAILURE(status)) {
+        throw std::runtime_error(std::string("time-zone offset unavailable: ") + u_errorName(status));
+    }
+    return local - boost::posix_time::milliseconds(raw + dst);
+}
+
+} // namespace vela::i18n::time_zone
