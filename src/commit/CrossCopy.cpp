@@ -1,0 +1,58 @@
+#include "commit/CrossCopy.hpp"
+
+#include <opc/Exception.hpp>
+#include <opc/Streams.hpp>
+
+#include <boost/system/error_code.hpp>
+
+#include <istream>
+#include <memory>
+#include <ostream>
+#include <typeinfo>
+
+namespace opc::detail {
+
+namespace {
+
+// A back end that reports success but hands out no stream breaks its contract; say so instead
+// of dereferencing nothing.
+[[noreturn]] void noStream(char const* operation) {
+    throw Exception(std::string(operation) + " returned no stream",
+                    boost::system::errc::make_error_code(boost::system::errc::io_error));
+}
+
+} // namespace
+
+bool sameBackEndType(const FileSystemOps& a, const FileSystemOps& b) {
+    return typeid(a).hash_code() == typeid(b).hash_code();
+}
+
+void copyAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps,
+                const std::u16string& to) {
+    if (sameBackEndType(fromOps, toOps)) {
+        toOps.copy(from, to, Overwrite);
+        return;
+    }
+    std::shared_ptr<std::istream> in = fromOps.createInputStream(from, OpenMode::ReadBinary);
+    if (!in)
+        noStream("createInputStream");
+    std::shared_ptr<std::ostream> out = toOps.createOutputStream(to, OpenMode::WriteBinary);
+    if (!out)
+        noStream("createOutputStream");
+    StreamHelper::copyStreamToStream(*in, *out);
+    // The destination closes (and flushes) when its last holder lets go.
+    out.reset();
+    in.reset();
+}
+
+void moveAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps,
+                const std::u16string& to) {
+    if (sameBackEndType(fromOps, toOps)) {
+        toOps.rename(from, to);
+        return;
+    }
+    copyAcross(fromOps, from, toOps, to);
+    fromOps.remove(from);
+}
+
+} // namespace opc::detail

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <opc/FileSystemOps.hpp>
+
+#include <string>
+
+namespace opc::detail {
+
+/// True when both back ends are objects of the same dynamic type, so that one of them can
+/// work on the other's paths directly.
+bool sameBackEndType(const FileSystemOps& a, const FileSystemOps& b);
+
+/// Copies file `from` of `fromOps` to file `to` of `toOps`, replacing an existing destination.
+/// Same back-end type: `toOps.copy(from, to, Overwrite)`. Otherwise the bytes go through a
+/// binary input stream of `fromOps` and a binary output stream of `toOps`; both are released
+/// before returning, and a short copy is not reported (the streams carry no error state the
+/// back ends promise to keep).
+void copyAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps,
+                const std::u16string& to);
+
+/// Moves file `from` of `fromOps` onto `to` of `toOps`: one `toOps.rename` for the same
+/// back-end type, otherwise `copyAcross` followed by `fromOps.remove(from)`.
+void moveAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps,
+                const std::u16string& to);
+
+} // namespace opc::detail
