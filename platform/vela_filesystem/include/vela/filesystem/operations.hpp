@@ -1,0 +1,130 @@
+#pragma once
+
+#include <vela/filesystem/export.hpp>
+#include <vela/filesystem/file_status.hpp>
+#include <vela/filesystem/path.hpp>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
+#include <cstdint>
+#include <string>
+
+/// Queries and changes on the host file system (Linux, POSIX calls).
+///
+/// Every operation takes `path` (a UTF-16 string converts implicitly), turns it into the
+/// UTF-8 access form first (a lone surrogate throws `FileNameConversionFailure`, an embedded
+/// NUL `InvalidArgument`, before anything is touched) and reports a failed system call
+/// through `throw_from_errno`, i.e. as one of the `FsysExceptionBase` types carrying the
+/// path. Nothing here takes locks or keeps state; concurrent calls are as safe as the
+/// system calls below them. Unless said otherwise a final symbolic link is NOT followed.
+namespace vela::filesystem {
+
+// --- Queries ---------------------------------------------------------------------------
+
+/// The status of the path itself (lstat). A missing path (ENOENT, or ENOTDIR for a path
+/// through a file) gives a status of type `file_not_found` instead of throwing.
+VELA_FS_API file_status symlink_status(path const& p);
+
+/// True when something is at the path; a dangling symbolic link exists.
+VELA_FS_API bool exists(path const& p);
+
+/// The text stored in a symbolic link, as it is (not resolved against the link's folder).
+VELA_FS_API path read_symlink(path const& p);
+
+/// The folder for temporary files: `TMPDIR` when set and not empty, else "/tmp".
+VELA_FS_API std::u16string temp_directory_name();
+
+/// The process's current folder.
+VELA_FS_API std::u16string get_current_path();
+
+// --- Attributes ------------------------------------------------------------------------
+
+/// Sets the nine permission bits (attribute bits are ignored on Linux). Without
+/// `file_status::perms_symlink` a final link is followed (chmod). With it the bits are set on
+/// the path itself: for anything but a link that is the same chmod; a link's own bits cannot
+/// be changed on Linux, which throws `InvalidOperation`.
+VELA_FS_API void permissions(path const& p, std::uint32_t bits);
+
+/// Sets the modification time (microseconds kept) of the path itself, not following a final
+/// link; the access time is left as it is. A not-a-date-time or infinite time throws
+/// `InvalidArgument`.
+VELA_FS_API void last_write_time(path const& p, boost::posix_time::ptime const& time);
+
+// --- Creation --------------------------------------------------------------------------
+
+/// Creates one folder (mode 0777 less the umask). Throws `FileExistsError` when anything,
+/// even a folder, is already there, `PathNotFound` when the parent is missing.
+VELA_FS_API void create_directory(path const& p);
+
+/// Creates the folder and every missing parent. An existing folder (or link to one) is fine;
+/// an existing non-folder on the way throws (`FileExistsError` or `NotDirectoryError`).
+/// Tolerates a folder created concurrently. Returns true when it created the last element.
+VELA_FS_API bool create_directories(path const& p);
+
+/// Creates the symbolic link `link` holding the text of `target` (which need not exist).
+/// `type_hint` (a `file_status` type bit) only matters on hosts with typed links; it is
+/// ignored here. An existing `link` throws `FileExistsError`.
+VELA_FS_API void create_symlink(path const& target, path const& link,
+                                std::uint32_t type_hint = file_status::regular_file);
+
+// --- Copying ---------------------------------------------------------------------------
+
+/// What `copy_file` does with an existing destination.
+enum class copy_option : int {
+    fail_if_exists = 0,     ///< throw `FileExistsError`, leave it alone
+    overwrite_if_exists = 1 ///< replace its content (truncate and write)
+};
+
+/// Copies a regular file's content and permission bits (like `cp`; owner, times and
+/// extended attributes are not copied). A final link in `from` is followed (it is opened for
+/// reading); a final link in `to` is never followed (O_NOFOLLOW: such a destination throws).
+/// The data moves inside the kernel (clone, then copy_file_range) and falls back to
+/// read/write only where the kernel refuses. The destination is flushed to disk (fdatasync)
+/// before returning. On failure a destination that this call created is removed; an
+/// overwritten one may be left partly written. Not atomic: readers may see a partial file.
+VELA_FS_API void copy_file(path const& from, path const& to, copy_option option);
+inline void copy_file(path const& from, path const& to, int option) {
+    copy_file(from, to, static_cast<copy_option>(option));
+}
+
+/// Copies the symbolic link `from` itself (its text) to `to`; an existing `to` throws
+/// `FileExistsError`.
+VELA_FS_API void copy_symlink(path const& from, path const& to);
+
+/// Copies the tree `from` into `to`: folders (with their permission bits), regular files (as
+/// `copy_file`), links as links (never followed). An existing destination folder is merged
+/// into; an existing file or link inside it throws `FileExistsError` and stops the copy,
+/// leaving what was copied so far. Other entry types (fifos, sockets, devices) are skipped.
+VELA_FS_API void copy_directory(path const& from, path const& to);
+
+// --- Renaming and removal --------------------------------------------------------------
+
+/// Switches for `rename`, both off by default.
+struct rename_options {
+    /// Fail with `FileExistsError` instead of replacing an existing destination (atomic
+    /// check, renameat2 RENAME_NOREPLACE).
+    bool no_replace = false;
+    /// Across file systems (EXDEV), copy then remove the source instead of failing. The
+    /// fallback is not atomic; a regular file or a link only.
+    bool allow_copy = false;
+};
+
+/// Renames `from` to `to` (rename(2)): atomic on one file system; an existing destination
+/// file is replaced, an empty destination folder too. With default options there is no
+/// fallback (across file systems: `SystemError` with EXDEV). Durability: after the rename
+/// the destination's folder is fsync-ed, and the source's folder too when it differs, so the
+/// new name survives a crash once this returns.
+VELA_FS_API void rename(path const& from, path const& to, rename_options options = {});
+
+/// Removes a file, a symbolic link (not its target) or an empty folder. A missing path throws
+/// `PathNotFound`, a folder with entries `DirectoryNotEmpty`.
+VELA_FS_API void remove(path const& p);
+
+/// Removes the path with everything below it and returns the number of entries removed (0
+/// for a missing path, which is not an error). Never follows a symbolic link: a link is
+/// removed itself, and the walk holds each folder open with O_NOFOLLOW|O_DIRECTORY and works
+/// relative to it (openat/unlinkat), so a folder swapped for a link during the walk makes it
+/// fail rather than escape the tree. Stops at the first failure, leaving the rest.
+VELA_FS_API std::uintmax_t remove_all(path const& p);
+
+} // namespace vela::filesystem

@@ -1,0 +1,77 @@
+#pragma once
+// Small helpers shared by the sources of this layer; not installed.
+
+#include <vela/filesystem/exceptions.hpp>
+#include <vela/filesystem/file_status.hpp>
+#include <vela/filesystem/path.hpp>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+namespace vela::filesystem::sys {
+
+/// An owned file descriptor, closed on destruction.
+class fd {
+public:
+    fd() = default;
+    explicit fd(int value) noexcept : m_fd(value) {}
+    fd(fd&& other) noexcept : m_fd(other.release()) {}
+    fd& operator=(fd&& other) noexcept {
+        reset(other.release());
+        return *this;
+    }
+    fd(fd const&) = delete;
+    fd& operator=(fd const&) = delete;
+    ~fd() { reset(); }
+
+    int get() const noexcept { return m_fd; }
+    explicit operator bool() const noexcept { return m_fd >= 0; }
+    int release() noexcept {
+        int const value = m_fd;
+        m_fd = -1;
+        return value;
+    }
+    void reset(int value = -1) noexcept {
+        if (m_fd >= 0)
+            ::close(m_fd);
+        m_fd = value;
+    }
+
+private:
+    int m_fd = -1;
+};
+
+/// The type bit for an st_mode.
+std::uint32_t type_of_mode(mode_t mode) noexcept;
+
+/// The full status from a stat record.
+file_status status_of(struct stat const& st);
+
+/// Modification time of a stat record (UTC, microseconds).
+boost::posix_time::ptime modification_time(struct stat const& st);
+
+/// Throws the exception for the current errno about `p`.
+[[noreturn]] inline void fail(path const& p, errno_origin origin = errno_origin::general) {
+    throw_from_errno(errno, p.native(), origin);
+}
+
+/// Runs a system call again while it is interrupted.
+template <class F>
+auto retry(F call) {
+    for (;;) {
+        auto const result = call();
+        if (result != -1 || errno != EINTR)
+            return result;
+    }
+}
+
+/// fsync of a folder, to make a change of names in it durable.
+void sync_folder(std::string const& folder_access);
+
+/// The folder part of an access-form path ("." for a bare name).
+std::string folder_of(std::string const& access);
+
+} // namespace vela::filesystem::sys
