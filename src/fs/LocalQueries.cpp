@@ -1,0 +1,124 @@
+// LocalFileSystemOps: existence, kind, permissions, times, size, link target, listings.
+// Every query takes the status of the path itself: a final symbolic link is never followed.
+
+#include <opc/LocalFileSystemOps.hpp>
+
+#include "fs/LocalTranslate.hpp"
+
+#include <vela/filesystem/directory_iterator.hpp>
+#include <vela/filesystem/exceptions.hpp>
+#include <vela/filesystem/file_status.hpp>
+#include <vela/filesystem/operations.hpp>
+
+namespace opc {
+
+namespace vfs = vela::filesystem;
+using detail::guardedHostCall;
+using Status = vfs::file_status;
+
+namespace {
+
+std::uint32_t typeOf(std::u16string const& path) {
+    return vfs::symlink_status(vfs::path(path)).type() & Status::file_type_mask;
+}
+
+// The status of a path that must exist; a missing one is reported as PathNotFound.
+Status existingStatus(std::u16string const& path) {
+    Status status = vfs::symlink_status(vfs::path(path));
+    if (status.type() & Status::file_not_found)
+        throw vfs::PathNotFound("vela:filesystem:PathNotFound");
+    return status;
+}
+
+} // namespace
+
+bool LocalFileSystemOps::doExists(const std::u16string& path, std::string& detail, error_code& ec) {
+    return guardedHostCall(false, detail, ec, [&] {
+        return (vfs::symlink_status(vfs::path(path)).type() & Status::file_not_found) == 0;
+    });
+}
+
+bool LocalFileSystemOps::doIsFile(const std::u16string& path, std::string& detail, error_code& ec) {
+    return guardedHostCall(false, detail, ec, [&] { return typeOf(path) == Status::regular_file; });
+}
+
+bool LocalFileSystemOps::doIsFolder(const std::u16string& path, std::string& detail, error_code& ec) {
+    return guardedHostCall(false, detail, ec, [&] { return typeOf(path) == Status::directory_file; });
+}
+
+bool LocalFileSystemOps::doIsSymlink(const std::u16string& path, std::string& detail, error_code& ec) {
+    return guardedHostCall(false, detail, ec, [&] { return typeOf(path) == Status::symlink_file; });
+}
+
+Perms::Perms_tag LocalFileSystemOps::doGetPermissions(const std::u16string& path, std::string& detail,
+                                                      error_code& ec) {
+    return guardedHostCall(Perms::PermsUnknown, detail, ec, [&] {
+        // The attribute bits travel with the permission bits, untranslated.
+        constexpr std::uint32_t kept = Status::perms_all | Status::archive_file | Status::system_file |
+                                       Status::hidden_file | Status::non_indexed_file;
+        return Perms::Perms_tag(existingStatus(path).permissions() & kept);
+    });
+}
+
+void LocalFileSystemOps::doSetPermissions(const std::u16string& path, Perms::Perms_tag perms, std::string& detail,
+                                          error_code& ec) {
+    if (perms == Perms::PermsUnknown)
+        return;
+    guardedHostCall(detail, ec, [&] {
+        if (path.empty())
+            throw vfs::InvalidArgument("vela:filesystem:InvalidArgument", "Empty path not permitted");
+        // On the path itself: a final link is not followed.
+        vfs::permissions(vfs::path(path), std::uint32_t(perms) | Status::perms_symlink);
+    });
+}
+
+FileSystemOps::ptime LocalFileSystemOps::doGetLastModifiedTime(const std::u16string& path, std::string& detail,
+                                                               error_code& ec) {
+    return guardedHostCall(ptime(boost::posix_time::not_a_date_time), detail, ec,
+                           [&] { return existingStatus(path).last_write_time(); });
+}
+
+void LocalFileSystemOps::doSetLastModifiedTime(const std::u16string& path, ptime time, std::string& detail,
+                                               error_code& ec) {
+    if (time.is_not_a_date_time())
+        return;
+    guardedHostCall(detail, ec, [&] { vfs::last_write_time(vfs::path(path), time); });
+}
+
+std::uint64_t LocalFileSystemOps::doGetSizeInBytes(const std::u16string& path, std::string& detail,
+                                                   error_code& ec) {
+    return guardedHostCall(std::uint64_t(0), detail, ec, [&] {
+        Status const status = existingStatus(path);
+        // Folders, links and every other kind are "not a file" alike.
+        if ((status.type() & Status::file_type_mask) != Status::regular_file)
+            throw vfs::FileIsDirectory("vela:filesystem:FileIsDirectory");
+        return status.size();
+    });
+}
+
+std::u16string LocalFileSystemOps::doGetLinkTarget(const std::u16string& path, std::string& detail,
+                                                   error_code& ec) {
+    return guardedHostCall(std::u16string(), detail, ec, [&] {
+        // As stored in the link, not resolved against the link's folder.
+        return normalizePath(vfs::read_symlink(vfs::path(path)).native());
+    });
+}
+
+void LocalFileSystemOps::doGetFiles(const std::u16string& folder, std::vector<std::u16string>& files,
+                                    bool recursive, std::string& detail, error_code& ec) {
+    guardedHostCall(detail, ec, [&] {
+        for (vfs::directory_iterator it{vfs::path(folder)}; it.is_open(); ++it) {
+            std::uint32_t const type = it->status().type() & Status::file_type_mask;
+            if (type == Status::regular_file || type == Status::symlink_file) {
+                files.push_back(normalizePath(it->full_pathname()));
+            } else if (recursive && type == Status::directory_file) {
+                // Depth first; the innermost failure is reported once and ends every level.
+                doGetFiles(normalizePath(it->full_pathname()), files, true, detail, ec);
+                if (ec.failed())
+                    return;
+            }
+        }
+    });
+}
+
+} // namespace opc

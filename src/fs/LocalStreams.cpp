@@ -1,0 +1,71 @@
+// LocalFileSystemOps: file streams. A failed open is reported with the system's own error
+// number and text, not through the exception translation.
+
+#include <opc/LocalFileSystemOps.hpp>
+
+#include "fs/LocalTranslate.hpp"
+
+#include <vela/filesystem/fstream.hpp>
+
+#include <cerrno>
+#include <cstring>
+
+namespace opc {
+
+namespace vfs = vela::filesystem;
+
+namespace {
+
+// The library's open-mode bits have fixed values; map each to the platform's own.
+std::ios_base::openmode toOpenMode(unsigned mode) {
+    std::ios_base::openmode result{};
+    if (mode & OpenMode::Append)
+        result |= std::ios_base::app;
+    if (mode & OpenMode::AtEnd)
+        result |= std::ios_base::ate;
+    if (mode & OpenMode::Binary)
+        result |= std::ios_base::binary;
+    if (mode & OpenMode::In)
+        result |= std::ios_base::in;
+    if (mode & OpenMode::Out)
+        result |= std::ios_base::out;
+    if (mode & OpenMode::Truncate)
+        result |= std::ios_base::trunc;
+    return result;
+}
+
+// Stream and count in one allocation. errno is cleared first so that a failed open that left it
+// alone (an open-mode combination the library refuses, such as in with truncate) is not
+// reported with a stale number: it becomes EINVAL.
+template <class Stream, class Handle>
+Handle openStream(std::u16string const& path, unsigned mode, std::string& detail,
+                  boost::system::error_code& ec) {
+    errno = 0;
+    auto stream = std::make_shared<Stream>(path, toOpenMode(mode));
+    if (!stream->fail() && !stream->bad())
+        return stream;
+    int const error = errno != 0 ? errno : EINVAL;
+    detail = std::strerror(error);
+    ec = boost::system::error_code(error, boost::system::generic_category());
+    return Handle();
+}
+
+} // namespace
+
+std::shared_ptr<std::istream> LocalFileSystemOps::doCreateInputStream(const std::u16string& path, unsigned mode,
+                                                                      std::string& detail, error_code& ec) {
+    return detail::guardedHostCall(std::shared_ptr<std::istream>(), detail, ec, [&] {
+        return openStream<vfs::basic_ifstream<char>, std::shared_ptr<std::istream>>(path, mode | OpenMode::In,
+                                                                                     detail, ec);
+    });
+}
+
+std::shared_ptr<std::ostream> LocalFileSystemOps::doCreateOutputStream(const std::u16string& path, unsigned mode,
+                                                                       std::string& detail, error_code& ec) {
+    return detail::guardedHostCall(std::shared_ptr<std::ostream>(), detail, ec, [&] {
+        return openStream<vfs::basic_ofstream<char>, std::shared_ptr<std::ostream>>(path, mode | OpenMode::Out,
+                                                                                      detail, ec);
+    });
+}
+
+} // namespace opc

@@ -1,0 +1,71 @@
+#include "fs/LocalTranslate.hpp"
+
+#include <opc/Text.hpp>
+
+#include <vela/filesystem/exceptions.hpp>
+
+#include <boost/filesystem/exception.hpp>
+
+namespace opc::detail {
+
+namespace {
+
+namespace vfs = vela::filesystem;
+namespace errc = boost::system::errc;
+
+// The host text, then ": " and the path when the exception names one.
+std::string hostText(vfs::FsysExceptionBase const& e) {
+    std::string text = e.what();
+    if (!e.path().empty()) {
+        text += ": ";
+        text += toUDEString(e.path());
+    }
+    return text;
+}
+
+void report(vfs::FsysExceptionBase const& e, boost::system::error_code code, std::string& detail,
+            boost::system::error_code& ec) {
+    detail = hostText(e);
+    ec = code;
+}
+
+} // namespace
+
+void translateHostException(std::string& detail, boost::system::error_code& ec) {
+    // The order matters: every host type derives from FsysExceptionBase.
+    try {
+        throw;
+    } catch (vfs::AccessDenied const& e) {
+        report(e, errc::make_error_code(errc::permission_denied), detail, ec);
+    } catch (vfs::PathNotFound const& e) {
+        report(e, errc::make_error_code(errc::no_such_file_or_directory), detail, ec);
+    } catch (vfs::FileExistsError const& e) {
+        report(e, errc::make_error_code(errc::file_exists), detail, ec);
+    } catch (vfs::FileNameTooLarge const& e) {
+        report(e, errc::make_error_code(errc::filename_too_long), detail, ec);
+    } catch (vfs::NotDirectoryError const& e) {
+        report(e, errc::make_error_code(errc::not_a_directory), detail, ec);
+    } catch (vfs::DirectoryNotEmpty const& e) {
+        report(e, errc::make_error_code(errc::directory_not_empty), detail, ec);
+    } catch (vfs::FileIsDirectory const& e) {
+        report(e, errc::make_error_code(errc::is_a_directory), detail, ec);
+    } catch (vfs::InvalidOperation const& e) {
+        report(e, errc::make_error_code(errc::operation_not_supported), detail, ec);
+    } catch (vfs::InvalidArgument const& e) {
+        report(e, errc::make_error_code(errc::invalid_argument), detail, ec);
+    } catch (vfs::FileNameConversionFailure const& e) {
+        report(e, errc::make_error_code(errc::invalid_argument), detail, ec);
+    } catch (vfs::SystemError const& e) {
+        report(e, boost::system::error_code(e.error_number(), boost::system::system_category()), detail, ec);
+    } catch (vfs::FsysExceptionBase const& e) {
+        report(e, errc::make_error_code(errc::io_error), detail, ec);
+    } catch (boost::filesystem::filesystem_error const& e) {
+        detail = e.what();
+        ec = e.code();
+    } catch (...) {
+        detail = "Unknown error";
+        ec = errc::make_error_code(errc::io_error);
+    }
+}
+
+} // namespace opc::detail
