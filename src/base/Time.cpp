@@ -1,0 +1,111 @@
+// Clock, time-zone conversion and the time text, over Boost.DateTime and the host text layer.
+
+#include <opc/Time.hpp>
+
+#include <vela/i18n/convert.hpp>
+#include <vela/i18n/facet.hpp>
+#include <vela/i18n/initialize.hpp>
+#include <vela/i18n/time_zone.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <ctime>
+#include <locale>
+#include <sstream>
+#include <stdexcept>
+
+namespace opc {
+namespace {
+
+namespace pt = boost::posix_time;
+
+constexpr wchar_t const* kTimeFormat = L"%Y-%m-%dT%H:%M:%SZ";
+
+// The two locales are built once (a guarded function-local static) and only read after.
+std::locale const& writingLocale() {
+    static std::locale const locale(vela::i18n::facet::get_global_std_locale(), new pt::wtime_facet(kTimeFormat));
+    return locale;
+}
+
+std::locale const& readingLocale() {
+    static std::locale const locale(vela::i18n::facet::get_global_std_locale(),
+                                    new pt::wtime_input_facet(kTimeFormat));
+    return locale;
+}
+
+// One stream per thread, imbued once: imbuing and constructing a stream cost more than the
+// formatting itself.
+std::wostringstream& writer() {
+    thread_local std::wostringstream stream = [] {
+        std::wostringstream s;
+        s.imbue(writingLocale());
+        return s;
+    }();
+    return stream;
+}
+
+std::wistringstream& reader() {
+    thread_local std::wistringstream stream = [] {
+        std::wistringstream s;
+        s.imbue(readingLocale());
+        return s;
+    }();
+    return stream;
+}
+
+} // namespace
+
+pt::ptime getCurrentTime() {
+    std::time_t const now = std::time(nullptr);
+    std::tm parts{};
+    if (gmtime_r(&now, &parts) == nullptr) {
+        throw std::runtime_error("could not convert calendar time to UTC time");
+    }
+    boost::gregorian::date const day(static_cast<unsigned short>(parts.tm_year + 1900),
+                                     static_cast<unsigned short>(parts.tm_mon + 1),
+                                     static_cast<unsigned short>(parts.tm_mday));
+    return pt::ptime(day, pt::time_duration(parts.tm_hour, parts.tm_min, parts.tm_sec));
+}
+
+pt::ptime convertToLocalTime(pt::ptime const& utc) {
+    return vela::i18n::time_zone::from_utc(utc, vela::i18n::time_zone::timezone(std::string()));
+}
+
+pt::ptime convertToUTCTime(pt::ptime const& local) {
+    return vela::i18n::time_zone::to_utc(local, vela::i18n::time_zone::timezone(std::string()));
+}
+
+std::u16string convertTimeToString(pt::ptime time) {
+    vela::i18n::initialize();
+    writingLocale();
+    if (time.is_special()) {
+        return std::u16string();
+    }
+    std::wostringstream& stream = writer();
+    stream.str(std::wstring());
+    stream.clear();
+    stream << time;
+    return vela::i18n::to_ustring(stream.str());
+}
+
+pt::ptime convertStringToTime(std::u16string const& text) {
+    vela::i18n::initialize();
+    readingLocale();
+    std::wistringstream& stream = reader();
+    stream.str(vela::i18n::to_wstring(text));
+    stream.clear();
+
+    pt::ptime time(boost::date_time::not_a_date_time);
+    stream >> time;
+    if (stream.fail() || stream.bad()) {
+        return pt::ptime(boost::date_time::not_a_date_time);
+    }
+    if (stream.peek() != std::wistringstream::traits_type::eof()) {
+        return pt::ptime(boost::date_time::not_a_date_time);
+    }
+    // Longer than a bare date: the T must sit at its usual place, with a full time of day.
+    bool const shapeOk = text.size() <= 11 || (text[10] == u'T' && text.size() >= 19);
+    return shapeOk ? time : pt::ptime(boost::date_time::not_a_date_time);
+}
+
+} // namespace opc
