@@ -1,0 +1,106 @@
+#pragma once
+
+#include <stratum/export.hpp>
+#include <stratum/storage/provider/FileAttributes.hpp>
+#include <stratum/storage/vfs/IRI.hpp>
+
+#include <boost/date_time/posix_time/ptime.hpp>
+
+#include <ios>
+#include <memory>
+#include <streambuf>
+#include <string>
+#include <vector>
+
+namespace stratum::storage::provider {
+
+/// What is stored at an IRI; the values are the answer of `vfs::exists`.
+enum ItemKind : int { FileItem = 0, FolderItem = 1, NoItem = 2 };
+
+/// One child of a folder, as a provider lists it.
+struct FolderEntry {
+    std::u16string name;  ///< decoded name of the child (one segment)
+    bool folder;          ///< true for a folder, false for a file
+};
+
+/// The one interface a storage scheme implements. The public operations of `vfs` (`File`,
+/// `Folder`, `exists`, `copy`, `move`, `remove`, the streams) look up the provider registered
+/// for the IRI's scheme in the storage system and reduce everything to these primitives:
+/// replacement policies, recursion, cross-scheme copies, mode decoding and the checks that are
+/// the same for every scheme live above this interface, once.
+///
+/// Every IRI handed to a provider has the provider's scheme. Failures are thrown as
+/// `vfs::Exception` with the matching `ErrorCode` and the IRI concerned as location; a
+/// provider translates its own back end's failures in one place. A provider is shared by all
+/// copies of a storage system reference and may be called from several threads at once: each
+/// call must be safe against concurrent calls (a sequence of calls is not atomic).
+class STRATUM_API StorageProvider {
+public:
+    StorageProvider() = default;
+    StorageProvider(StorageProvider const&) = delete;
+    StorageProvider& operator=(StorageProvider const&) = delete;
+    virtual ~StorageProvider();
+
+    /// What is at `iri`; never throws for a missing item (or a path through a file).
+    virtual ItemKind getKind(vfs::AbsoluteIRI const& iri) = 0;
+
+    /// Size, time and writability of the file at `iri`. `NotFound` when there is no file
+    /// there (nothing, or a folder).
+    virtual FileAttributes getAttributes(vfs::AbsoluteIRI const& iri) = 0;
+
+    /// The direct children of the folder at `iri`, sorted by name (code unit order).
+    /// `NotFound` when `iri` is not a folder.
+    virtual std::vector<FolderEntry> listFolder(vfs::AbsoluteIRI const& iri) = 0;
+
+    /// Creates one folder. `FileExists` when anything is at `iri` already; `NotFound` when
+    /// the parent is not a folder.
+    virtual void createFolder(vfs::AbsoluteIRI const& iri) = 0;
+
+    /// Writability of a file or folder. A read-only file refuses output streams.
+    /// `NotFound` for a missing item.
+    virtual bool isWritable(vfs::AbsoluteIRI const& iri) = 0;
+    virtual void setWritable(vfs::AbsoluteIRI const& iri, bool writable) = 0;
+
+    /// Last modification time (UTC) of a file or folder. `NotFound` for a missing item.
+    virtual boost::posix_time::ptime getLastModified(vfs::AbsoluteIRI const& iri) = 0;
+    virtual void setLastModified(vfs::AbsoluteIRI const& iri, boost::posix_time::ptime time) = 0;
+
+    /// Removes the file at `iri` (read-only files too). `NotFound` when no file is there.
+    virtual void removeFile(vfs::AbsoluteIRI const& iri) = 0;
+
+    /// Removes the empty folder at `iri`. `DirectoryNotEmpty` when it holds anything,
+    /// `NotFound` when no folder is there.
+    virtual void removeEmptyFolder(vfs::AbsoluteIRI const& iri) = 0;
+
+    /// Removes the folder at `iri` with everything in it. The default walks the tree with
+    /// `listFolder`, `removeFile` and `removeEmptyFolder`; providers that can do better
+    /// (in one lock, or without following links) override it.
+    virtual void removeTree(vfs::AbsoluteIRI const& iri);
+
+    /// Renames `from` (a file or folder) to `to` within this provider. The caller guarantees
+    /// that `from` exists, that `to` is neither `from` nor inside it, that `to`'s parent is a
+    /// folder, and that `to` is either missing or a file while `from` is a file; an existing
+    /// file at `to` is replaced (atomically where the back end can).
+    virtual void rename(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI const& to) = 0;
+
+    /// A read buffer over the file at `iri`, positioned at its start, or null when there is
+    /// no readable file there. The buffer must stay valid after the provider's other calls and
+    /// holds what it needs (a content snapshot, an open descriptor).
+    virtual std::unique_ptr<std::streambuf> openInput(vfs::AbsoluteIRI const& iri) = 0;
+
+    /// A write buffer over the file at `iri`. `mode` is a valid `std::fstream` combination and
+    /// always holds `out`: `trunc` (or `out` without `in` and `app`) starts empty, creating the
+    /// file; `app` creates a missing file and writes every byte at the end; `in|out` without
+    /// `trunc` needs an existing file and overwrites it in place; `ate` starts at the end.
+    /// Written bytes become visible to new readers at `pubsync()` (and so at close).
+    /// The caller has checked that the parent is a folder and that no folder or read-only
+    /// file is at `iri`. Throws (`NotFound` for a missing file under `in|out`, ...) on failure.
+    virtual std::unique_ptr<std::streambuf> openOutput(vfs::AbsoluteIRI const& iri, std::ios_base::openmode mode) = 0;
+
+    /// Copies the content of the file `from` to the new file `to` (the caller removed any
+    /// destination first and checked its parent). The default streams through `openInput`
+    /// and `openOutput`; providers with a native copy override it.
+    virtual void copyFile(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI const& to);
+};
+
+} // namespace stratum::storage::provider

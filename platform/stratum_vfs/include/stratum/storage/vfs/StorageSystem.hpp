@@ -1,0 +1,48 @@
+#pragma once
+
+#include <stratum/export.hpp>
+
+#include <memory>
+#include <string>
+
+namespace stratum::storage::provider {
+class StorageProvider;
+}
+
+namespace stratum::storage::vfs {
+
+namespace detail {
+class StorageSystem;
+}
+
+/// A cheap, copyable handle to one storage system: the providers that serve its schemes.
+///
+/// A default-constructed reference makes a new storage system with two providers:
+/// - `file`: the local disk, through the host file-system layer;
+/// - `memory`: an in-memory tree of folders and files owned by this storage system and shared
+///   by every copy of the reference (and every `File`, `Folder` and stream made from one); it
+///   lives until the last of them is gone. Two storage systems never share a memory tree.
+/// Copies share the same system. All operations may be used from several threads at once.
+class STRATUM_API StorageSystemReference {
+public:
+    StorageSystemReference();
+
+    /// The provider serving `scheme` (matched ignoring case). Throws
+    /// `UnsupportedIRISchemeException` when none is registered.
+    std::shared_ptr<provider::StorageProvider> getProvider(std::u16string const& scheme) const;
+
+    /// Registers `provider` for `scheme` (ignoring case), replacing the one there. The scheme
+    /// must be known to the IRI parser (`isKnownIRIScheme`), else
+    /// `UnsupportedIRISchemeException`. Lets tests wrap a provider (to inject faults) and
+    /// lets a system be set up with another back end for a scheme.
+    void setProvider(std::u16string const& scheme, std::shared_ptr<provider::StorageProvider> provider);
+
+    /// True when both handles refer to the same storage system.
+    friend STRATUM_API bool operator==(StorageSystemReference const& a, StorageSystemReference const& b);
+    friend bool operator!=(StorageSystemReference const& a, StorageSystemReference const& b) { return !(a == b); }
+
+private:
+    std::shared_ptr<detail::StorageSystem> system_;
+};
+
+} // namespace stratum::storage::vfs

@@ -1,0 +1,298 @@
+// IRI text: parsing, canonical printing, relative resolution. Pure text work, no storage.
+#include <stratum/storage/vfs/Exception.hpp>
+#include <stratum/storage/vfs/IRI.hpp>
+
+#include "Utf.hpp"
+
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <vector>
+
+namespace stratum::storage::vfs {
+
+namespace {
+
+// Every scheme some provider serves, lower case. A new provider adds its scheme here.
+constexpr std::array<char16_t const*, 2> knownSchemes = {u"file", u"memory"};
+
+bool isAlpha(char16_t c) { return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z'); }
+bool isDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
+
+int hexValue(char16_t c) {
+    if (isDigit(c)) {
+        return c - u'0';
+    }
+    if (c >= u'a' && c <= u'f') {
+        return c - u'a' + 10;
+    }
+    if (c >= u'A' && c <= u'F') {
+        return c - u'A' + 10;
+    }
+    return -1;
+}
+
+// Length of the scheme at the start of `text` (RFC 3986 syntax) when a ":" follows it, else 0.
+std::size_t schemeLength(std::u16string const& text) {
+    if (text.empty() || !isAlpha(text[0])) {
+        return 0;
+    }
+    std::size_t i = 1;
+    while (i < text.size() && (isAlpha(text[i]) || isDigit(text[i]) || text[i] == u'+' || text[i] == u'-' ||
+                               text[i] == u'.')) {
+        ++i;
+    }
+    return i < text.size() && text[i] == u':' ? i : 0;
+}
+
+bool needsEscape(char16_t c) { return c < 0x20 || c == 0x7F || c == u' ' || c == u'%' || c == u'#' || c == u'?'; }
+
+void appendEncoded(std::u16string& out, std::u16string const& segment) {
+    static constexpr char16_t hex[] = u"0123456789ABCDEF";
+    for (char16_t c : segment) {
+        if (needsEscape(c)) {
+            out += u'%';
+            out += hex[(c >> 4) & 0xF];
+            out += hex[c & 0xF];
+        } else {
+            out += c;
+        }
+    }
+}
+
+// Applies "/"-separated decoded text to `segments`: empty and "." segments vanish, ".." drops
+// the last segment (none at the root).
+void applySegments(std::vector<std::u16string>& segments, std::u16string const& decoded) {
+    std::size_t start = 0;
+    while (start <= decoded.size()) {
+        std::size_t end = decoded.find(u'/', start);
+        if (end == std::u16string::npos) {
+            end = decoded.size();
+        }
+        std::u16string segment = decoded.substr(start, end - start);
+        if (segment == u"..") {
+            if (!segments.empty()) {
+                segments.pop_back();
+            }
+        } else if (!segment.empty() && segment != u".") {
+            segments.push_back(std::move(segment));
+        }
+        start = end + 1;
+    }
+}
+
+// Decodes the percent-escapes of IRI path text; throws InvalidIRIException (naming `whole`)
+// for a bad escape, invalid UTF-8 or UTF-16, or NUL.
+std::u16string decodePath(std::u16string const& text, std::u16string const& whole) {
+    std::string bytes;
+    std::u16string raw;
+    std::string rawUtf8;
+    auto flushRaw = [&] {
+        if (!raw.empty()) {
+            if (!detail::toUtf8(raw, rawUtf8)) {
+                throw InvalidIRIException(whole);
+            }
+            bytes += rawUtf8;
+            raw.clear();
+        }
+    };
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == u'%') {
+            int high = i + 2 < text.size() ? hexValue(text[i + 1]) : -1;
+            int low = high >= 0 ? hexValue(text[i + 2]) : -1;
+            if (low < 0) {
+                throw InvalidIRIException(whole);
+            }
+            flushRaw();
+            bytes += static_cast<char>(high * 16 + low);
+            i += 2;
+        } else {
+            raw += text[i];
+        }
+    }
+    flushRaw();
+    std::u16string decoded;
+    if (!detail::fromUtf8(bytes, decoded) || decoded.find(u'\0') != std::u16string::npos) {
+        throw InvalidIRIException(whole);
+    }
+    return decoded;
+}
+
+bool validUtf16(std::u16string const& text) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        char16_t c = text[i];
+        if (c >= 0xD800 && c <= 0xDBFF) {
+            if (i + 1 >= text.size() || text[i + 1] < 0xDC00 || text[i + 1] > 0xDFFF) {
+                return false;
+            }
+            ++i;
+        } else if (c >= 0xDC00 && c <= 0xDFFF) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::u16string currentFolder() {
+    std::vector<char> buffer(PATH_MAX);
+    while (::getcwd(buffer.data(), buffer.size()) == nullptr) {
+        if (errno != ERANGE) {
+            throw Exception(ErrorCode::IOError, AbsoluteIRI(), "the current folder cannot be read");
+        }
+        buffer.resize(buffer.size() * 2);
+    }
+    std::u16string folder;
+    if (!detail::fromUtf8(buffer.data(), folder)) {
+        throw Exception(ErrorCode::IOError, AbsoluteIRI(), "the current folder is not UTF-8");
+    }
+    return folder;
+}
+
+} // namespace
+
+AbsoluteIRI::AbsoluteIRI() = default;
+
+AbsoluteIRI::AbsoluteIRI(std::u16string const& text) {
+    if (!validUtf16(text)) {
+        throw InvalidIRIException(text);
+    }
+    std::size_t length = schemeLength(text);
+    if (length == 0) {
+        throw InvalidIRIException(text);
+    }
+    scheme_ = text.substr(0, length);
+    if (!isKnownIRIScheme(scheme_)) {
+        throw UnsupportedIRISchemeException(scheme_);
+    }
+    // "//", an empty authority, then an absolute path.
+    if (text.compare(length + 1, 3, u"///") != 0) {
+        throw InvalidIRIException(text);
+    }
+    applySegments(segments_, decodePath(text.substr(length + 3), text));
+}
+
+AbsoluteIRI::AbsoluteIRI(AbsoluteIRI const& base, std::u16string const& relative)
+    : scheme_(base.scheme_), segments_(base.segments_) {
+    if (!validUtf16(relative)) {
+        throw InvalidIRIException(relative);
+    }
+    applySegments(segments_, decodePath(relative, relative));
+}
+
+std::u16string AbsoluteIRI::toString() const {
+    if (scheme_.empty()) {
+        return {};
+    }
+    std::u16string out = scheme_ + u"://";
+    if (segments_.empty()) {
+        out += u'/';
+    }
+    for (auto const& segment : segments_) {
+        out += u'/';
+        appendEncoded(out, segment);
+    }
+    return out;
+}
+
+std::u16string const& AbsoluteIRI::getScheme() const { return scheme_; }
+
+std::u16string AbsoluteIRI::getPath() const {
+    if (segments_.empty()) {
+        return u"/";
+    }
+    std::u16string path;
+    for (auto const& segment : segments_) {
+        path += u'/';
+        path += segment;
+    }
+    return path;
+}
+
+std::u16string AbsoluteIRI::getName() const { return segments_.empty() ? std::u16string() : segments_.back(); }
+
+std::vector<std::u16string> const& AbsoluteIRI::getSegments() const { return segments_; }
+
+bool AbsoluteIRI::hasParent() const { return !segments_.empty(); }
+
+AbsoluteIRI AbsoluteIRI::getParent() const {
+    AbsoluteIRI parent(*this);
+    if (!parent.segments_.empty()) {
+        parent.segments_.pop_back();
+    }
+    return parent;
+}
+
+AbsoluteIRI AbsoluteIRI::getChild(std::u16string const& name) const {
+    if (name.empty() || name == u"." || name == u".." || name.find(u'/') != std::u16string::npos ||
+        name.find(u'\0') != std::u16string::npos || !validUtf16(name)) {
+        throw InvalidIRIException(name);
+    }
+    AbsoluteIRI child(*this);
+    child.segments_.push_back(name);
+    return child;
+}
+
+bool AbsoluteIRI::isWithin(AbsoluteIRI const& other) const {
+    if (detail::asciiLower(scheme_) != detail::asciiLower(other.scheme_) ||
+        other.segments_.size() > segments_.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < other.segments_.size(); ++i) {
+        if (segments_[i] != other.segments_[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool operator==(AbsoluteIRI const& a, AbsoluteIRI const& b) {
+    return a.segments_ == b.segments_ && detail::asciiLower(a.scheme_) == detail::asciiLower(b.scheme_);
+}
+
+bool isKnownIRIScheme(std::u16string const& scheme) {
+    std::u16string lower = detail::asciiLower(scheme);
+    for (auto const* known : knownSchemes) {
+        if (lower == known) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool hasIRIPrefix(std::u16string const& text) {
+    std::size_t length = schemeLength(text);
+    return length != 0 && isKnownIRIScheme(text.substr(0, length));
+}
+
+AbsoluteIRI toAbsoluteIRI(std::u16string const& scheme, std::u16string const& hostPath) {
+    if (!isKnownIRIScheme(scheme)) {
+        throw UnsupportedIRISchemeException(scheme);
+    }
+    if (!validUtf16(hostPath) || hostPath.find(u'\0') != std::u16string::npos) {
+        throw InvalidIRIException(hostPath);
+    }
+    std::u16string absolute = !hostPath.empty() && hostPath[0] == u'/' ? hostPath : currentFolder() + u'/' + hostPath;
+    // Host names are literal: split and resolve them, then print each name canonically.
+    std::vector<std::u16string> segments;
+    applySegments(segments, absolute);
+    std::u16string text = scheme + u"://";
+    if (segments.empty()) {
+        text += u'/';
+    }
+    for (auto const& segment : segments) {
+        text += u'/';
+        appendEncoded(text, segment);
+    }
+    return AbsoluteIRI(text);
+}
+
+std::u16string fromAbsoluteIRI(AbsoluteIRI const& iri) {
+    if (detail::asciiLower(iri.getScheme()) != u"file") {
+        throw UnsupportedIRISchemeException(iri.getScheme());
+    }
+    return iri.getPath();
+}
+
+} // namespace stratum::storage::vfs

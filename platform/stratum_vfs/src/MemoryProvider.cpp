@@ -1,0 +1,348 @@
+// The `memory` scheme: a tree of folders and files held by one storage system.
+//
+// One mutex guards the whole tree; every provider call takes it once, so each call is atomic.
+// File contents are immutable shared strings: a reader keeps the snapshot it opened, a writer
+// publishes a new string at every sync. Read-only folders refuse new and removed children.
+#include <stratum/storage/vfs/Exception.hpp>
+
+#include "Providers.hpp"
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <map>
+#include <mutex>
+#include <sstream>
+
+namespace stratum::storage::vfs::detail {
+
+namespace {
+
+using provider::FileAttributes;
+using provider::FolderEntry;
+using provider::ItemKind;
+using boost::posix_time::ptime;
+
+struct Node {
+    explicit Node(bool isFolder) : folder(isFolder) {}
+    bool folder;
+    bool readOnly = false;
+    ptime modified;
+    std::shared_ptr<std::string const> content = std::make_shared<std::string const>();
+    std::map<std::u16string, std::shared_ptr<Node>> children;
+};
+
+struct Tree {
+    std::mutex mutex;
+    std::shared_ptr<Node> root;
+};
+
+// Moves a node's time to now, strictly after its previous time, so every change shows.
+void touch(Node& node) {
+    ptime now = boost::posix_time::microsec_clock::universal_time();
+    if (!node.modified.is_special() && now <= node.modified) {
+        now = node.modified + boost::posix_time::microseconds(1);
+    }
+    node.modified = now;
+}
+
+// Reads a published content snapshot; seekable within it.
+class SnapshotBuffer : public std::streambuf {
+public:
+    explicit SnapshotBuffer(std::shared_ptr<std::string const> content) : content_(std::move(content)) {
+        char* begin = const_cast<char*>(content_->data());
+        setg(begin, begin, begin + content_->size());
+    }
+
+protected:
+    pos_type seekoff(off_type offset, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
+        if (!(which & std::ios_base::in)) {
+            return pos_type(off_type(-1));
+        }
+        off_type base = dir == std::ios_base::beg ? 0 : dir == std::ios_base::cur ? gptr() - eback() : egptr() - eback();
+        off_type target = base + offset;
+        if (target < 0 || target > egptr() - eback()) {
+            return pos_type(off_type(-1));
+        }
+        setg(eback(), eback() + target, egptr());
+        return pos_type(target);
+    }
+    pos_type seekpos(pos_type pos, std::ios_base::openmode which) override {
+        return seekoff(off_type(pos), std::ios_base::beg, which);
+    }
+
+private:
+    std::shared_ptr<std::string const> content_;
+};
+
+// Collects written bytes and publishes them as the file's content at every sync.
+class PublishingBuffer : public std::stringbuf {
+public:
+    PublishingBuffer(std::shared_ptr<Tree> tree, std::shared_ptr<Node> node, std::string const& initial,
+                     std::ios_base::openmode mode)
+        : std::stringbuf(initial, mode & ~std::ios_base::app), tree_(std::move(tree)), node_(std::move(node)),
+          append_((mode & std::ios_base::app) != 0) {
+        if (append_ || (mode & std::ios_base::ate)) {
+            pubseekoff(0, std::ios_base::end, std::ios_base::out);
+        }
+    }
+
+protected:
+    int sync() override {
+        auto content = std::make_shared<std::string const>(str());
+        std::lock_guard<std::mutex> lock(tree_->mutex);
+        node_->content = std::move(content);
+        touch(*node_);
+        return 0;
+    }
+    // Appending writes always go to the end: moving the output position is refused.
+    pos_type seekoff(off_type offset, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
+        if (append_ && (which & std::ios_base::out)) {
+            return pos_type(off_type(-1));
+        }
+        return std::stringbuf::seekoff(offset, dir, which);
+    }
+    pos_type seekpos(pos_type pos, std::ios_base::openmode which) override {
+        if (append_ && (which & std::ios_base::out)) {
+            return pos_type(off_type(-1));
+        }
+        return std::stringbuf::seekpos(pos, which);
+    }
+
+private:
+    std::shared_ptr<Tree> tree_;
+    std::shared_ptr<Node> node_;
+    bool append_;
+};
+
+class MemoryProvider final : public provider::StorageProvider {
+public:
+    MemoryProvider() : tree_(std::make_shared<Tree>()) {
+        tree_->root = std::make_shared<Node>(true);
+        touch(*tree_->root);
+    }
+
+    ItemKind getKind(AbsoluteIRI const& iri) override {
+        Lock lock(tree_->mutex);
+        Node* node = find(iri.getSegments(), iri.getSegments().size());
+        return node == nullptr ? provider::NoItem : node->folder ? provider::FolderItem : provider::FileItem;
+    }
+
+    FileAttributes getAttributes(AbsoluteIRI const& iri) override {
+        Lock lock(tree_->mutex);
+        Node& node = existingFile(iri);
+        return FileAttributes(node.content->size(), node.modified, !node.readOnly);
+    }
+
+    std::vector<FolderEntry> listFolder(AbsoluteIRI const& iri) override {
+        Lock lock(tree_->mutex);
+        Node& folder = existingFolder(iri);
+        std::vector<FolderEntry> entries;
+        entries.reserve(folder.children.size());
+        for (auto const& [name, child] : folder.children) {
+            entries.push_back(FolderEntry{name, child->folder});
+        }
+        return entries;
+    }
+
+    void createFolder(AbsoluteIRI const& iri) override {
+        Lock lock(tree_->mutex);
+        if (!iri.hasParent()) {
+            throw Exception(ErrorCode::FileExists, iri);
+        }
+        Node& parent = changeableParent(iri);
+        auto [place, added] = parent.children.emplace(iri.getName(), nullptr);
+        if (!added) {
+            throw Exception(ErrorCode::FileExists, iri);
+        }
+        place->second = std::make_shared<Node>(true);
+        touch(*place->second);
+        touch(parent);
+    }
+
+    bool isWritable(AbsoluteIRI const& iri) override {
+        Lock lock(tree_->mutex);
+        return !existing(iri).readOnly;
+    }
+
+    void setWritable(AbsoluteIRI const& iri, bool writable) override {
+        Lock lock(tree_->mutex);
+        existing(iri).readOnly = !writable;
+    }
+
+    ptime getLastModified(AbsoluteIRI const& iri) override {
+        Lock lock(tree_->mutex);
+        return existing(iri).modified;
+    }
+
+    void setLastModified(AbsoluteIRI const& iri, ptime time) override {
+        Lock lock(tree_->mutex);
+        existing(iri).modified = time;
+    }
+
+    void removeFile(AbsoluteIRI const& iri) override {
+        Lock lock(tree_->mutex);
+        existingFile(iri);
+        detach(iri);
+    }
+
+    void removeEmptyFolder(AbsoluteIRI const& iri) override {
+        Lock lock(tree_->mutex);
+        if (!existingFolder(iri).children.empty()) {
+            throw Exception(ErrorCode::DirectoryNotEmpty, iri);
+        }
+        detach(iri);
+    }
+
+    void removeTree(AbsoluteIRI const& iri) override {
+        Lock lock(tree_->mutex);
+        existingFolder(iri);
+        detach(iri);
+    }
+
+    void rename(AbsoluteIRI const& from, AbsoluteIRI const& to) override {
+        Lock lock(tree_->mutex);
+        Node& target = changeableParent(to);
+        auto place = target.children.find(to.getName());
+        if (place != target.children.end() && place->second->folder) {
+            throw Exception(ErrorCode::FileExists, to);
+        }
+        std::shared_ptr<Node> node = detach(from);
+        target.children[to.getName()] = std::move(node);
+        touch(target);
+    }
+
+    std::unique_ptr<std::streambuf> openInput(AbsoluteIRI const& iri) override {
+        Lock lock(tree_->mutex);
+        Node* node = find(iri.getSegments(), iri.getSegments().size());
+        if (node == nullptr || node->folder) {
+            return nullptr;
+        }
+        return std::make_unique<SnapshotBuffer>(node->content);
+    }
+
+    std::unique_ptr<std::streambuf> openOutput(AbsoluteIRI const& iri, std::ios_base::openmode mode) override {
+        bool const keep = (mode & std::ios_base::in) && !(mode & std::ios_base::trunc) && !(mode & std::ios_base::app);
+        bool const truncate = !keep && !(mode & std::ios_base::app);
+        Lock lock(tree_->mutex);
+        if (!iri.hasParent()) {
+            throw Exception(ErrorCode::IOError, iri, "the root is a folder");
+        }
+        Node& parent = existingFolder(iri.getParent());
+        auto place = parent.children.find(iri.getName());
+        std::shared_ptr<Node> node;
+        if (place == parent.children.end()) {
+            if (keep) {
+                throw Exception(ErrorCode::NotFound, iri);
+            }
+            if (parent.readOnly) {
+                throw Exception(ErrorCode::PermissionDenied, iri.getParent());
+            }
+            node = std::make_shared<Node>(false);
+            parent.children.emplace(iri.getName(), node);
+            touch(*node);
+            touch(parent);
+        } else {
+            node = place->second;
+            if (node->folder) {
+                throw Exception(ErrorCode::IOError, iri, "a folder cannot be written");
+            }
+            if (node->readOnly) {
+                throw Exception(ErrorCode::PermissionDenied, iri);
+            }
+            if (truncate && !node->content->empty()) {
+                node->content = std::make_shared<std::string const>();
+                touch(*node);
+            }
+        }
+        std::string initial = truncate ? std::string() : *node->content;
+        return std::make_unique<PublishingBuffer>(tree_, node, initial, mode | std::ios_base::out);
+    }
+
+    void copyFile(AbsoluteIRI const& from, AbsoluteIRI const& to) override {
+        Lock lock(tree_->mutex);
+        Node& source = existingFile(from);
+        Node& parent = changeableParent(to);
+        auto copy = std::make_shared<Node>(false);
+        copy->content = source.content;  // immutable: sharing is copying
+        touch(*copy);
+        parent.children[to.getName()] = std::move(copy);
+        touch(parent);
+    }
+
+private:
+    using Lock = std::lock_guard<std::mutex>;
+
+    // The node at the first `depth` segments, or null. Caller holds the lock.
+    Node* find(std::vector<std::u16string> const& segments, std::size_t depth) const {
+        Node* node = tree_->root.get();
+        for (std::size_t i = 0; i < depth; ++i) {
+            if (!node->folder) {
+                return nullptr;
+            }
+            auto child = node->children.find(segments[i]);
+            if (child == node->children.end()) {
+                return nullptr;
+            }
+            node = child->second.get();
+        }
+        return node;
+    }
+
+    Node& existing(AbsoluteIRI const& iri) const {
+        Node* node = find(iri.getSegments(), iri.getSegments().size());
+        if (node == nullptr) {
+            throw Exception(ErrorCode::NotFound, iri);
+        }
+        return *node;
+    }
+
+    Node& existingFile(AbsoluteIRI const& iri) const {
+        Node& node = existing(iri);
+        if (node.folder) {
+            throw Exception(ErrorCode::NotFound, iri, "a folder is not a file");
+        }
+        return node;
+    }
+
+    Node& existingFolder(AbsoluteIRI const& iri) const {
+        Node& node = existing(iri);
+        if (!node.folder) {
+            throw Exception(ErrorCode::NotFound, iri, "a file is not a folder");
+        }
+        return node;
+    }
+
+    // The parent folder of `iri`, which must accept new and removed children.
+    Node& changeableParent(AbsoluteIRI const& iri) const {
+        AbsoluteIRI parentIri = iri.getParent();
+        Node& parent = existingFolder(parentIri);
+        if (parent.readOnly) {
+            throw Exception(ErrorCode::PermissionDenied, parentIri);
+        }
+        return parent;
+    }
+
+    // Unlinks the existing item at `iri` from its parent and returns it.
+    std::shared_ptr<Node> detach(AbsoluteIRI const& iri) const {
+        if (!iri.hasParent()) {
+            throw Exception(ErrorCode::NotSupported, iri, "the root cannot be removed or moved");
+        }
+        Node& parent = changeableParent(iri);
+        auto place = parent.children.find(iri.getName());
+        if (place == parent.children.end()) {
+            throw Exception(ErrorCode::NotFound, iri);
+        }
+        std::shared_ptr<Node> node = std::move(place->second);
+        parent.children.erase(place);
+        touch(parent);
+        return node;
+    }
+
+    std::shared_ptr<Tree> tree_;
+};
+
+} // namespace
+
+std::shared_ptr<provider::StorageProvider> makeMemoryProvider() { return std::make_shared<MemoryProvider>(); }
+
+} // namespace stratum::storage::vfs::detail

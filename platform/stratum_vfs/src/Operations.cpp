@@ -1,0 +1,191 @@
+// Operations on stored items: the rules shared by every scheme (policies, recursion, checks),
+// reduced to provider primitives. Cross-provider copies stream from one provider to the other.
+#include <stratum/storage/provider/StorageProvider.hpp>
+#include <stratum/storage/vfs/Exception.hpp>
+#include <stratum/storage/vfs/Operations.hpp>
+
+#include "Providers.hpp"
+
+namespace stratum::storage::vfs {
+
+namespace {
+
+using provider::ItemKind;
+using provider::StorageProvider;
+
+struct Place {
+    AbsoluteIRI iri;
+    std::shared_ptr<StorageProvider> provider;
+};
+
+Place placeOf(FileOrFolder const& item) {
+    return std::visit(
+        [](auto const& alternative) {
+            return Place{alternative.getIRI(), alternative.getStorageSystem().getProvider(alternative.getIRI().getScheme())};
+        },
+        item);
+}
+
+ItemKind existingKind(Place const& place) {
+    ItemKind kind = place.provider->getKind(place.iri);
+    if (kind == provider::NoItem) {
+        throw Exception(ErrorCode::NotFound, place.iri);
+    }
+    return kind;
+}
+
+void requireParentFolder(Place const& place) {
+    AbsoluteIRI parent = place.iri.getParent();
+    if (!place.iri.hasParent() || place.provider->getKind(parent) != provider::FolderItem) {
+        throw Exception(ErrorCode::NotFound, parent, "the parent folder is missing");
+    }
+}
+
+void removeExisting(Place const& place, ItemKind kind) {
+    if (!place.iri.hasParent()) {
+        throw Exception(ErrorCode::NotSupported, place.iri, "the root cannot be removed");
+    }
+    if (kind == provider::FileItem) {
+        place.provider->removeFile(place.iri);
+    } else {
+        place.provider->removeTree(place.iri);
+    }
+}
+
+Place childOf(Place const& place, std::u16string const& name) { return Place{place.iri.getChild(name), place.provider}; }
+
+// Copies an existing item to a free place whose parent is a folder.
+void copyItem(Place const& source, ItemKind kind, Place const& destination) {
+    if (kind == provider::FileItem) {
+        if (source.provider == destination.provider) {
+            source.provider->copyFile(source.iri, destination.iri);
+        } else {
+            detail::streamFile(*source.provider, source.iri, *destination.provider, destination.iri);
+        }
+    } else {
+        destination.provider->createFolder(destination.iri);
+        for (auto const& entry : source.provider->listFolder(source.iri)) {
+            copyItem(childOf(source, entry.name), entry.folder ? provider::FolderItem : provider::FileItem,
+                     childOf(destination, entry.name));
+        }
+    }
+    // Last, so that a read-only folder has already received its contents.
+    if (!source.provider->isWritable(source.iri)) {
+        destination.provider->setWritable(destination.iri, false);
+    }
+}
+
+// The checks copy and move share. Returns false when source and destination are the same
+// item (nothing to do); throws for overlapping trees.
+bool checkPair(Place const& source, ItemKind kind, Place const& destination, ItemKind destinationKind) {
+    if (source.provider != destination.provider) {
+        return true;
+    }
+    if (source.iri == destination.iri) {
+        return false;
+    }
+    if (kind == provider::FolderItem && destination.iri.isWithin(source.iri)) {
+        throw Exception(ErrorCode::NotSupported, destination.iri, "a folder cannot go inside itself");
+    }
+    if (destinationKind == provider::FolderItem && source.iri.isWithin(destination.iri)) {
+        throw Exception(ErrorCode::NotSupported, destination.iri, "the destination holds the source");
+    }
+    return true;
+}
+
+} // namespace
+
+int exists(AbsoluteIRI const& iri, StorageSystemReference const& storage) {
+    return storage.getProvider(iri.getScheme())->getKind(iri);
+}
+
+bool isWritable(FileOrFolder const& item) {
+    Place place = placeOf(item);
+    return place.provider->isWritable(place.iri);
+}
+
+void setWritable(FileOrFolder const& item, bool writable) {
+    Place place = placeOf(item);
+    place.provider->setWritable(place.iri, writable);
+}
+
+boost::posix_time::ptime getLastModified(FileOrFolder const& item) {
+    Place place = placeOf(item);
+    return place.provider->getLastModified(place.iri);
+}
+
+void setLastModified(FileOrFolder const& item, boost::posix_time::ptime time) {
+    Place place = placeOf(item);
+    if (time.is_special()) {
+        throw Exception(ErrorCode::NotSupported, place.iri, "not a valid time");
+    }
+    place.provider->setLastModified(place.iri, time);
+}
+
+void copy(FileOrFolder const& source, FileOrFolder const& destination, provider::ReplacementPolicy policy) {
+    Place from = placeOf(source);
+    Place to = placeOf(destination);
+    ItemKind kind = existingKind(from);
+    ItemKind destinationKind = to.provider->getKind(to.iri);
+    if (!checkPair(from, kind, to, destinationKind)) {
+        if (policy != provider::Replace) {
+            throw Exception(ErrorCode::FileExists, to.iri);
+        }
+        return;
+    }
+    if (destinationKind != provider::NoItem) {
+        if (policy != provider::Replace) {
+            throw Exception(ErrorCode::FileExists, to.iri);
+        }
+        removeExisting(to, destinationKind);
+    }
+    requireParentFolder(to);
+    copyItem(from, kind, to);
+}
+
+void move(FileOrFolder const& source, FileOrFolder const& destination, provider::ReplacementPolicy policy) {
+    Place from = placeOf(source);
+    Place to = placeOf(destination);
+    ItemKind kind = existingKind(from);
+    if (!from.iri.hasParent()) {
+        throw Exception(ErrorCode::NotSupported, from.iri, "the root cannot be moved");
+    }
+    ItemKind destinationKind = to.provider->getKind(to.iri);
+    if (!checkPair(from, kind, to, destinationKind)) {
+        return;
+    }
+    bool const sameProvider = from.provider == to.provider;
+    if (destinationKind != provider::NoItem) {
+        if (policy != provider::Replace) {
+            throw Exception(ErrorCode::FileExists, to.iri);
+        }
+        // A file over a file is left to the rename, which replaces it in one step.
+        if (!(sameProvider && kind == provider::FileItem && destinationKind == provider::FileItem)) {
+            removeExisting(to, destinationKind);
+        }
+    }
+    requireParentFolder(to);
+    if (sameProvider) {
+        from.provider->rename(from.iri, to.iri);
+    } else {
+        copyItem(from, kind, to);
+        removeExisting(from, kind);
+    }
+}
+
+void remove(FileOrFolder const& item, FolderRemovalPolicy policy) {
+    Place place = placeOf(item);
+    ItemKind kind = existingKind(place);
+    if (!place.iri.hasParent()) {
+        throw Exception(ErrorCode::NotSupported, place.iri, "the root cannot be removed");
+    }
+    if (kind == provider::FileItem) {
+        place.provider->removeFile(place.iri);
+    } else if (policy == RemoveRecursively) {
+        place.provider->removeTree(place.iri);
+    } else {
+        place.provider->removeEmptyFolder(place.iri);
+    }
+}
+
+} // namespace stratum::storage::vfs
