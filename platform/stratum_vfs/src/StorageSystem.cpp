@@ -16,6 +16,7 @@ namespace detail {
 class StorageSystem {
 public:
     StorageSystem() {
+        providers_[u"file"] = makeLocalProvider();
         providers_[u"memory"] = makeMemoryProvider();
     }
 
