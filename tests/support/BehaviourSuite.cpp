@@ -354,8 +354,9 @@ TEST_P(BehaviourSuite, CopyOfAFolderTree) {
         expectFailure(ec, errc::file_exists);
         EXPECT_EQ(world().listing(dst, true), world().expected({"dst/a", "dst/inner/b", "dst/extra"}));
 
-        // NoOverwrite merges into the existing folder and keeps what it held.
+        // NoOverwrite copies into the existing folder and keeps what only it held.
         ops().remove(world().at("dst/a"));
+        ops().removeAll(world().at("dst/inner"));
         ops().copy(src, dst, NoOverwrite);
         EXPECT_EQ(world().listing(dst, true), world().expected({"dst/a", "dst/inner/b", "dst/extra"}));
     }
