@@ -3,10 +3,12 @@
 
 #include <vela/filesystem/path.hpp>
 
+#include "HostText.hpp"
+
 namespace stratum::storage::vfs {
 
 AbsoluteIRI toAbsoluteIRI(std::u16string const& scheme, vela::filesystem::path const& hostPath) {
-    return toAbsoluteIRI(scheme, hostPath.native());
+    return detail::hostTextToIRI(scheme, hostPath.native());
 }
 
 } // namespace stratum::storage::vfs

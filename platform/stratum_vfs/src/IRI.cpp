@@ -2,6 +2,7 @@
 #include <stratum/storage/vfs/Exception.hpp>
 #include <stratum/storage/vfs/IRI.hpp>
 
+#include "HostText.hpp"
 #include "Utf.hpp"
 
 #include <unistd.h>
@@ -266,7 +267,7 @@ bool hasIRIPrefix(std::u16string const& text) {
     return length != 0 && isKnownIRIScheme(text.substr(0, length));
 }
 
-AbsoluteIRI toAbsoluteIRI(std::u16string const& scheme, std::u16string const& hostPath) {
+AbsoluteIRI detail::hostTextToIRI(std::u16string const& scheme, std::u16string const& hostPath) {
     if (!isKnownIRIScheme(scheme)) {
         throw UnsupportedIRISchemeException(scheme);
     }

@@ -92,15 +92,12 @@ STRATUM_API bool isKnownIRIScheme(std::u16string const& scheme);
 /// never taken for IRIs. Never throws (beyond allocation failure).
 STRATUM_API bool hasIRIPrefix(std::u16string const& text);
 
-/// The IRI of `scheme` whose path is the host path `hostPath` (UTF-16, "/"-separated). A
-/// relative host path is made absolute against the current folder; "." and ".." are resolved
-/// lexically (without following links). Every name survives: spaces, "%", "#", "?", non-ASCII,
-/// names starting with "-" or "." come back unchanged through `fromAbsoluteIRI`. Throws
-/// `UnsupportedIRISchemeException` for an unknown scheme, `InvalidIRIException` when the path
-/// holds NUL or invalid UTF-16.
-STRATUM_API AbsoluteIRI toAbsoluteIRI(std::u16string const& scheme, std::u16string const& hostPath);
-
-/// The same from a host path object (its UTF-16 native form).
+/// The IRI of `scheme` whose path is the host path `hostPath` (its UTF-16 native form, "/"
+/// separated; a UTF-16 string converts implicitly). A relative host path is made absolute
+/// against the current folder; "." and ".." are resolved lexically (without following links).
+/// Every name survives: spaces, "%", "#", "?", non-ASCII, names starting with "-" or "." come
+/// back unchanged through `fromAbsoluteIRI`. Throws `UnsupportedIRISchemeException` for an
+/// unknown scheme, `InvalidIRIException` when the path holds NUL or invalid UTF-16.
 STRATUM_API AbsoluteIRI toAbsoluteIRI(std::u16string const& scheme, vela::filesystem::path const& hostPath);
 
 /// The local path text of a `file` IRI (scheme in any case): its decoded path, UTF-16, for
