@@ -1,5 +1,6 @@
 #include "fs/LocalTranslate.hpp"
 
+#include <opc/Exception.hpp>
 #include <opc/Text.hpp>
 
 #include <vela/filesystem/exceptions.hpp>
@@ -13,12 +14,23 @@ namespace {
 namespace vfs = vela::filesystem;
 namespace errc = boost::system::errc;
 
+// A path for a detail text. A path that cannot be converted strictly (a lone surrogate, the
+// very reason the host refused it) is spelt with replacement characters instead: a failure to
+// word the report must not replace the report, nor escape an operation that may not throw.
+std::string pathText(std::u16string const& path) {
+    try {
+        return toUDEString(path);
+    } catch (Exception const&) {
+        return toUTF8String(path, false);
+    }
+}
+
 // The host text, then ": " and the path when the exception names one.
 std::string hostText(vfs::FsysExceptionBase const& e) {
     std::string text = e.what();
     if (!e.path().empty()) {
         text += ": ";
-        text += toUDEString(e.path());
+        text += pathText(e.path());
     }
     return text;
 }
