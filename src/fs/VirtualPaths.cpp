@@ -1,0 +1,119 @@
+// The virtual back end: construction and the IRI text operations.
+#include "fs/VirtualTranslate.hpp"
+
+#include <opc/VirtualFileSystemOps.hpp>
+#include <opc/util/Temp.hpp>
+
+#include <stratum/storage/vfs/IRI.hpp>
+#include <vela/filesystem/path.hpp>
+#include <vela/filesystem/temp.hpp>
+
+namespace opc {
+namespace {
+
+namespace vfs = stratum::storage::vfs;
+namespace hostfs = vela::filesystem;
+
+// A host path object from the native form of `text`; an empty text gives an empty path.
+hostfs::path hostPath(std::u16string const& text) {
+    if (text.empty())
+        return hostfs::path();
+    return hostfs::path(hostfs::detail::make_native_form(text, true));
+}
+
+// The canonical text of the "file" IRI for a local path.
+std::u16string fileIRIText(std::u16string const& localPath) {
+    return vfs::toAbsoluteIRI(u"file", hostPath(localPath)).toString();
+}
+
+} // namespace
+
+using detail::guarded;
+
+VirtualFileSystemOps::VirtualFileSystemOps(StorageSystemReference storage) : m_storage(std::move(storage)) {}
+
+VirtualFileSystemOps::~VirtualFileSystemOps() = default;
+
+VirtualFileSystemOps::StorageSystemReference VirtualFileSystemOps::getStorageSystem() const { return m_storage; }
+
+std::u16string VirtualFileSystemOps::doGetTempName(const std::u16string& folder, std::string& detail,
+                                                   error_code& ec) {
+    std::u16string candidate;
+    bool const made = guarded(detail, ec, false, [&] {
+        std::u16string const folderIRI =
+            folder.empty() ? fileIRIText(util::getTempDir()) : vfs::AbsoluteIRI(folder).toString();
+        vfs::AbsoluteIRI const base(folderIRI);
+        std::u16string const scheme = base.getScheme();
+        std::u16string const folderPath = base.getPath();
+        // Keep the folder's scheme; the name inside comes from the host's temporary-name routine.
+        do {
+            std::u16string const name = hostfs::tmpnam(folderPath, u".", u".tmp");
+            std::u16string const generic =
+                hostfs::detail::make_generic_form(hostfs::detail::make_native_form(name, true));
+            candidate = vfs::toAbsoluteIRI(scheme, hostPath(generic)).toString();
+        } while (doExists(candidate, detail, ec));
+        return true;
+    });
+    return made ? candidate : std::u16string();
+}
+
+std::u16string VirtualFileSystemOps::doGetParentPath(const std::u16string& path, std::string& detail,
+                                                     error_code& ec) {
+    return guarded(detail, ec, std::u16string(), [&] {
+        vfs::AbsoluteIRI const iri(path);
+        return iri.hasParent() ? iri.getParent().toString() : std::u16string();
+    });
+}
+
+// The file name and extension let an invalid IRI's exception pass to the caller unchanged.
+std::u16string VirtualFileSystemOps::doGetFilename(const std::u16string& path, std::string&, error_code&) {
+    return vfs::AbsoluteIRI(path).getName();
+}
+
+std::u16string VirtualFileSystemOps::doGetExtension(const std::u16string& path, std::string&, error_code&) {
+    std::u16string const name = vfs::AbsoluteIRI(path).getName();
+    auto const dot = name.rfind(u'.');
+    return dot == std::u16string::npos ? std::u16string() : name.substr(dot + 1);
+}
+
+std::u16string VirtualFileSystemOps::doAppendPath(const std::u16string& path, const std::u16string& child,
+                                                  std::string& detail, error_code& ec) {
+    return guarded(detail, ec, std::u16string(), [&] {
+        vfs::AbsoluteIRI const base(path);
+        std::u16string const relative = !child.empty() && child.front() == u'/' ? child.substr(1) : child;
+        return vfs::AbsoluteIRI(base, relative).toString();
+    });
+}
+
+std::u16string VirtualFileSystemOps::doNormalizePath(const std::u16string& path, std::string& detail,
+                                                     error_code& ec) {
+    return guarded(detail, ec, std::u16string(), [&] {
+        if (vfs::hasIRIPrefix(path))
+            return vfs::AbsoluteIRI(path).toString();
+        return vfs::AbsoluteIRI(fileIRIText(path)).toString();
+    });
+}
+
+bool VirtualFileSystemOps::doGetLocalPath(const std::u16string& path, std::u16string& localPath) {
+    vfs::AbsoluteIRI const iri(path);
+    // Only the scheme written exactly "file" has a local form; "FILE" does not.
+    if (iri.getScheme() == u"file") {
+        localPath = vfs::fromAbsoluteIRI(iri);
+        return true;
+    }
+    localPath.clear();
+    return false;
+}
+
+bool VirtualFileSystemOps::doIsAbsolutePath(const std::u16string& path) {
+    if (!vfs::hasIRIPrefix(path))
+        return false;
+    try {
+        vfs::AbsoluteIRI const iri(path);
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+} // namespace opc

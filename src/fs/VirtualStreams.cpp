@@ -1,0 +1,47 @@
+// The virtual back end: byte streams on storage files.
+#include "fs/VirtualTranslate.hpp"
+
+#include <opc/VirtualFileSystemOps.hpp>
+
+#include <stratum/storage/vfs/IRI.hpp>
+#include <stratum/storage/vfs/File.hpp>
+#include <stratum/storage/vfs/Streams.hpp>
+
+#include <istream>
+#include <ostream>
+
+namespace opc {
+namespace {
+
+namespace vfs = stratum::storage::vfs;
+
+// Opens a storage stream of type S on the file at `path` with `mode` as given, in one shared
+// allocation with its count. A stream that opens failed is dropped and reported as io_error
+// without a detail text (the storage said nothing more).
+template <class S, class Handle>
+Handle open(std::u16string const& path, unsigned mode, vfs::StorageSystemReference const& storage,
+            std::string& detail, boost::system::error_code& ec) {
+    return detail::guarded(detail, ec, Handle(), [&]() -> Handle {
+        vfs::File const file(vfs::AbsoluteIRI(path), storage);
+        auto stream = std::make_shared<S>(file, mode);
+        if (stream->fail()) {
+            ec = boost::system::errc::make_error_code(boost::system::errc::io_error);
+            return Handle();
+        }
+        return stream;
+    });
+}
+
+} // namespace
+
+std::shared_ptr<std::istream> VirtualFileSystemOps::doCreateInputStream(const std::u16string& path, unsigned mode,
+                                                                        std::string& detail, error_code& ec) {
+    return open<vfs::ifstream, std::shared_ptr<std::istream>>(path, mode, m_storage, detail, ec);
+}
+
+std::shared_ptr<std::ostream> VirtualFileSystemOps::doCreateOutputStream(const std::u16string& path, unsigned mode,
+                                                                         std::string& detail, error_code& ec) {
+    return open<vfs::ofstream, std::shared_ptr<std::ostream>>(path, mode, m_storage, detail, ec);
+}
+
+} // namespace opc
