@@ -233,8 +233,10 @@ TEST_P(BehaviourSuite, WritableAndReadOnlyPermissionsRoundTrip) {
         EXPECT_EQ(ops().getPermissions(path) & Perms::AllPerms, perms);
     }
     // Unknown permissions are an order to leave them alone.
-    ops().setPermissions(path, Perms::PermsUnknown);
-    EXPECT_EQ(ops().getPermissions(path) & Perms::AllPerms, Perms::Perms_tag(0444));
+    if (caps().unknownValuesChangeNothing) {
+        ops().setPermissions(path, Perms::PermsUnknown);
+        EXPECT_EQ(ops().getPermissions(path) & Perms::AllPerms, Perms::Perms_tag(0444));
+    }
     // A read-only file still reads.
     EXPECT_EQ(world().readFile(path), "data");
     ops().setPermissions(path, Perms::Perms_tag(0644));
@@ -271,9 +273,11 @@ TEST_P(BehaviourSuite, ModificationTimesRoundTrip) {
         ops().setLastModifiedTime(path, when);
         EXPECT_EQ(ops().getLastModifiedTime(path), when) << text;
     }
-    ptime const before = ops().getLastModifiedTime(path);
-    ops().setLastModifiedTime(path, ptime(boost::date_time::not_a_date_time));
-    EXPECT_EQ(ops().getLastModifiedTime(path), before);
+    if (caps().unknownValuesChangeNothing) {
+        ptime const before = ops().getLastModifiedTime(path);
+        ops().setLastModifiedTime(path, ptime(boost::date_time::not_a_date_time));
+        EXPECT_EQ(ops().getLastModifiedTime(path), before);
+    }
 
     error_code ec;
     EXPECT_TRUE(ops().getLastModifiedTime(world().at("missing"), ec).is_not_a_date_time());
@@ -445,7 +449,9 @@ TEST_P(BehaviourSuite, ThrowingFormCarriesTheCodeOfTheErrorCodeForm) {
         } catch (opc::Exception const& e) {
             EXPECT_EQ(e.code(), ec);
             EXPECT_EQ(std::string(e.what()).rfind(row.prefix, 0), 0u) << e.what();
-            EXPECT_GT(std::string(e.what()).size(), std::string(row.prefix).size());
+            if (caps().detailOnEveryFailure) {
+                EXPECT_GT(std::string(e.what()).size(), std::string(row.prefix).size());
+            }
         }
     }
 }

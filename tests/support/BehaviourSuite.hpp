@@ -40,6 +40,11 @@ struct Capabilities {
     bool folderCopyModes = true;
     /// removeAll of a missing path succeeds quietly.
     bool removeAllMissingIsFine = true;
+    /// setPermissions(PermsUnknown) and setLastModifiedTime(not-a-date-time) change nothing.
+    /// Off: the back end gives those values no special meaning.
+    bool unknownValuesChangeNothing = true;
+    /// Every failure comes with a detail text. Off: a stream that opens failed may have none.
+    bool detailOnEveryFailure = true;
 };
 
 /// A fresh back end with an empty root folder. The world owns both and cleans up the folder.

@@ -1,0 +1,104 @@
+// The selector: which back end a path goes to, the shared record among copies, and a
+// selector without storage.
+#include "support/HostFolder.hpp"
+
+#include <opc/Exception.hpp>
+#include <opc/FileSystemOpsSelector.hpp>
+#include <opc/LocalFileSystemOps.hpp>
+#include <opc/VirtualFileSystemOps.hpp>
+
+#include <stratum/storage/vfs/IRI.hpp>
+#include <stratum/storage/vfs/StorageSystem.hpp>
+
+#include <gtest/gtest.h>
+
+#include <optional>
+
+namespace opc::test {
+namespace {
+
+namespace vfs = stratum::storage::vfs;
+
+constexpr char const* kNoStorage =
+    "Virtual file system operations are not supported. A StorageSystemReference was not provided.";
+
+// Texts with and without an IRI prefix the storage knows; the storage's own test decides.
+std::vector<std::u16string> const& samplePaths() {
+    static std::vector<std::u16string> const paths = {
+        u"memory:///a",  u"MEMORY:///a", u"file:///tmp/x", u"FiLe:relative-but-prefixed", u"/tmp/x",
+        u"relative/x",   u"./a:b",       u"a/b:c",         u"/x:y",                      u"gopher:///a",
+        u"",             u"memory",      u"c:\\windows",
+    };
+    return paths;
+}
+
+TEST(Selector, RoutesByTheStoragePrefixTestAlone) {
+    vfs::StorageSystemReference storage;
+    FileSystemOpsSelector const selector(storage);
+    for (auto const& path : samplePaths()) {
+        SCOPED_TRACE(std::string(path.begin(), path.end()));
+        FileSystemOps& chosen = selector.getForPath(path);
+        if (vfs::hasIRIPrefix(path)) {
+            EXPECT_EQ(&chosen, &selector.getVirtual());
+            EXPECT_NE(dynamic_cast<VirtualFileSystemOps*>(&chosen), nullptr);
+        } else {
+            EXPECT_EQ(&chosen, &selector.getLocal());
+            EXPECT_NE(dynamic_cast<LocalFileSystemOps*>(&chosen), nullptr);
+        }
+    }
+    EXPECT_EQ(&selector.getLocal(), &selector.getPhysical());
+}
+
+TEST(Selector, TheVirtualBackEndWorksOnTheGivenStorage) {
+    vfs::StorageSystemReference storage;
+    FileSystemOpsSelector const selector(storage);
+    auto& ops = dynamic_cast<VirtualFileSystemOps&>(selector.getVirtual());
+    EXPECT_TRUE(ops.getStorageSystem() == storage);
+    // A folder made through the selector is seen by another back end on the same storage.
+    selector.getForPath(u"memory:///shared").createFolders(u"memory:///shared/inner");
+    VirtualFileSystemOps other(storage);
+    EXPECT_TRUE(other.isFolder(u"memory:///shared/inner"));
+    VirtualFileSystemOps stranger{vfs::StorageSystemReference()};
+    EXPECT_FALSE(stranger.exists(u"memory:///shared"));
+}
+
+TEST(Selector, WithoutStorageOnlyTheLocalBackEndExists) {
+    FileSystemOpsSelector const selector;
+    HostFolder host;
+    EXPECT_TRUE(selector.getForPath(host.path16()).isFolder(host.path16()));
+    for (auto ask : {+[](FileSystemOpsSelector const& s) -> FileSystemOps& { return s.getVirtual(); },
+                     +[](FileSystemOpsSelector const& s) -> FileSystemOps& { return s.getForPath(u"memory:///a"); }}) {
+        try {
+            ask(selector);
+            FAIL() << "no exception";
+        } catch (Exception const& e) {
+            EXPECT_STREQ(e.what(), kNoStorage);
+            EXPECT_FALSE(e.code().failed());
+            EXPECT_EQ(e.code(), boost::system::error_code());
+        }
+    }
+}
+
+TEST(Selector, CopiesShareTheBackEndsWhichOutliveTheOriginal) {
+    vfs::StorageSystemReference storage;
+    std::optional<FileSystemOpsSelector> original(std::in_place, storage);
+    FileSystemOps* const local = &original->getLocal();
+    FileSystemOps* const virt = &original->getVirtual();
+    FileSystemOpsSelector copy(*original);
+    FileSystemOpsSelector assigned;
+    assigned = *original;
+    original.reset();
+    for (auto const* s : {&copy, &assigned}) {
+        EXPECT_EQ(&s->getLocal(), local);
+        EXPECT_EQ(&s->getVirtual(), virt);
+    }
+    // Still usable after the original is gone.
+    copy.getVirtual().createFolder(u"memory:///after");
+    EXPECT_TRUE(assigned.getForPath(u"memory:///after").isFolder(u"memory:///after"));
+
+    FileSystemOpsSelector const other(storage);
+    EXPECT_NE(&other.getLocal(), local) << "separately made selectors own separate back ends";
+}
+
+} // namespace
+} // namespace opc::test

@@ -1,0 +1,176 @@
+// Commits that cross back ends: a local file over a memory: target (with and without backup),
+// a memory: file over a local target, and a local file over a file: IRI target. Contents,
+// backups and permissions are checked at the far end, on the host where it holds them.
+#include "support/HostFolder.hpp"
+#include "support/ScriptedOps.hpp"
+
+#include <opc/Exception.hpp>
+#include <opc/LocalFileSystemOps.hpp>
+#include <opc/VirtualFileSystemOps.hpp>
+
+#include <stratum/storage/vfs/StorageSystem.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+
+namespace opc::test {
+namespace {
+
+namespace vfs = stratum::storage::vfs;
+
+std::string hostRead(std::filesystem::path const& p) {
+    std::ifstream in(p, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void hostWrite(std::filesystem::path const& p, std::string const& bytes) {
+    std::ofstream out(p, std::ios::binary | std::ios::trunc);
+    out << bytes;
+}
+
+unsigned hostMode(std::filesystem::path const& p) {
+    struct stat st {};
+    EXPECT_EQ(::stat(p.c_str(), &st), 0) << p;
+    return st.st_mode & 0777;
+}
+
+std::u16string u16(std::filesystem::path const& p) {
+    std::string const s = p.string();
+    return std::u16string(s.begin(), s.end());
+}
+
+class CrossCommit : public ::testing::Test {
+protected:
+    std::string readVirtual(std::u16string const& iri) {
+        auto in = virtualOps.createInputStream(iri, OpenMode::ReadBinary);
+        if (!in)
+            return "<missing>";
+        return std::string(std::istreambuf_iterator<char>(*in), {});
+    }
+    void writeVirtual(std::u16string const& iri, std::string const& bytes) {
+        auto out = virtualOps.createOutputStream(iri, OpenMode::WriteBinary);
+        ASSERT_TRUE(out);
+        *out << bytes;
+    }
+
+    HostFolder host;
+    vfs::StorageSystemReference storage;
+    VirtualFileSystemOps virtualOps{storage};
+    LocalFileSystemOps localOps;
+};
+
+TEST_F(CrossCommit, LocalFileOverAMissingMemoryTarget) {
+    hostWrite(host.path() / "new.pkg", "new package");
+    virtualOps.createFolders(u"memory:///pkgs");
+    CommitOptions options;
+    options.removeBackup(false); // no backup of a target that does not exist, whatever this says
+    int called = 0;
+    options.backupCreatedFcn([&](std::u16string const&) { ++called; });
+    virtualOps.replaceFileWithBackup(u"memory:///pkgs/p.pkg", localOps, u16(host.path() / "new.pkg"), options);
+    EXPECT_EQ(readVirtual(u"memory:///pkgs/p.pkg"), "new package");
+    EXPECT_EQ(virtualOps.getPermissions(u"memory:///pkgs/p.pkg"), 0644u);
+    EXPECT_EQ(called, 0);
+    std::vector<std::u16string> files;
+    virtualOps.getFiles(u"memory:///pkgs", files, true);
+    EXPECT_EQ(files, std::vector<std::u16string>{u"memory:///pkgs/p.pkg"}) << "temporary or backup left";
+    EXPECT_EQ(hostRead(host.path() / "new.pkg"), "new package") << "the source is only read";
+}
+
+TEST_F(CrossCommit, LocalFileOverAMemoryTargetWithAndWithoutBackup) {
+    virtualOps.createFolders(u"memory:///pkgs");
+    for (bool keepBackup : {false, true}) {
+        SCOPED_TRACE(keepBackup);
+        virtualOps.removeAll(u"memory:///pkgs");
+        virtualOps.createFolders(u"memory:///pkgs");
+        writeVirtual(u"memory:///pkgs/p.pkg", "old package");
+        auto const oldTime = boost::posix_time::time_from_string("2020-02-02 02:02:02");
+        virtualOps.setLastModifiedTime(u"memory:///pkgs/p.pkg", oldTime);
+        virtualOps.setPermissions(u"memory:///pkgs/p.pkg", Perms::Perms_tag(0444));
+        hostWrite(host.path() / "new.pkg", "new package");
+
+        CommitOptions options;
+        options.removeBackup(!keepBackup);
+        std::vector<std::u16string> reported;
+        options.backupCreatedFcn([&](std::u16string const& path) { reported.push_back(path); });
+        virtualOps.replaceFileWithBackup(u"memory:///pkgs/p.pkg", localOps, u16(host.path() / "new.pkg"), options);
+
+        EXPECT_EQ(readVirtual(u"memory:///pkgs/p.pkg"), "new package");
+        EXPECT_EQ(virtualOps.getPermissions(u"memory:///pkgs/p.pkg"), 0444u) << "read-only target stays so";
+        std::vector<std::u16string> files;
+        virtualOps.getFiles(u"memory:///pkgs", files, false);
+        std::sort(files.begin(), files.end());
+        if (keepBackup) {
+            EXPECT_EQ(files, (std::vector<std::u16string>{u"memory:///pkgs/p.pkg", u"memory:///pkgs/p.pkg.bak"}));
+            EXPECT_EQ(readVirtual(u"memory:///pkgs/p.pkg.bak"), "old package");
+            EXPECT_EQ(virtualOps.getLastModifiedTime(u"memory:///pkgs/p.pkg.bak"), oldTime);
+            EXPECT_EQ(virtualOps.getPermissions(u"memory:///pkgs/p.pkg.bak"), 0444u);
+            EXPECT_EQ(reported, std::vector<std::u16string>{u"memory:///pkgs/p.pkg.bak"});
+        } else {
+            EXPECT_EQ(files, std::vector<std::u16string>{u"memory:///pkgs/p.pkg"});
+            EXPECT_TRUE(reported.empty());
+        }
+    }
+}
+
+TEST_F(CrossCommit, MemoryFileOverALocalTarget) {
+    writeVirtual(u"memory:///new.pkg", std::string(100000, 'n'));
+    auto const target = host.path() / "p.pkg";
+    hostWrite(target, "old");
+    std::filesystem::permissions(target, std::filesystem::perms(0640));
+    CommitOptions options;
+    options.removeBackup(false);
+    localOps.replaceFileWithBackup(u16(target), virtualOps, u"memory:///new.pkg", options);
+    EXPECT_EQ(hostRead(target), std::string(100000, 'n'));
+    EXPECT_EQ(hostMode(target), 0640u);
+    EXPECT_EQ(hostRead(host.path() / "p.pkg.bak"), "old");
+    EXPECT_EQ(readVirtual(u"memory:///new.pkg"), std::string(100000, 'n'));
+}
+
+TEST_F(CrossCommit, LocalFileOverAFileIRITarget) {
+    auto const target = host.path() / "p.pkg";
+    hostWrite(target, "old");
+    std::filesystem::permissions(target, std::filesystem::perms(0444));
+    hostWrite(host.path() / "new.pkg", "new");
+    auto const targetIRI = virtualOps.normalizePath(u16(target));
+    CommitOptions options;
+    options.removeBackup(false);
+    options.backupExtension(u".orig");
+    virtualOps.replaceFileWithBackup(targetIRI, localOps, u16(host.path() / "new.pkg"), options);
+    EXPECT_EQ(hostRead(target), "new");
+    EXPECT_EQ(hostMode(target) & 0222, 0u) << "still read-only";
+    EXPECT_EQ(hostRead(host.path() / "p.pkg.orig"), "old");
+    // Only the target, its backup and the source: no temporary file left beside them.
+    std::size_t entries = 0;
+    for ([[maybe_unused]] auto const& e : std::filesystem::directory_iterator(host.path()))
+        ++entries;
+    EXPECT_EQ(entries, 3u);
+}
+
+TEST_F(CrossCommit, TheCommitsOwnCodeComesBackWithItsCategory) {
+    ScriptedOps source;
+    boost::system::error_code const systemCode(5, boost::system::system_category());
+    source.byDefault(Op::CreateInputStream, Reply::fail(systemCode, "scripted refusal"));
+    boost::system::error_code ec;
+    virtualOps.replaceFileWithBackup(u"memory:///x.pkg", source, u"anything", CommitOptions(), ec);
+    EXPECT_EQ(ec, systemCode);
+    EXPECT_EQ(&ec.category(), &boost::system::system_category());
+    try {
+        virtualOps.replaceFileWithBackup(u"memory:///x.pkg", source, u"anything", CommitOptions());
+        FAIL();
+    } catch (Exception const& e) {
+        std::string const what = e.what();
+        EXPECT_EQ(what.rfind("replaceFileWithBackup failed: Could not commit changes:  createInputStream failed: "
+                             "scripted refusal", 0), 0u) << what;
+        EXPECT_EQ(e.code(), systemCode);
+    }
+    EXPECT_FALSE(virtualOps.exists(u"memory:///x.pkg"));
+}
+
+} // namespace
+} // namespace opc::test
