@@ -1,0 +1,178 @@
+// Generated folder trees, made with plain POSIX calls: every query of the local back end must
+// agree with lstat/readlink and with a walk by std::filesystem.
+
+#include "support/LocalWorld.hpp"
+
+#include <opc/LocalFileSystemOps.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace opc::test {
+namespace {
+
+namespace fs = std::filesystem;
+namespace errc = boost::system::errc;
+using boost::system::error_code;
+
+// Name parts: spaces, dots, non-ASCII of two, three and four bytes.
+char const* const nameParts[] = {"plain", "with space", "\xC3\xBCn\xC3\xAF", "\xE6\x97\xA5\xE6\x9C\xAC",
+                                 "emoji\xF0\x9F\x98\x80", ".hidden", "a.b.c", "trailing ", "-dash"};
+
+struct Tree {
+    std::vector<std::string> folders{""}; // relative to the root; "" is the root itself
+    std::vector<std::string> all;         // every entry made, relative
+};
+
+// Builds a random tree under `root` with POSIX calls only.
+Tree generate(std::string const& root, unsigned seed) {
+    std::mt19937 gen(seed);
+    auto pick = [&](std::size_t n) { return std::uniform_int_distribution<std::size_t>(0, n - 1)(gen); };
+    Tree tree;
+    std::vector<std::string> files;
+    for (int i = 0; i < 70; ++i) {
+        std::string const parent = tree.folders[pick(tree.folders.size())];
+        std::string const name = std::string(nameParts[pick(std::size(nameParts))]) + " " + std::to_string(i);
+        std::string const rel = parent.empty() ? name : parent + "/" + name;
+        std::string const full = root + "/" + rel;
+        switch (pick(10)) {
+        case 0:
+        case 1:
+        case 2: {
+            EXPECT_EQ(::mkdir(full.c_str(), 0755), 0);
+            tree.folders.push_back(rel);
+            break;
+        }
+        case 3: // a link to a file, by a path relative to the link's folder when at the top
+            if (!files.empty()) {
+                std::string const target = root + "/" + files[pick(files.size())];
+                EXPECT_EQ(::symlink(target.c_str(), full.c_str()), 0);
+                break;
+            }
+            [[fallthrough]];
+        case 4: // a link to a folder, which listings must not follow
+            if (tree.folders.size() > 1) {
+                std::string const target = root + "/" + tree.folders[1 + pick(tree.folders.size() - 1)];
+                EXPECT_EQ(::symlink(target.c_str(), full.c_str()), 0);
+                break;
+            }
+            [[fallthrough]];
+        case 5: // dangling
+            EXPECT_EQ(::symlink(("../nowhere/" + std::to_string(i)).c_str(), full.c_str()), 0);
+            break;
+        default: {
+            std::size_t const sizes[] = {0, 1, 100, 4096, 70000};
+            std::ofstream(full, std::ios::binary) << std::string(sizes[pick(std::size(sizes))], 'z');
+            EXPECT_EQ(::chmod(full.c_str(), mode_t(0400 | pick(0400))), 0);
+            files.push_back(rel);
+        }
+        }
+        tree.all.push_back(rel);
+    }
+    return tree;
+}
+
+boost::posix_time::ptime mtimeOf(struct stat const& st) {
+    using namespace boost::posix_time;
+    return from_time_t(st.st_mtim.tv_sec) + microseconds(st.st_mtim.tv_nsec / 1000);
+}
+
+// What a listing must hold, found by std::filesystem without following links.
+std::set<std::u16string> oracleListing(std::string const& folder, bool recursive) {
+    std::set<std::u16string> names;
+    auto take = [&](fs::directory_entry const& e) {
+        if (!e.is_directory() || e.is_symlink())
+            names.insert(e.path().u16string());
+    };
+    if (recursive) {
+        for (auto const& e : fs::recursive_directory_iterator(folder))
+            take(e);
+    } else {
+        for (auto const& e : fs::directory_iterator(folder))
+            take(e);
+    }
+    return names;
+}
+
+class LocalDifferential : public ::testing::TestWithParam<unsigned> {
+protected:
+    ScratchFolder m_folder;
+    LocalFileSystemOps m_ops;
+};
+
+TEST_P(LocalDifferential, QueriesAgreeWithLstatAndReadlink) {
+    Tree const tree = generate(m_folder.path(), GetParam());
+    std::vector<std::string> probes = tree.all;
+    probes.push_back("missing");
+    probes.push_back(tree.all.front() + "/below");
+    for (auto const& rel : probes) {
+        std::string const full = m_folder.at(rel);
+        SCOPED_TRACE(full);
+        std::u16string const path = fs::path(full).u16string();
+        struct stat st {};
+        bool const present = ::lstat(full.c_str(), &st) == 0;
+
+        error_code ec;
+        EXPECT_EQ(m_ops.exists(path, ec), present);
+        EXPECT_EQ(m_ops.isFile(path, ec), present && S_ISREG(st.st_mode));
+        EXPECT_EQ(m_ops.isFolder(path, ec), present && S_ISDIR(st.st_mode));
+        EXPECT_EQ(m_ops.isSymlink(path, ec), present && S_ISLNK(st.st_mode));
+        ASSERT_FALSE(ec.failed()) << ec.message();
+
+        auto const perms = m_ops.getPermissions(path, ec);
+        auto const size = m_ops.getSizeInBytes(path, ec);
+        if (!present) {
+            EXPECT_EQ(perms, Perms::PermsUnknown);
+            EXPECT_EQ(size, 0u);
+            EXPECT_EQ(ec, errc::make_error_code(errc::no_such_file_or_directory));
+            continue;
+        }
+        EXPECT_EQ(perms & Perms::AllPerms, st.st_mode & 0777);
+        EXPECT_EQ(m_ops.getLastModifiedTime(path), mtimeOf(st));
+        if (S_ISREG(st.st_mode)) {
+            EXPECT_EQ(size, std::uint64_t(st.st_size));
+        } else {
+            EXPECT_EQ(size, 0u);
+            EXPECT_EQ(ec, errc::make_error_code(errc::is_a_directory));
+        }
+        if (S_ISLNK(st.st_mode)) {
+            std::string target(4096, '\0');
+            auto const n = ::readlink(full.c_str(), target.data(), target.size());
+            ASSERT_GT(n, 0);
+            target.resize(std::size_t(n));
+            EXPECT_EQ(m_ops.getLinkTarget(path), fs::path(target).u16string());
+        } else {
+            m_ops.getLinkTarget(path, ec);
+            EXPECT_EQ(ec, errc::make_error_code(errc::invalid_argument)) << ec.message();
+        }
+    }
+}
+
+TEST_P(LocalDifferential, ListingsAgreeWithAWalkThatFollowsNoLinks) {
+    Tree const tree = generate(m_folder.path(), GetParam());
+    for (auto const& rel : tree.folders) {
+        std::string const full = rel.empty() ? m_folder.path() : m_folder.at(rel);
+        SCOPED_TRACE(full);
+        for (bool recursive : {false, true}) {
+            std::vector<std::u16string> files;
+            m_ops.getFiles(fs::path(full).u16string(), files, recursive);
+            std::set<std::u16string> const listed(files.begin(), files.end());
+            EXPECT_EQ(listed.size(), files.size()) << "a name was listed twice";
+            EXPECT_EQ(listed, oracleListing(full, recursive)) << "recursive=" << recursive;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, LocalDifferential, ::testing::Values(1u, 2u, 3u, 42u, 20240611u));
+
+} // namespace
+} // namespace opc::test
