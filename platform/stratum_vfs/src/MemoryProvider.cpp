@@ -82,7 +82,7 @@ public:
         : std::stringbuf(initial, mode & ~std::ios_base::app), tree_(std::move(tree)), node_(std::move(node)),
           append_((mode & std::ios_base::app) != 0) {
         if (append_ || (mode & std::ios_base::ate)) {
-            pubseekoff(0, std::ios_base::end, std::ios_base::out);
+            std::stringbuf::seekoff(0, std::ios_base::end, std::ios_base::out);
         }
     }
 

@@ -18,6 +18,17 @@ std::ios_base::openmode toOpenMode(unsigned bits) {
     return mode;
 }
 
+// Stands in for the released buffer of a closed stream: reads find the end, writes fail.
+class ClosedBuffer : public std::streambuf {};
+
+// Swaps the stream's buffer for a closed one without touching its state bits.
+void detachBuffer(std::ios& stream, std::unique_ptr<std::streambuf>& closed) {
+    std::ios_base::iostate state = stream.rdstate();
+    closed = std::make_unique<ClosedBuffer>();
+    stream.rdbuf(closed.get());
+    stream.clear(state);
+}
+
 } // namespace
 
 ifstream::ifstream(File const& file, unsigned mode) : std::istream(nullptr), file_(file) {
@@ -42,9 +53,10 @@ ifstream::~ifstream() = default;
 bool ifstream::is_open() const { return buffer_ != nullptr; }
 
 void ifstream::close() {
-    rdbuf(nullptr);
-    buffer_.reset();
-    setstate(std::ios_base::failbit);
+    if (buffer_) {
+        detachBuffer(*this, closed_);
+        buffer_.reset();
+    }
 }
 
 ofstream::ofstream(File const& file, unsigned mode) : std::ostream(nullptr), file_(file) {
@@ -92,11 +104,12 @@ void ofstream::close() {
     if (!buffer_) {
         return;
     }
-    if (buffer_->pubsync() != 0) {
+    bool const published = buffer_->pubsync() == 0;
+    detachBuffer(*this, closed_);
+    buffer_.reset();
+    if (!published) {
         setstate(std::ios_base::badbit);
     }
-    rdbuf(nullptr);
-    buffer_.reset();
 }
 
 } // namespace stratum::storage::vfs

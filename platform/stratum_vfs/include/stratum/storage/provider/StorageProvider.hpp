@@ -2,6 +2,7 @@
 
 #include <stratum/export.hpp>
 #include <stratum/storage/provider/FileAttributes.hpp>
+#include <stratum/storage/provider/ItemKind.hpp>
 #include <stratum/storage/vfs/IRI.hpp>
 
 #include <boost/date_time/posix_time/ptime.hpp>
@@ -13,9 +14,6 @@
 #include <vector>
 
 namespace stratum::storage::provider {
-
-/// What is stored at an IRI; the values are the answer of `vfs::exists`.
-enum ItemKind : int { FileItem = 0, FolderItem = 1, NoItem = 2 };
 
 /// One child of a folder, as a provider lists it.
 struct FolderEntry {

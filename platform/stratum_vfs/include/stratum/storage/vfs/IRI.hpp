@@ -2,12 +2,10 @@
 
 #include <stratum/export.hpp>
 
+#include <vela/filesystem/path.hpp>
+
 #include <string>
 #include <vector>
-
-namespace vela::filesystem {
-class path;
-}
 
 namespace stratum::storage::vfs {
 

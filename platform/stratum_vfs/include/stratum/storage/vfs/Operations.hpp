@@ -1,6 +1,7 @@
 #pragma once
 
 #include <stratum/export.hpp>
+#include <stratum/storage/provider/ItemKind.hpp>
 #include <stratum/storage/provider/ReplacementPolicy.hpp>
 #include <stratum/storage/vfs/File.hpp>
 
@@ -19,7 +20,7 @@ enum FolderRemovalPolicy : std::uint32_t {
     RemoveRecursively = 1
 };
 
-/// What is at `iri`: 0 a file, 1 a folder, 2 nothing (`provider::ItemKind` values). Throws
+/// What is at `iri`: 0 a file, 1 a folder, 2 nothing (the `provider::ItemKind` values). Throws
 /// only for a scheme without provider.
 STRATUM_API int exists(AbsoluteIRI const& iri, StorageSystemReference const& storage);
 

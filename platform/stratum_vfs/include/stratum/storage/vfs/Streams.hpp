@@ -34,12 +34,13 @@ public:
     ~ifstream() override;
 
     bool is_open() const;
-    /// Releases the file; the stream is failed afterwards.
+    /// Releases the file; later reads find the end.
     void close();
 
 private:
     File file_;
     std::unique_ptr<std::streambuf> buffer_;
+    std::unique_ptr<std::streambuf> closed_;
 };
 
 /// Writes a stored file. The `Out` bit is implied and the bits act as on `std::ofstream`:
@@ -62,11 +63,13 @@ public:
 
     bool is_open() const;
     /// Publishes what was written and releases the file; sets the bad bit if publishing fails.
+    /// Later writes fail.
     void close();
 
 private:
     File file_;
     std::unique_ptr<std::streambuf> buffer_;
+    std::unique_ptr<std::streambuf> closed_;
 };
 
 } // namespace stratum::storage::vfs
