@@ -1,0 +1,268 @@
+// What the local back end promises beyond the shared behaviour suite: its path arithmetic, its
+// own messages, stream modes and errors, and the commit's report passing through unchanged.
+
+#include "support/LocalWorld.hpp"
+
+#include <opc/CommitOptions.hpp>
+#include <opc/Exception.hpp>
+#include <opc/LocalFileSystemOps.hpp>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <stdexcept>
+#include <sys/stat.h>
+
+namespace opc::test {
+namespace {
+
+namespace fs = std::filesystem;
+namespace errc = boost::system::errc;
+using boost::system::error_code;
+
+error_code generic(errc::errc_t e) { return errc::make_error_code(e); }
+
+// The message of the throwing form, or "" when it did not throw.
+template <class Call>
+std::string messageOf(Call&& call) {
+    try {
+        call();
+    } catch (opc::Exception const& e) {
+        return e.what();
+    }
+    return {};
+}
+
+class LocalOps : public ::testing::Test {
+protected:
+    std::u16string path(std::string const& relative) const { return utf16(m_folder.at(relative)); }
+    void write(std::string const& relative, std::string const& content) const {
+        std::ofstream(m_folder.at(relative), std::ios::binary) << content;
+    }
+    std::string read(std::string const& relative) const {
+        std::ifstream in(m_folder.at(relative), std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+
+    ScratchFolder m_folder;
+    LocalFileSystemOps m_ops;
+};
+
+// ---- Path arithmetic ----
+
+TEST_F(LocalOps, AppendPathDropsExactlyOneLeadingSlash) {
+    struct Row {
+        std::u16string base, tail, joined;
+    } const rows[] = {
+        {u"/a", u"b", u"/a/b"},       {u"/a", u"/b", u"/a/b"},     {u"/a", u"/", u"/a"},
+        {u"/a", u"", u"/a"},          {u"/a/", u"b", u"/a/b"},     {u"", u"c", u"c"},
+        {u"", u"/", u""},             {u"a//b", u"c", u"a/b/c"},   {u"/a", u"b/c", u"/a/b/c"},
+        {u"/a", u"//b", u"/a/b"},     {u"/", u"x", u"/x"},         {u"/a", u"caf\u00E9 1", u"/a/caf\u00E9 1"},
+    };
+    for (auto const& row : rows)
+        EXPECT_EQ(m_ops.appendPath(row.base, row.tail), row.joined)
+            << fs::path(row.base).string() << " + " << fs::path(row.tail).string();
+
+    // Generated: a tail with one leading slash joins like the bare tail.
+    std::mt19937 gen(5);
+    std::uniform_int_distribution<int> letter('a', 'e'), length(1, 4);
+    for (int i = 0; i < 200; ++i) {
+        std::u16string base = u"/", tail;
+        for (int n = length(gen); n > 0; --n)
+            base += std::u16string(std::size_t(length(gen)), char16_t(letter(gen))) + u"/";
+        for (int n = length(gen); n > 0; --n)
+            tail += (tail.empty() ? u"" : u"/") + std::u16string(std::size_t(length(gen)), char16_t(letter(gen)));
+        auto const joined = m_ops.appendPath(base, tail);
+        EXPECT_EQ(m_ops.appendPath(base, u"/" + tail), joined);
+        EXPECT_EQ(fs::path(joined), (fs::path(base) / fs::path(tail)).lexically_normal());
+    }
+}
+
+TEST_F(LocalOps, PathQueriesAreTextOnly) {
+    EXPECT_EQ(m_ops.getFilename(u"/x/y.tar.gz"), u"y.tar.gz");
+    EXPECT_EQ(m_ops.getExtension(u"/x/y.tar.gz"), u".gz");
+    EXPECT_EQ(m_ops.getExtension(u"/x/y"), u"");
+    EXPECT_EQ(m_ops.getParentPath(u"/x//y/z"), u"/x/y");
+    EXPECT_EQ(m_ops.getParentPath(u"z"), u"");
+    EXPECT_EQ(m_ops.normalizePath(u"/x//y///z"), u"/x/y/z");
+    EXPECT_TRUE(m_ops.isAbsolutePath(u"/no/such/thing"));
+    EXPECT_FALSE(m_ops.isAbsolutePath(u"relative/path"));
+    EXPECT_FALSE(m_ops.isAbsolutePath(u""));
+    std::u16string local = u"previous";
+    EXPECT_TRUE(m_ops.getLocalPath(u"any//thing", local));
+    EXPECT_EQ(local, u"any//thing");
+}
+
+TEST_F(LocalOps, TempNamesAreFreshAndFollowTheDefaults) {
+    auto const folder = utf16(m_folder.path());
+    auto const first = m_ops.getTempName(folder);
+    auto const second = m_ops.getTempName(folder);
+    EXPECT_NE(first, second);
+    for (auto const& name : {first, second}) {
+        fs::path const p(name);
+        EXPECT_EQ(p.parent_path(), fs::path(m_folder.path()));
+        EXPECT_EQ(p.filename().string().front(), '.');
+        EXPECT_EQ(p.extension(), ".tmp");
+        EXPECT_FALSE(fs::exists(fs::symlink_status(p)));
+    }
+    auto const defaulted = fs::path(m_ops.getTempName(u""));
+    EXPECT_TRUE(fs::equivalent(defaulted.parent_path(), fs::temp_directory_path()));
+    EXPECT_EQ(defaulted.extension(), ".tmp");
+}
+
+// ---- Own messages and codes ----
+
+TEST_F(LocalOps, FailuresCarryTheirOwnTexts) {
+    ::mkdir(m_folder.at("src").c_str(), 0755);
+    ::mkdir(m_folder.at("dst").c_str(), 0755);
+    write("dst/keep", "k");
+    write("file", "f");
+    ::symlink("file", m_folder.at("link").c_str());
+    std::string const missing = m_folder.at("caf\xC3\xA9 missing");
+
+    struct Row {
+        char const* name;
+        std::function<void()> call;
+        std::string message;
+    } const rows[] = {
+        {"copy missing", [&] { m_ops.copy(utf16(missing), path("x"), Overwrite); },
+         "copy failed: Source does not exist: " + missing},
+        {"copy folder FailIfExists", [&] { m_ops.copy(path("src"), path("dst"), FailIfExists); },
+         "copy failed: Destination exists: " + m_folder.at("dst")},
+        {"rename from empty", [&] { m_ops.rename(u"", path("file")); }, "rename failed: Empty path not permitted"},
+        {"rename to empty", [&] { m_ops.rename(path("file"), u""); }, "rename failed: Empty path not permitted"},
+        {"setPermissions empty", [&] { m_ops.setPermissions(u"", Perms::Perms_tag(0644)); },
+         "setPermissions failed: Empty path not permitted"},
+        {"size of a link", [&] { m_ops.getSizeInBytes(path("link")); },
+         std::string("getSizeInBytes failed: ") + std::strerror(EISDIR)},
+        {"permissions missing", [&] { m_ops.getPermissions(utf16(missing)); },
+         std::string("getPermissions failed: ") + std::strerror(ENOENT)},
+        {"open missing", [&] { m_ops.createInputStream(utf16(missing), OpenMode::ReadBinary); },
+         std::string("createInputStream failed: ") + std::strerror(ENOENT)},
+        {"open a folder", [&] { m_ops.createInputStream(path("src"), OpenMode::ReadBinary); },
+         std::string("createInputStream failed: ") + std::strerror(EISDIR)},
+        {"create existing folder", [&] { m_ops.createFolder(path("src")); },
+         std::string("createFolder failed: ") + std::strerror(EEXIST) + ": " + m_folder.at("src")},
+    };
+    for (auto const& row : rows)
+        EXPECT_EQ(messageOf(row.call), row.message) << row.name;
+    EXPECT_EQ(read("dst/keep"), "k");
+    EXPECT_FALSE(fs::exists(m_folder.at("dst/src")));
+}
+
+TEST_F(LocalOps, UnknownValuesAndOtherKindsChangeNothing) {
+    error_code ec;
+    m_ops.setPermissions(path("missing"), Perms::PermsUnknown, ec);
+    EXPECT_FALSE(ec.failed());
+    m_ops.setLastModifiedTime(path("missing"), boost::posix_time::ptime(), ec);
+    EXPECT_FALSE(ec.failed());
+    EXPECT_FALSE(fs::exists(m_folder.at("missing")));
+
+    // A pipe is neither copied nor an error.
+    ASSERT_EQ(::mkfifo(m_folder.at("pipe").c_str(), 0644), 0);
+    for (ExistsMode mode : {NoOverwrite, FailIfExists, Overwrite}) {
+        m_ops.copy(path("pipe"), path("pipe-copy"), mode, ec);
+        EXPECT_FALSE(ec.failed()) << ec.message();
+        EXPECT_FALSE(fs::exists(fs::symlink_status(m_folder.at("pipe-copy"))));
+    }
+}
+
+TEST_F(LocalOps, CopyOfAFileKeepsItsPermissionBits) {
+    for (mode_t mode : {0600, 0640, 0755, 0444}) {
+        write("src", "content");
+        ::chmod(m_folder.at("src").c_str(), mode);
+        m_ops.copy(path("src"), path("dst"), Overwrite);
+        struct stat st {};
+        ASSERT_EQ(::lstat(m_folder.at("dst").c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, mode);
+        EXPECT_EQ(read("dst"), "content");
+        fs::remove(m_folder.at("dst"));
+        fs::remove(m_folder.at("src"));
+    }
+}
+
+// ---- Stream modes ----
+
+TEST_F(LocalOps, StreamsAddTheirDirectionBitAndKeepTheOthers) {
+    {
+        auto out = m_ops.createOutputStream(path("f"), 0); // the output bit is added
+        ASSERT_TRUE(out);
+        *out << "abc";
+    }
+    EXPECT_EQ(read("f"), "abc");
+    {
+        auto in = m_ops.createInputStream(path("f"), 0); // the input bit is added
+        ASSERT_TRUE(in);
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(*in), std::istreambuf_iterator<char>()), "abc");
+    }
+    {
+        // Input and output together (no truncation): write over the start, keep the rest.
+        auto out = m_ops.createOutputStream(path("f"), OpenMode::In | OpenMode::Binary);
+        ASSERT_TRUE(out);
+        *out << "X";
+    }
+    EXPECT_EQ(read("f"), "Xbc");
+    {
+        auto out = m_ops.createOutputStream(path("f"), OpenMode::Append);
+        ASSERT_TRUE(out);
+        *out << "d";
+    }
+    EXPECT_EQ(read("f"), "Xbcd");
+
+    // A combination the standard streams refuse fails cleanly and leaves the file.
+    error_code ec;
+    EXPECT_FALSE(m_ops.createInputStream(path("f"), OpenMode::Truncate, ec));
+    EXPECT_EQ(ec, generic(errc::invalid_argument));
+    EXPECT_EQ(read("f"), "Xbcd");
+}
+
+// ---- The commit ----
+
+TEST_F(LocalOps, CommitReplacesTheTargetThroughThisBackEnd) {
+    write("target", "old");
+    write("new", "fresh");
+    ::chmod(m_folder.at("target").c_str(), 0640);
+    m_ops.replaceFileWithBackup(path("target"), m_ops, path("new"), CommitOptions());
+    EXPECT_EQ(read("target"), "fresh");
+    EXPECT_EQ(read("new"), "fresh");
+    struct stat st {};
+    ASSERT_EQ(::lstat(m_folder.at("target").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0640u);
+}
+
+TEST_F(LocalOps, CommitReportsPassThroughUnchanged) {
+    write("target", "old");
+    write("new", "fresh");
+
+    // A failure of the commit: its own message behind the frame's prefix, and a failed code.
+    error_code ec;
+    m_ops.replaceFileWithBackup(path("target"), m_ops, path("missing"), CommitOptions(), ec);
+    EXPECT_TRUE(ec.failed());
+    EXPECT_EQ(messageOf([&] { m_ops.replaceFileWithBackup(path("target"), m_ops, path("missing"), CommitOptions()); })
+                  .rfind("replaceFileWithBackup failed: Could not commit changes:  ", 0),
+              0u);
+    EXPECT_EQ(read("target"), "old");
+
+    // A library exception with a cleared code stays a success, as the library's convention says.
+    CommitOptions keep;
+    keep.removeBackup(false);
+    keep.backupCreatedFcn([](std::u16string const&) { throw opc::Exception("noted", error_code()); });
+    m_ops.replaceFileWithBackup(path("target"), m_ops, path("new"), keep, ec);
+    EXPECT_FALSE(ec.failed()) << ec.message();
+    EXPECT_EQ(read("target"), "fresh");
+
+    // Anything else is translated like any other failure.
+    CommitOptions odd;
+    odd.removeBackup(false);
+    odd.backupCreatedFcn([](std::u16string const&) { throw std::logic_error("callback broke"); });
+    EXPECT_EQ(messageOf([&] { m_ops.replaceFileWithBackup(path("target"), m_ops, path("new"), odd); }),
+              "replaceFileWithBackup failed: Unknown error");
+    m_ops.replaceFileWithBackup(path("target"), m_ops, path("new"), odd, ec);
+    EXPECT_EQ(ec, generic(errc::io_error));
+}
+
+} // namespace
+} // namespace opc::test
