@@ -1,0 +1,178 @@
+// The commit under process death: killed at random moments the target is always one whole
+// package; and under strace, the temporary file is flushed before the rename and the folder
+// after it.
+
+#include "commit/LocalFiles.hpp"
+#include "support/HostFolder.hpp"
+
+#include <opc/Commit.hpp>
+#include <opc/Exception.hpp>
+#include <opc/LocalFileSystemOps.hpp>
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <random>
+#include <regex>
+#include <vector>
+
+namespace opc::test {
+namespace {
+
+// When this variable is set ("<target>\n<source>"), the test binary is the child that the
+// durability test runs under strace: it commits once and exits before any test runs.
+char const* const ChildVariable = "OPC_COMMIT_TRACED_CHILD";
+
+struct TracedChild {
+    TracedChild() {
+        char const* job = std::getenv(ChildVariable);
+        if (!job)
+            return;
+        std::string const text = job;
+        auto const cut = text.find('\n');
+        int status = 0;
+        try {
+            LocalFileSystemOps ops;
+            replaceFileWithBackup(ops, u16(text.substr(0, cut)), ops, u16(text.substr(cut + 1)), CommitOptions());
+        } catch (std::exception const&) {
+            status = 3;
+        }
+        std::_Exit(status);
+    }
+} const tracedChild;
+
+constexpr std::size_t PackageSize = 1 << 20;
+
+TEST(CommitCrash, KilledCommitsLeaveTheOldOrTheNewPackageWhole) {
+    HostFolder root;
+    std::string const dir = root.path().string();
+    std::string const target = dir + "/p.pkg";
+    std::string const contents[2] = {pattern(PackageSize, 3), pattern(PackageSize, 4)};
+    std::string const sources[2] = {dir + "/a.src", dir + "/b.src"};
+    for (int i = 0; i < 2; ++i)
+        writeFile(sources[i], contents[i]);
+    writeFile(target, contents[0]);
+
+    std::mt19937 random(20261123);
+    std::uniform_int_distribution<int> delayMicros(0, 40000);
+    int const kills = 200;
+    int seen[2] = {0, 0};
+    auto const start = std::chrono::steady_clock::now();
+    for (int round = 0; round < kills; ++round) {
+        ::fflush(nullptr);
+        pid_t const child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            // Commit the other package, then back, for ever, with a backup each time.
+            try {
+                LocalFileSystemOps ops;
+                CommitOptions options;
+                options.removeBackup(false);
+                for (unsigned n = 1;; ++n)
+                    replaceFileWithBackup(ops, u16(target), ops, u16(sources[n % 2]), options);
+            } catch (...) {
+            }
+            std::_Exit(3);
+        }
+        ::usleep(static_cast<useconds_t>(delayMicros(random)));
+        ::kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFSIGNALED(status)) << "the committing child stopped by itself in round " << round;
+
+        std::string const now = readFile(target);
+        bool const isOld = now == contents[0];
+        bool const isNew = now == contents[1];
+        ASSERT_TRUE(isOld || isNew) << "round " << round << ": target holds " << now.size() << " bytes of neither";
+        ++seen[isNew ? 1 : 0];
+        // Start every round from the first package again, so that each kill can show either.
+        if (isNew)
+            writeFile(target, contents[0]);
+    }
+    auto const seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start).count();
+    RecordProperty("old", seen[0]);
+    RecordProperty("new", seen[1]);
+    RecordProperty("seconds", static_cast<int>(seconds));
+    // Leftover temporary files of killed commits are allowed; only the target is judged.
+    std::cout << "kills: " << kills << ", old " << seen[0] << ", new " << seen[1] << ", " << seconds << " s\n";
+}
+
+// Runs `command` through the shell; its exit status.
+int shell(std::string const& command) {
+    int const status = std::system(command.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// `text` as a regular expression matching exactly itself.
+std::string literal(std::string const& text) {
+    static std::regex const special(R"([.^$|()\[\]{}*+?\\])");
+    return std::regex_replace(text, special, R"(\$&)");
+}
+
+std::string selfPath() {
+    std::vector<char> buffer(4096);
+    ssize_t const n = ::readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
+    return n > 0 ? std::string(buffer.data(), static_cast<std::size_t>(n)) : std::string();
+}
+
+TEST(CommitDurability, TemporaryFileIsFlushedBeforeTheRenameAndItsFolderAfter) {
+    if (shell("command -v strace >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "strace is not installed";
+    if (shell("strace -o /dev/null true >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "tracing is not permitted here (ptrace refused)";
+
+    HostFolder root;
+    std::string const dir = root.path().string();
+    std::string const target = dir + "/p.pkg";
+    std::string const source = dir + "/new.src";
+    std::string const trace = dir + "/trace.txt";
+    writeFile(target, pattern(100000, 5));
+    writeFile(source, pattern(100000, 6));
+
+    std::string const command = std::string(ChildVariable) + "=\"$(printf '%s\\n%s' '" + target + "' '" + source +
+                                "')\" strace -f -y -qq -e trace=fdatasync,fsync,rename,renameat,renameat2,openat -o '" +
+                                trace + "' '" + selfPath() + "' >/dev/null 2>&1";
+    ASSERT_EQ(shell(command), 0) << command;
+    ASSERT_EQ(readFile(target), pattern(100000, 6));
+
+    std::ifstream in(trace);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+
+    // The rename of a temporary file beside the target onto the target.
+    std::regex const renameLine("rename(at2?)?\\((?:[^,]*, )?\"(" + literal(dir) + "/[^\"]+)\", (?:[^,]*, )?\"" + literal(target) +
+                                "\".*= 0");
+    std::size_t renameAt = lines.size();
+    std::string temporary;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        std::smatch m;
+        if (std::regex_search(lines[i], m, renameLine)) {
+            renameAt = i;
+            temporary = m[2];
+        }
+    }
+    ASSERT_LT(renameAt, lines.size()) << "no rename onto the target in the trace";
+    ASSERT_NE(temporary, source) << "the new file itself must not be renamed";
+
+    auto syncs = [&](std::string const& path, std::size_t from, std::size_t to) {
+        std::regex const sync("(fdatasync|fsync)\\(\\d+<" + literal(path) + ">\\) += 0");
+        for (std::size_t i = from; i < to; ++i)
+            if (std::regex_search(lines[i], sync))
+                return true;
+        return false;
+    };
+    EXPECT_TRUE(syncs(temporary, 0, renameAt)) << "the temporary file's data is not flushed before the rename";
+    EXPECT_TRUE(syncs(dir, renameAt + 1, lines.size())) << "the folder is not flushed after the rename";
+}
+
+} // namespace
+} // namespace opc::test
