@@ -119,6 +119,24 @@ TEST(MemoryProvider, InjectedFailuresStopCopyAndMoveAndKeepTheSource) {
     }
 }
 
+TEST(MemoryProvider, ProviderDefaultsCopyAndRemoveTrees) {
+    // The wrapper overrides neither copyFile nor removeTree: the interface's own versions run.
+    vfs::StorageSystemReference storage;
+    storage.setProvider(u"memory", std::make_shared<FailingOutputs>(storage.getProvider(u"memory"), 0));
+    vfs::Folder tree(vfs::AbsoluteIRI(u"memory:///tree/a/b"), storage);
+    tree.createFolderRecursive();
+    writeFile(memoryFile(storage, u"/tree/a/one"), "1");
+    writeFile(memoryFile(storage, u"/tree/a/b/two"), std::string(200000, '2'));
+    vfs::Folder source(vfs::AbsoluteIRI(u"memory:///tree"), storage);
+    vfs::Folder copy(vfs::AbsoluteIRI(u"memory:///copy"), storage);
+    vfs::copy(source, copy, provider::DoNotReplace);
+    EXPECT_EQ(snapshot(copy), snapshot(source));
+    EXPECT_EQ(snapshot(copy).size(), 4U);
+    vfs::remove(copy, vfs::RemoveRecursively);
+    EXPECT_EQ(vfs::exists(copy.getIRI(), storage), provider::NoItem);
+    EXPECT_EQ(snapshot(source).size(), 4U);
+}
+
 TEST(MemoryProvider, ManyThreadsCreateWriteListAndRemove) {
     vfs::StorageSystemReference storage;
     vfs::File shared = memoryFile(storage, u"/shared");
