@@ -6,7 +6,7 @@
 #include <boost/iostreams/categories.hpp>
 
 #include <cstddef>
-#include <iosfwd>
+#include <ios> // std::streamsize
 #include <vector>
 
 namespace opc {

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <random>
 #include <sstream>
 #include <type_traits>
@@ -339,22 +338,6 @@ TEST(StdOStreamAdaptorCopy, UnseekableStreamIsOfferedTheSameChunkAgain) {
     EXPECT_THROW(StreamHelper::copyStreamToStream(is, os), std::runtime_error);
     EXPECT_EQ(buf.offers, 5);
     EXPECT_EQ(buf.str(), text + text + text + text) << "four whole offers of the one chunk";
-}
-
-// Deleting adaptors through their interface runs the right destructor (checked by the
-// sanitizer build) and leaves what they wrap untouched.
-TEST(Adaptors, DeletionThroughTheInterfaceLeavesTheWrappedObjectAlone) {
-    Bytes data{1, 2, 3};
-    std::stringstream ss("abc");
-    {
-        std::unique_ptr<InputStream> a = std::make_unique<ByteArrayInAdaptor>(data);
-        std::unique_ptr<InputStream> b = std::make_unique<StdIStreamAdaptor>(ss);
-        std::unique_ptr<OutputStream> c = std::make_unique<ByteArrayOutAdaptor>(data);
-        std::unique_ptr<OutputStream> d = std::make_unique<StdOStreamAdaptor>(ss);
-    }
-    EXPECT_EQ(data, (Bytes{1, 2, 3}));
-    EXPECT_EQ(ss.str(), "abc");
-    EXPECT_TRUE(ss.good());
 }
 
 } // namespace
