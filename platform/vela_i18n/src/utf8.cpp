@@ -1,58 +1,22 @@
-// UTF-8 <-> UTF-16 over the Unicode library's optimised string functions.
+// UTF-8 <-> UTF-16 with the Unicode library's code-point macros and an ASCII fast path.
 
 #include "convert_impl.hpp"
 
 #include <vela/i18n/cvt_exception.hpp>
 
-#include <unicode/ustring.h>
 #include <unicode/utf16.h>
 #include <unicode/utf8.h>
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <limits>
-#include <new>
 #include <stdexcept>
 
 namespace vela::i18n::impl {
 namespace {
 
 constexpr UChar32 kReplacement = 0xFFFD;
-
-[[noreturn]] void throw_status(UErrorCode status) {
-    if (status == U_MEMORY_ALLOCATION_ERROR) {
-        throw std::bad_alloc();
-    }
-    throw CvtExceptionBase(std::string("Text conversion failed: ") + u_errorName(status));
-}
-
-/// Offset of the first unpaired surrogate; only called once a conversion has reported one.
-std::size_t first_lone_surrogate(char16_t const* text, int32_t length) {
-    for (int32_t i = 0; i < length;) {
-        int32_t const start = i;
-        UChar32 c;
-        U16_NEXT(text, i, length, c);
-        if (U_IS_SURROGATE(c)) {
-            return static_cast<std::size_t>(start);
-        }
-    }
-    return static_cast<std::size_t>(length);
-}
-
-/// Offset of the first ill-formed UTF-8 sequence; only called once a conversion has
-/// reported one.
-std::size_t first_invalid_utf8(char const* text, int32_t length) {
-    auto const* bytes = reinterpret_cast<uint8_t const*>(text);
-    for (int32_t i = 0; i < length;) {
-        int32_t const start = i;
-        UChar32 c;
-        U8_NEXT(bytes, i, length, c);
-        if (c < 0) {
-            return static_cast<std::size_t>(start);
-        }
-    }
-    return static_cast<std::size_t>(length);
-}
 
 /// Bytes the UTF-8 form of a UTF-16 text needs at most: 1 per ASCII unit, 2 below U+0800,
 /// 3 otherwise (a surrogate pair's 4 bytes are covered by its two units' 6). A lone
@@ -79,64 +43,147 @@ std::string code_point_name(char32_t c) {
     return buffer;
 }
 
-std::string utf16_to_utf8(char16_t const* text, std::size_t length, bool strict) {
-    if (length == 0) {
-        return {};
-    }
-    check_length(length);
-    std::size_t const bound = utf8_bound(text, length);
-    check_length(bound);
+namespace {
 
-    std::string out(bound, '\0');
-    int32_t written = 0;
-    UErrorCode status = U_ZERO_ERROR;
-    auto const n = static_cast<int32_t>(length);
-    if (strict) {
-        u_strToUTF8(out.data(), static_cast<int32_t>(bound), &written, text, n, &status);
-    } else {
-        u_strToUTF8WithSub(out.data(), static_cast<int32_t>(bound), &written, text, n, kReplacement, nullptr,
-                           &status);
+// The conversions run chunk by chunk through a stack buffer and append to the result, so
+// the result is never zero-filled and short texts cost one allocation. A chunk never ends
+// inside a character, so chunking does not change the result.
+constexpr std::size_t kChunk = 2048;
+
+bool ascii4(char16_t const* p) {
+    uint64_t v;
+    std::memcpy(&v, p, sizeof v);
+    return (v & 0xFF80FF80FF80FF80ULL) == 0;
+}
+
+bool ascii8(char const* p) {
+    uint64_t v;
+    std::memcpy(&v, p, sizeof v);
+    return (v & 0x8080808080808080ULL) == 0;
+}
+
+/// Encodes text[begin, end) as UTF-8 into out; `end` never splits a surrogate pair.
+/// Returns the bytes written.
+std::size_t encode_chunk(char16_t const* text, std::size_t begin, std::size_t end, bool strict, char* out) {
+    char* o = out;
+    std::size_t i = begin;
+    while (i < end) {
+        while (i + 4 <= end && ascii4(text + i)) {
+            o[0] = static_cast<char>(text[i]);
+            o[1] = static_cast<char>(text[i + 1]);
+            o[2] = static_cast<char>(text[i + 2]);
+            o[3] = static_cast<char>(text[i + 3]);
+            o += 4;
+            i += 4;
+        }
+        if (i == end) {
+            break;
+        }
+        UChar32 c = text[i];
+        if (c < 0x80) {
+            *o++ = static_cast<char>(c);
+            ++i;
+            continue;
+        }
+        if (U16_IS_LEAD(c) && i + 1 < end && U16_IS_TRAIL(text[i + 1])) {
+            c = U16_GET_SUPPLEMENTARY(c, text[i + 1]);
+            i += 2;
+        } else if (U_IS_SURROGATE(c)) {
+            if (strict) {
+                throw CvtInvalidInput("Unpaired surrogate " + code_point_name(static_cast<char32_t>(c)) +
+                                          " at UTF-16 offset " + std::to_string(i) + " cannot be converted to UTF-8",
+                                      i);
+            }
+            c = kReplacement;
+            ++i;
+        } else {
+            ++i;
+        }
+        std::size_t k = 0;
+        U8_APPEND_UNSAFE(reinterpret_cast<uint8_t*>(o), k, c);
+        o += k;
     }
-    if (status == U_INVALID_CHAR_FOUND) {
-        std::size_t const at = first_lone_surrogate(text, n);
-        throw CvtInvalidInput("Unpaired surrogate " + code_point_name(text[at]) + " at UTF-16 offset " +
-                                  std::to_string(at) + " cannot be converted to UTF-8",
-                              at);
+    return static_cast<std::size_t>(o - out);
+}
+
+/// Decodes UTF-8 text[begin, end) into out; `end` never splits a character.
+std::size_t decode_chunk(char const* text, std::size_t begin, std::size_t end, bool strict, char16_t* out) {
+    auto const* bytes = reinterpret_cast<uint8_t const*>(text);
+    char16_t* o = out;
+    std::size_t i = begin;
+    while (i < end) {
+        while (i + 8 <= end && ascii8(text + i)) {
+            for (int k = 0; k < 8; ++k) {
+                o[k] = static_cast<char16_t>(bytes[i + static_cast<std::size_t>(k)]);
+            }
+            o += 8;
+            i += 8;
+        }
+        if (i == end) {
+            break;
+        }
+        if (bytes[i] < 0x80) {
+            *o++ = bytes[i++];
+            continue;
+        }
+        std::size_t const start = i;
+        UChar32 c;
+        U8_NEXT(bytes, i, end, c);
+        if (c < 0) {
+            if (strict) {
+                char hex[8];
+                std::snprintf(hex, sizeof hex, "0x%02X", static_cast<unsigned>(bytes[start]));
+                throw CvtInvalidInput("Invalid UTF-8 sequence starting with byte " + std::string(hex) +
+                                          " at offset " + std::to_string(start),
+                                      start);
+            }
+            c = kReplacement;
+        }
+        std::size_t k = 0;
+        U16_APPEND_UNSAFE(o, k, c);
+        o += k;
     }
-    if (U_FAILURE(status)) {
-        throw_status(status);
+    return static_cast<std::size_t>(o - out);
+}
+
+} // namespace
+
+std::string utf16_to_utf8(char16_t const* text, std::size_t length, bool strict) {
+    char buffer[3 * kChunk];
+    if (length <= kChunk) {
+        return std::string(buffer, encode_chunk(text, 0, length, strict, buffer));
     }
-    out.resize(static_cast<std::size_t>(written));
+    std::string out;
+    out.reserve(utf8_bound(text, length));
+    for (std::size_t i = 0; i < length;) {
+        std::size_t end = i + kChunk < length ? i + kChunk : length;
+        if (end < length && U16_IS_LEAD(text[end - 1])) {
+            --end;
+        }
+        out.append(buffer, encode_chunk(text, i, end, strict, buffer));
+        i = end;
+    }
     return out;
 }
 
 std::u16string utf8_to_utf16(char const* text, std::size_t length, bool strict) {
-    if (length == 0) {
-        return {};
+    char16_t buffer[kChunk + 4];
+    if (length <= kChunk) {
+        return std::u16string(buffer, decode_chunk(text, 0, length, strict, buffer));
     }
-    check_length(length);
-    // UTF-16 never needs more units than UTF-8 has bytes, even with replacements.
-    std::u16string out(length, u'\0');
-    int32_t written = 0;
-    UErrorCode status = U_ZERO_ERROR;
-    auto const n = static_cast<int32_t>(length);
-    if (strict) {
-        u_strFromUTF8(out.data(), n, &written, text, n, &status);
-    } else {
-        u_strFromUTF8WithSub(out.data(), n, &written, text, n, kReplacement, nullptr, &status);
+    std::u16string out;
+    // Never more units than bytes; exact for ASCII.
+    out.reserve(length);
+    for (std::size_t i = 0; i < length;) {
+        std::size_t end = i + kChunk < length ? i + kChunk : length;
+        // Move the end past continuation bytes (at most 3): a character, or the longest
+        // invalid prefix the decoder replaces as one, then never straddles two chunks.
+        for (int k = 0; k < 3 && end < length && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80; ++k) {
+            ++end;
+        }
+        out.append(buffer, decode_chunk(text, i, end, strict, buffer));
+        i = end;
     }
-    if (status == U_INVALID_CHAR_FOUND) {
-        std::size_t const at = first_invalid_utf8(text, n);
-        char hex[8];
-        std::snprintf(hex, sizeof hex, "0x%02X", static_cast<unsigned>(static_cast<unsigned char>(text[at])));
-        throw CvtInvalidInput("Invalid UTF-8 sequence starting with byte " + std::string(hex) + " at offset " +
-                                  std::to_string(at),
-                              at);
-    }
-    if (U_FAILURE(status)) {
-        throw_status(status);
-    }
-    out.resize(static_cast<std::size_t>(written));
     return out;
 }
 

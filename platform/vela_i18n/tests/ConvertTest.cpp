@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <unicode/ucnv.h>
 #include <unicode/unistr.h>
+#include <unicode/ustring.h>
+#include <unicode/utf8.h>
 
 #include <random>
 #include <string>
@@ -233,4 +235,56 @@ TEST(Encodings, LongTextGrowsTheOutput) {
     std::string const bytes = vi::to_string(kana, out);
     EXPECT_EQ(bytes.size(), 10000u);
     EXPECT_EQ(vi::to_ustring(bytes, vi::codecvt_string_to_ustring("Shift_JIS", true)), kana);
+}
+
+TEST(Utf8, LongTextsWithDamageMatchIcuAcrossChunkBoundaries) {
+    // Texts far longer than the converter's internal chunks, damaged at random places, are
+    // checked against the Unicode library's own whole-string conversion with substitution.
+    std::mt19937 rng(17);
+    for (int round = 0; round < 40; ++round) {
+        auto const scalars = randomScalars(rng, 3000 + static_cast<std::size_t>(round) * 97);
+        std::string bytes = encodeUTF8(scalars);
+        std::u16string units = encodeUTF16(scalars);
+        std::uniform_int_distribution<int> damageByte(0x80, 0xFF);
+        for (int d = 0; d < round % 6; ++d) {
+            bytes[std::uniform_int_distribution<std::size_t>(0, bytes.size() - 1)(rng)] =
+                static_cast<char>(damageByte(rng));
+            units[std::uniform_int_distribution<std::size_t>(0, units.size() - 1)(rng)] =
+                static_cast<char16_t>(std::uniform_int_distribution<int>(0xD800, 0xDFFF)(rng));
+        }
+
+        std::u16string fromIcu(bytes.size(), u'\0');
+        int32_t n = 0;
+        UErrorCode status = U_ZERO_ERROR;
+        u_strFromUTF8WithSub(fromIcu.data(), static_cast<int32_t>(fromIcu.size()), &n, bytes.data(),
+                             static_cast<int32_t>(bytes.size()), 0xFFFD, nullptr, &status);
+        ASSERT_TRUE(U_SUCCESS(status));
+        fromIcu.resize(static_cast<std::size_t>(n));
+        ASSERT_EQ(fromUtf8(bytes, false), fromIcu) << round;
+
+        std::string toIcu(units.size() * 3, '\0');
+        status = U_ZERO_ERROR;
+        u_strToUTF8WithSub(toIcu.data(), static_cast<int32_t>(toIcu.size()), &n, units.data(),
+                           static_cast<int32_t>(units.size()), 0xFFFD, nullptr, &status);
+        ASSERT_TRUE(U_SUCCESS(status));
+        toIcu.resize(static_cast<std::size_t>(n));
+        ASSERT_EQ(utf8(units, false), toIcu) << round;
+
+        // Strict mode reports the first ill-formed sequence found by walking code points.
+        std::size_t firstBad = std::string::npos;
+        for (int32_t i = 0, len = static_cast<int32_t>(bytes.size()); i < len;) {
+            int32_t const start = i;
+            UChar32 c;
+            U8_NEXT(reinterpret_cast<uint8_t const*>(bytes.data()), i, len, c);
+            if (c < 0) {
+                firstBad = static_cast<std::size_t>(start);
+                break;
+            }
+        }
+        if (firstBad == std::string::npos) {
+            ASSERT_EQ(fromUtf8(bytes, true), fromIcu);
+        } else {
+            ASSERT_EQ(invalidPosition([&] { fromUtf8(bytes, true); }), firstBad) << round;
+        }
+    }
 }
