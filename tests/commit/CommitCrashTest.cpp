@@ -20,7 +20,6 @@
 #include <fstream>
 #include <iostream>
 #include <random>
-#include <regex>
 #include <vector>
 
 namespace opc::test {
@@ -111,11 +110,12 @@ int shell(std::string const& command) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// `text` as a regular expression matching exactly itself.
-std::string literal(std::string const& text) {
-    static std::regex const special(R"([.^$|()\[\]{}*+?\\])");
-    return std::regex_replace(text, special, R"(\$&)");
+bool succeeded(std::string const& line) {
+    static std::string const ok = "= 0";
+    return line.size() >= ok.size() && line.compare(line.size() - ok.size(), ok.size(), ok) == 0;
 }
+
+bool contains(std::string const& line, std::string const& part) { return line.find(part) != std::string::npos; }
 
 std::string selfPath() {
     std::vector<char> buffer(4096);
@@ -148,26 +148,31 @@ TEST(CommitDurability, TemporaryFileIsFlushedBeforeTheRenameAndItsFolderAfter) {
     for (std::string line; std::getline(in, line);)
         lines.push_back(line);
 
-    // The rename of a temporary file beside the target onto the target.
-    std::regex const renameLine("rename(at2?)?\\((?:[^,]*, )?\"(" + literal(dir) + "/[^\"]+)\", (?:[^,]*, )?\"" + literal(target) +
-                                "\".*= 0");
+    // The rename of a temporary file beside the target onto the target: the first quoted path
+    // of a successful rename, renameat or renameat2 whose second path is the target.
     std::size_t renameAt = lines.size();
     std::string temporary;
     for (std::size_t i = 0; i < lines.size(); ++i) {
-        std::smatch m;
-        if (std::regex_search(lines[i], m, renameLine)) {
-            renameAt = i;
-            temporary = m[2];
-        }
+        std::string const& line = lines[i];
+        if (!contains(line, " rename") || !contains(line, ", \"" + target + "\"") || !succeeded(line))
+            continue;
+        auto const open = line.find('"');
+        auto const close = line.find('"', open + 1);
+        temporary = line.substr(open + 1, close - open - 1);
+        renameAt = i;
     }
     ASSERT_LT(renameAt, lines.size()) << "no rename onto the target in the trace";
+    EXPECT_EQ(temporary.rfind(dir + "/", 0), 0u) << temporary << " is not beside the target";
     ASSERT_NE(temporary, source) << "the new file itself must not be renamed";
 
+    // A successful fsync or fdatasync of a descriptor that strace shows open on `path`.
     auto syncs = [&](std::string const& path, std::size_t from, std::size_t to) {
-        std::regex const sync("(fdatasync|fsync)\\(\\d+<" + literal(path) + ">\\) += 0");
-        for (std::size_t i = from; i < to; ++i)
-            if (std::regex_search(lines[i], sync))
+        for (std::size_t i = from; i < to; ++i) {
+            std::string const& line = lines[i];
+            if ((contains(line, " fsync(") || contains(line, " fdatasync(")) && contains(line, "<" + path + ">)") &&
+                succeeded(line))
                 return true;
+        }
         return false;
     };
     EXPECT_TRUE(syncs(temporary, 0, renameAt)) << "the temporary file's data is not flushed before the rename";
