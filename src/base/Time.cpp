@@ -10,6 +10,7 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <ctime>
+#include <iterator>
 #include <locale>
 #include <sstream>
 #include <stdexcept>
@@ -34,14 +35,17 @@ std::locale const& readingLocale() {
 }
 
 // One stream per thread, imbued once: imbuing and constructing a stream cost more than the
-// formatting itself.
-std::wostringstream& writer() {
-    thread_local std::wostringstream stream = [] {
-        std::wostringstream s;
-        s.imbue(writingLocale());
-        return s;
-    }();
-    return stream;
+// formatting itself. The writer also keeps its facet, so a call skips the facet look-up.
+struct Writer {
+    std::wostringstream stream;
+    pt::wtime_facet const* facet;
+
+    Writer() : facet(&std::use_facet<pt::wtime_facet>(writingLocale())) { stream.imbue(writingLocale()); }
+};
+
+Writer& writer() {
+    thread_local Writer w;
+    return w;
 }
 
 std::wistringstream& reader() {
@@ -81,11 +85,11 @@ std::u16string convertTimeToString(pt::ptime time) {
     if (time.is_special()) {
         return std::u16string();
     }
-    std::wostringstream& stream = writer();
-    stream.str(std::wstring());
-    stream.clear();
-    stream << time;
-    return vela::i18n::to_ustring(stream.str());
+    Writer& w = writer();
+    w.stream.str(std::wstring());
+    w.stream.clear();
+    w.facet->put(std::ostreambuf_iterator<wchar_t>(w.stream), w.stream, w.stream.fill(), time);
+    return vela::i18n::to_ustring(w.stream.str());
 }
 
 pt::ptime convertStringToTime(std::u16string const& text) {

@@ -16,7 +16,7 @@ encoding_converter_base::encoding_converter_base(std::string const& encoding, bo
     : m_name("UTF-8"), m_strict(strict), m_kind(detail::encoding_kind::utf8) {
     // The common names of UTF-8 are recognised without opening a converter: conversions
     // build a converter object per call, so this must stay cheap.
-    if (encoding.empty() || ucnv_compareNames(encoding.c_str(), "UTF-8") == 0) {
+    if (encoding.empty() || encoding == "UTF-8" || ucnv_compareNames(encoding.c_str(), "UTF-8") == 0) {
         return;
     }
     UErrorCode status = U_ZERO_ERROR;

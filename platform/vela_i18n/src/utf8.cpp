@@ -1,9 +1,10 @@
-// UTF-8 <-> UTF-16 with the Unicode library's code-point macros and an ASCII fast path.
+// UTF-8 <-> UTF-16: an ASCII fast path, then the Unicode library's optimised string functions.
 
 #include "convert_impl.hpp"
 
 #include <vela/i18n/cvt_exception.hpp>
 
+#include <unicode/ustring.h>
 #include <unicode/utf16.h>
 #include <unicode/utf8.h>
 
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <stdexcept>
 
 namespace vela::i18n::impl {
@@ -20,13 +22,20 @@ constexpr UChar32 kReplacement = 0xFFFD;
 
 /// Bytes the UTF-8 form of a UTF-16 text needs at most: 1 per ASCII unit, 2 below U+0800,
 /// 3 otherwise (a surrogate pair's 4 bytes are covered by its two units' 6). A lone
-/// surrogate replaced by U+FFFD also takes 3. The loop is branch-free so it vectorises.
+/// surrogate replaced by U+FFFD also takes 3. Counted in 16-bit blocks so the loop
+/// vectorises without widening.
 std::size_t utf8_bound(char16_t const* text, std::size_t length) {
-    std::size_t extra = 0;
-    for (std::size_t i = 0; i < length; ++i) {
-        extra += static_cast<std::size_t>(text[i] >= 0x80) + static_cast<std::size_t>(text[i] >= 0x800);
+    std::size_t total = length;
+    constexpr std::size_t kBlock = 32767; // 2 per unit still fits 16 bits
+    for (std::size_t start = 0; start < length; start += kBlock) {
+        std::size_t const stop = start + kBlock < length ? start + kBlock : length;
+        uint16_t extra = 0;
+        for (std::size_t i = start; i < stop; ++i) {
+            extra = static_cast<uint16_t>(extra + (text[i] >= 0x80) + (text[i] >= 0x800));
+        }
+        total += extra;
     }
-    return length + extra;
+    return total;
 }
 
 } // namespace
@@ -62,96 +71,118 @@ bool ascii8(char const* p) {
     return (v & 0x8080808080808080ULL) == 0;
 }
 
-/// Encodes text[begin, end) as UTF-8 into out; `end` never splits a surrogate pair.
-/// Returns the bytes written.
-std::size_t encode_chunk(char16_t const* text, std::size_t begin, std::size_t end, bool strict, char* out) {
-    char* o = out;
-    std::size_t i = begin;
-    while (i < end) {
-        while (i + 4 <= end && ascii4(text + i)) {
-            o[0] = static_cast<char>(text[i]);
-            o[1] = static_cast<char>(text[i + 1]);
-            o[2] = static_cast<char>(text[i + 2]);
-            o[3] = static_cast<char>(text[i + 3]);
-            o += 4;
-            i += 4;
-        }
-        if (i == end) {
-            break;
-        }
-        UChar32 c = text[i];
-        if (c < 0x80) {
-            *o++ = static_cast<char>(c);
-            ++i;
-            continue;
-        }
-        if (U16_IS_LEAD(c) && i + 1 < end && U16_IS_TRAIL(text[i + 1])) {
-            c = U16_GET_SUPPLEMENTARY(c, text[i + 1]);
-            i += 2;
-        } else if (U_IS_SURROGATE(c)) {
-            if (strict) {
-                throw CvtInvalidInput("Unpaired surrogate " + code_point_name(static_cast<char32_t>(c)) +
-                                          " at UTF-16 offset " + std::to_string(i) + " cannot be converted to UTF-8",
-                                      i);
-            }
-            c = kReplacement;
-            ++i;
-        } else {
-            ++i;
-        }
-        std::size_t k = 0;
-        U8_APPEND_UNSAFE(reinterpret_cast<uint8_t*>(o), k, c);
-        o += k;
+[[noreturn]] void throw_status(UErrorCode status) {
+    if (status == U_MEMORY_ALLOCATION_ERROR) {
+        throw std::bad_alloc();
     }
-    return static_cast<std::size_t>(o - out);
+    throw CvtExceptionBase(std::string("Text conversion failed: ") + u_errorName(status));
 }
 
-/// Decodes UTF-8 text[begin, end) into out; `end` never splits a character.
-std::size_t decode_chunk(char const* text, std::size_t begin, std::size_t end, bool strict, char16_t* out) {
+/// Encodes text[begin, end) as UTF-8 into out; `end` never splits a surrogate pair.
+/// Returns the bytes written. A leading ASCII run is copied here; the rest of the chunk, once
+/// a non-ASCII unit appears, goes to the library's converter.
+std::size_t encode_chunk(char16_t const* text, std::size_t begin, std::size_t end, bool strict, char* out,
+                         std::size_t out_capacity) {
+    char* o = out;
+    std::size_t i = begin;
+    while (i + 4 <= end && ascii4(text + i)) {
+        o[0] = static_cast<char>(text[i]);
+        o[1] = static_cast<char>(text[i + 1]);
+        o[2] = static_cast<char>(text[i + 2]);
+        o[3] = static_cast<char>(text[i + 3]);
+        o += 4;
+        i += 4;
+    }
+    while (i < end && text[i] < 0x80) {
+        *o++ = static_cast<char>(text[i++]);
+    }
+    if (i == end) {
+        return static_cast<std::size_t>(o - out);
+    }
+    // The whole rest of the buffer: the library takes its fastest loop only when the room
+    // left clearly exceeds the worst case.
+    auto const capacity = static_cast<int32_t>(out_capacity - static_cast<std::size_t>(o - out));
+    auto const n = static_cast<int32_t>(end - i);
+    int32_t written = 0;
+    UErrorCode status = U_ZERO_ERROR;
+    if (strict) {
+        u_strToUTF8(o, capacity, &written, text + i, n, &status);
+    } else {
+        u_strToUTF8WithSub(o, capacity, &written, text + i, n, kReplacement, nullptr, &status);
+    }
+    if (status == U_INVALID_CHAR_FOUND) {
+        for (std::size_t k = i; k < end;) {
+            std::size_t const at = k;
+            UChar32 c;
+            U16_NEXT(text, k, end, c);
+            if (U_IS_SURROGATE(c)) {
+                throw CvtInvalidInput("Unpaired surrogate " + code_point_name(static_cast<char32_t>(c)) +
+                                          " at UTF-16 offset " + std::to_string(at) + " cannot be converted to UTF-8",
+                                      at);
+            }
+        }
+    }
+    if (U_FAILURE(status)) {
+        throw_status(status);
+    }
+    return static_cast<std::size_t>(o - out) + static_cast<std::size_t>(written);
+}
+
+/// Decodes UTF-8 text[begin, end) into out; `end` never splits a character. Same split of
+/// work as encode_chunk.
+std::size_t decode_chunk(char const* text, std::size_t begin, std::size_t end, bool strict, char16_t* out,
+                         std::size_t out_capacity) {
     auto const* bytes = reinterpret_cast<uint8_t const*>(text);
     char16_t* o = out;
     std::size_t i = begin;
-    while (i < end) {
-        while (i + 8 <= end && ascii8(text + i)) {
-            for (int k = 0; k < 8; ++k) {
-                o[k] = static_cast<char16_t>(bytes[i + static_cast<std::size_t>(k)]);
-            }
-            o += 8;
-            i += 8;
+    while (i + 8 <= end && ascii8(text + i)) {
+        for (int k = 0; k < 8; ++k) {
+            o[k] = static_cast<char16_t>(bytes[i + static_cast<std::size_t>(k)]);
         }
-        if (i == end) {
-            break;
-        }
-        if (bytes[i] < 0x80) {
-            *o++ = bytes[i++];
-            continue;
-        }
-        std::size_t const start = i;
-        UChar32 c;
-        U8_NEXT(bytes, i, end, c);
-        if (c < 0) {
-            if (strict) {
-                char hex[8];
-                std::snprintf(hex, sizeof hex, "0x%02X", static_cast<unsigned>(bytes[start]));
-                throw CvtInvalidInput("Invalid UTF-8 sequence starting with byte " + std::string(hex) +
-                                          " at offset " + std::to_string(start),
-                                      start);
-            }
-            c = kReplacement;
-        }
-        std::size_t k = 0;
-        U16_APPEND_UNSAFE(o, k, c);
-        o += k;
+        o += 8;
+        i += 8;
     }
-    return static_cast<std::size_t>(o - out);
+    while (i < end && bytes[i] < 0x80) {
+        *o++ = bytes[i++];
+    }
+    if (i == end) {
+        return static_cast<std::size_t>(o - out);
+    }
+    auto const capacity = static_cast<int32_t>(out_capacity - static_cast<std::size_t>(o - out));
+    auto const n = static_cast<int32_t>(end - i);
+    int32_t written = 0;
+    UErrorCode status = U_ZERO_ERROR;
+    if (strict) {
+        u_strFromUTF8(o, capacity, &written, text + i, n, &status);
+    } else {
+        u_strFromUTF8WithSub(o, capacity, &written, text + i, n, kReplacement, nullptr, &status);
+    }
+    if (status == U_INVALID_CHAR_FOUND) {
+        for (std::size_t k = i; k < end;) {
+            std::size_t const at = k;
+            UChar32 c;
+            U8_NEXT(bytes, k, end, c);
+            if (c < 0) {
+                char hex[8];
+                std::snprintf(hex, sizeof hex, "0x%02X", static_cast<unsigned>(bytes[at]));
+                throw CvtInvalidInput("Invalid UTF-8 sequence starting with byte " + std::string(hex) +
+                                          " at offset " + std::to_string(at),
+                                      at);
+            }
+        }
+    }
+    if (U_FAILURE(status)) {
+        throw_status(status);
+    }
+    return static_cast<std::size_t>(o - out) + static_cast<std::size_t>(written);
 }
 
 } // namespace
 
 std::string utf16_to_utf8(char16_t const* text, std::size_t length, bool strict) {
-    char buffer[3 * kChunk];
+    char buffer[3 * kChunk + 64];
     if (length <= kChunk) {
-        return std::string(buffer, encode_chunk(text, 0, length, strict, buffer));
+        return std::string(buffer, encode_chunk(text, 0, length, strict, buffer, sizeof buffer));
     }
     std::string out;
     out.reserve(utf8_bound(text, length));
@@ -160,16 +191,16 @@ std::string utf16_to_utf8(char16_t const* text, std::size_t length, bool strict)
         if (end < length && U16_IS_LEAD(text[end - 1])) {
             --end;
         }
-        out.append(buffer, encode_chunk(text, i, end, strict, buffer));
+        out.append(buffer, encode_chunk(text, i, end, strict, buffer, sizeof buffer));
         i = end;
     }
     return out;
 }
 
 std::u16string utf8_to_utf16(char const* text, std::size_t length, bool strict) {
-    char16_t buffer[kChunk + 4];
+    char16_t buffer[kChunk + 64];
     if (length <= kChunk) {
-        return std::u16string(buffer, decode_chunk(text, 0, length, strict, buffer));
+        return std::u16string(buffer, decode_chunk(text, 0, length, strict, buffer, kChunk + 64));
     }
     std::u16string out;
     // Never more units than bytes; exact for ASCII.
@@ -181,7 +212,7 @@ std::u16string utf8_to_utf16(char const* text, std::size_t length, bool strict) 
         for (int k = 0; k < 3 && end < length && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80; ++k) {
             ++end;
         }
-        out.append(buffer, decode_chunk(text, i, end, strict, buffer));
+        out.append(buffer, decode_chunk(text, i, end, strict, buffer, kChunk + 64));
         i = end;
     }
     return out;
