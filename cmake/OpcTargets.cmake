@@ -29,7 +29,8 @@ endfunction()
 
 # opc_add_test_folder(PREFIX <prefix> DIR <dir> LINK <libs...>)
 # Every <dir>/*Test.cpp becomes one GoogleTest executable <prefix>_<file name>, registered
-# with CTest as one test (one process per file keeps the sanitizer run short). Other .cpp files in <dir> are shared by those executables.
+# with CTest as one test (one process per file keeps the sanitizer run short). Helpers shared
+# by the tests of a folder live in headers beside them or in tests/support.
 function(opc_add_test_folder)
   cmake_parse_arguments(T "" "PREFIX;DIR" "LINK" ${ARGN})
   file(GLOB tests CONFIGURE_DEPENDS "${T_DIR}/*Test.cpp")

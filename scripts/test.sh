@@ -17,7 +17,7 @@ build_and_test() {
 }
 
 echo "== Normal build"
-build_and_test build/release -DOPC_SANITIZE=OFF
+build_and_test build/release -DOPC_SANITIZE=OFF -DOPC_BUILD_BENCH=ON
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
