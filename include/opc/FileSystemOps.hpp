@@ -118,14 +118,14 @@ public:
     /// The permission bits; `PermsUnknown` on failure.
     Perms::Perms_tag getPermissions(const std::u16string& path);
     Perms::Perms_tag getPermissions(const std::u16string& path, error_code& ec) noexcept;
-    /// Sets the permission bits of the path itself; `PermsUnknown` changes nothing.
+    /// Sets the permission bits of the path itself (what `PermsUnknown` does is the back end's to say).
     void setPermissions(const std::u16string& path, Perms::Perms_tag perms);
     void setPermissions(const std::u16string& path, Perms::Perms_tag perms, error_code& ec) noexcept;
 
     /// The modification time (UTC); not-a-date-time on failure.
     ptime getLastModifiedTime(const std::u16string& path);
     ptime getLastModifiedTime(const std::u16string& path, error_code& ec) noexcept;
-    /// Sets the modification time; not-a-date-time changes nothing.
+    /// Sets the modification time (whether not-a-date-time is refused is the back end's to say).
     void setLastModifiedTime(const std::u16string& path, ptime time);
     void setLastModifiedTime(const std::u16string& path, ptime time, error_code& ec) noexcept;
 

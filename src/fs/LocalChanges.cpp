@@ -1,6 +1,6 @@
 // LocalFileSystemOps: creating, copying, renaming and removing, and the commit.
 
-#include <opc/Commit.hpp>
+#include "commit/CommitReport.hpp"
 #include <opc/Exception.hpp>
 #include <opc/LocalFileSystemOps.hpp>
 #include <opc/Text.hpp>
@@ -93,13 +93,7 @@ void LocalFileSystemOps::doReplaceFileWithBackup(const std::u16string& targetPat
                                                  const std::u16string& sourcePath, const CommitOptions& options,
                                                  std::string& detail, error_code& ec) {
     guardedHostCall(detail, ec, [&] {
-        try {
-            opc::replaceFileWithBackup(*this, targetPath, sourceOps, sourcePath, options);
-        } catch (Exception const& e) {
-            // The commit's own report passes unchanged, a cleared code included.
-            detail = e.what();
-            ec = e.code();
-        }
+        detail::commitAndReport(*this, targetPath, sourceOps, sourcePath, options, detail, ec);
     });
 }
 

@@ -1,7 +1,7 @@
 // The virtual back end: folder creation, copy, rename, removal and the commit.
 #include "fs/VirtualTranslate.hpp"
 
-#include <opc/Commit.hpp>
+#include "commit/CommitReport.hpp"
 #include <opc/Exception.hpp>
 #include <opc/VirtualFileSystemOps.hpp>
 
@@ -87,13 +87,7 @@ void VirtualFileSystemOps::doReplaceFileWithBackup(const std::u16string& targetP
                                                    const std::u16string& sourcePath, const CommitOptions& options,
                                                    std::string& detail, error_code& ec) {
     guarded(detail, ec, [&] {
-        try {
-            opc::replaceFileWithBackup(*this, targetPath, sourceOps, sourcePath, options);
-        } catch (Exception const& e) {
-            // The commit's own message and code come back as they are, category included.
-            detail = e.what();
-            ec = e.code();
-        }
+        detail::commitAndReport(*this, targetPath, sourceOps, sourcePath, options, detail, ec);
     });
 }
 
