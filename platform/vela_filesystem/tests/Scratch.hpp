@@ -1,29 +1,82 @@
 #pragma once
 // Helpers shared by the tests of the host file-system layer.
-
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <random>
+#include <sstream>
 #include <string>
+#include <vector>
 
 namespace vela_test {
 
-/// A fresh folder under /tmp, open to everyone (so a child running as nobody can reach it),
-/// removed with its contents at the end.
+// UTF-8 <-> UTF-16 through the standard library, so the tests don't lean on the converter under test.
+inline std::u16string utf16(std::string const& s) { return std::filesystem::path(s).u16string(); }
+inline std::string utf8(std::u16string const& s) { return std::filesystem::path(s).string(); }
+
+inline std::string read_all(std::string const& p) {
+    std::stringstream ss;
+    ss << std::ifstream(p, std::ios::binary).rdbuf();
+    return ss.str();
+}
+
+inline mode_t mode_of(std::string const& p) {
+    struct stat st;
+    return ::lstat(p.c_str(), &st) == 0 ? st.st_mode : 0;
+}
+
+/// Fills the folder `root` with a random tree: folders, files of varied sizes and modes, names with
+/// spaces and non-ASCII letters, links that dangle, name earlier entries or one of `outside`.
+/// Returns how many links lead to `outside`.
+inline int make_tree(std::string const& root, unsigned seed, int entries, std::vector<std::string> const& outside = {}) {
+    std::mt19937 rng(seed);
+    std::vector<std::string> folders{root}, all;
+    char const* const names[] = {"f", "a b", "d\xC3\xA9j\xC3\xA0", "\xE6\x96\x87\xE4\xBB\xB6", ".hidden", "x.y.z"};
+    int out = 0;
+    for (int i = 0; i < entries; ++i) {
+        std::string const p = folders[rng() % folders.size()] + "/" + names[rng() % 6] + std::to_string(i);
+        std::uint32_t const kind = rng() % 6;
+        if (kind == 0) {
+            ::mkdir(p.c_str(), 0755);
+            folders.push_back(p);
+        } else if (kind < 3) {
+            std::ofstream(p) << std::string(rng() % 5000, 'q');
+            ::chmod(p.c_str(), 0600 | (rng() % 0100));
+        } else {
+            bool const away = kind == 3 && !outside.empty();
+            out += away;
+            std::string const target = away ? outside[rng() % outside.size()]
+                                            : kind == 4 && !all.empty() ? all[rng() % all.size()] : "missing/target";
+            EXPECT_EQ(::symlink(target.c_str(), p.c_str()), 0);
+        }
+        all.push_back(p);
+    }
+    return out;
+}
+
+/// The path carried by the E that `f` throws, or "(nothing)" when it throws none.
+template <class E, class F>
+std::u16string thrown_path(F&& f) {
+    try {
+        f();
+    } catch (E const& e) {
+        return e.path();
+    }
+    return u"(nothing)";
+}
+
+/// A fresh folder under /tmp, open to everyone (for the child running as nobody), removed at the end.
 class Scratch {
 public:
-    Scratch() {
-        std::string pattern = "/tmp/vela-fs-test-XXXXXX";
-        char* made = ::mkdtemp(pattern.data());
-        if (made == nullptr)
+    Scratch() : m_dir("/tmp/vela-fs-test-XXXXXX") {
+        if (::mkdtemp(m_dir.data()) == nullptr)
             throw std::runtime_error("mkdtemp failed");
-        m_dir = made;
         ::chmod(m_dir.c_str(), 0777);
     }
     ~Scratch() {
@@ -37,72 +90,27 @@ public:
     std::string at(std::string const& name) const { return m_dir + "/" + name; }
     std::u16string u(std::string const& name) const { return utf16(at(name)); }
 
-    /// UTF-8 to UTF-16, written out by hand so the tests don't lean on the converter under test.
-    static std::u16string utf16(std::string const& s) {
-        std::u16string out;
-        for (std::size_t i = 0; i < s.size();) {
-            auto const b = static_cast<unsigned char>(s[i]);
-            char32_t c;
-            int n;
-            if (b < 0x80) { c = b; n = 1; }
-            else if (b < 0xE0) { c = b & 0x1F; n = 2; }
-            else if (b < 0xF0) { c = b & 0x0F; n = 3; }
-            else { c = b & 0x07; n = 4; }
-            for (int k = 1; k < n; ++k)
-                c = (c << 6) | (static_cast<unsigned char>(s[i + std::size_t(k)]) & 0x3F);
-            i += std::size_t(n);
-            if (c >= 0x10000) {
-                c -= 0x10000;
-                out.push_back(char16_t(0xD800 + (c >> 10)));
-                out.push_back(char16_t(0xDC00 + (c & 0x3FF)));
-            } else
-                out.push_back(char16_t(c));
-        }
-        return out;
-    }
-
-    /// UTF-16 (valid) to UTF-8, by hand.
-    static std::string utf8(std::u16string const& s) {
-        std::string out;
-        for (std::size_t i = 0; i < s.size(); ++i) {
-            char32_t c = s[i];
-            if (c >= 0xD800 && c < 0xDC00 && i + 1 < s.size())
-                c = 0x10000 + ((c - 0xD800) << 10) + (s[++i] - 0xDC00);
-            if (c < 0x80) out += char(c);
-            else if (c < 0x800) { out += char(0xC0 | (c >> 6)); out += char(0x80 | (c & 0x3F)); }
-            else if (c < 0x10000) {
-                out += char(0xE0 | (c >> 12)); out += char(0x80 | ((c >> 6) & 0x3F)); out += char(0x80 | (c & 0x3F));
-            } else {
-                out += char(0xF0 | (c >> 18)); out += char(0x80 | ((c >> 12) & 0x3F));
-                out += char(0x80 | ((c >> 6) & 0x3F)); out += char(0x80 | (c & 0x3F));
-            }
-        }
-        return out;
-    }
-
 private:
     std::string m_dir;
 };
 
-/// Runs `body` in a child process that dropped to nobody (uid/gid 65534) and returns whether
-/// it reported success. Root ignores permission bits, so permission failures are only seen
-/// this way.
-inline bool as_nobody(std::function<bool()> const& body) {
+/// Runs `body` in a child dropped to nobody (root ignores permission bits) and returns its result:
+/// 0 for success, else the number of the failed check; 100 if it could not drop, 101 if it threw.
+inline int as_nobody(std::function<int()> const& body) {
     pid_t const child = ::fork();
     if (child == 0) {
         if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0)
-            ::_exit(2);
-        bool ok = false;
+            ::_exit(100);
+        int code = 101;
         try {
-            ok = body();
+            code = body();
         } catch (...) {
-            ::_exit(3);
         }
-        ::_exit(ok ? 0 : 1);
+        ::_exit(code);
     }
     int status = 0;
     ::waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 } // namespace vela_test
