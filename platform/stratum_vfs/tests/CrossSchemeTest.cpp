@@ -13,59 +13,51 @@ namespace provider = stratum::storage::provider;
 class CrossScheme : public ::testing::Test {
 protected:
     void SetUp() override {
-        disk_ = makeFileWorld();
-        memory_ = vfs::AbsoluteIRI(u"memory:///m");
-        vfs::Folder(memory_, storage()).createFolder();
+        vfs::Folder(vfs::AbsoluteIRI(u"memory:///m"), storage()).createFolder();
         // A small tree with awkward names, a nested folder and a read-only file.
         disk_->folder(u"tree/sub dir/deep").createFolderRecursive();
         writeFile(disk_->file(u"tree/a%25b"), "percent");
         writeFile(disk_->file(u"tree/sub dir/\u00E9t\u00E9"), std::string(100000, '\x7F'));
         writeFile(disk_->file(u"tree/sub dir/deep/empty"), "");
         vfs::setWritable(disk_->file(u"tree/a%25b"), false);
+        original_ = snapshot(disk_->folder(u"tree"));
+        ASSERT_EQ(original_.size(), 5U);
     }
 
     vfs::StorageSystemReference const& storage() const { return disk_->storage(); }
-    vfs::Folder memoryFolder(std::u16string const& relative) const {
-        return vfs::Folder(vfs::AbsoluteIRI(memory_, relative), storage());
-    }
-    vfs::FileOrFolder diskItem(std::u16string const& relative) const {
-        return vfs::makeFileOrFolder(disk_->at(relative), storage());
-    }
+    vfs::AbsoluteIRI memory(std::u16string const& relative) const { return vfs::AbsoluteIRI(u"memory:///m/" + relative); }
+    vfs::Folder memoryFolder(std::u16string const& relative) const { return vfs::Folder(memory(relative), storage()); }
+    vfs::File memoryFile(std::u16string const& relative) const { return vfs::File(memory(relative), storage()); }
+    vfs::FileOrFolder tree() const { return vfs::makeFileOrFolder(disk_->at(u"tree"), storage()); }
 
-    std::unique_ptr<StorageWorld> disk_;
-    vfs::AbsoluteIRI memory_;
+    std::unique_ptr<StorageWorld> disk_ = makeFileWorld();
+    std::map<std::u16string, std::string> original_;
 };
 
 TEST_F(CrossScheme, TreeCopiesToMemoryAndBack) {
-    auto const original = snapshot(disk_->folder(u"tree"));
-    ASSERT_EQ(original.size(), 5U);
-    vfs::copy(diskItem(u"tree"), memoryFolder(u"tree"), provider::DoNotReplace);
-    EXPECT_EQ(snapshot(memoryFolder(u"tree")), original);
-    EXPECT_FALSE(vfs::isWritable(vfs::File(vfs::AbsoluteIRI(memory_, u"tree/a%25b"), storage())));
-    EXPECT_EQ(errorOf([&] { vfs::copy(diskItem(u"tree"), memoryFolder(u"tree"), provider::DoNotReplace); }),
-              ErrorCode::FileExists);
-
+    vfs::copy(tree(), memoryFolder(u"tree"), provider::DoNotReplace);
+    EXPECT_EQ(snapshot(memoryFolder(u"tree")), original_);
+    EXPECT_FALSE(vfs::isWritable(memoryFile(u"tree/a%25b")));
+    EXPECT_EQ(errorOf([&] { vfs::copy(tree(), memoryFolder(u"tree"), provider::DoNotReplace); }), ErrorCode::FileExists);
     vfs::copy(memoryFolder(u"tree"), disk_->folder(u"back"), provider::DoNotReplace);
-    EXPECT_EQ(snapshot(disk_->folder(u"back")), original);
+    EXPECT_EQ(snapshot(disk_->folder(u"back")), original_);
 }
 
 TEST_F(CrossScheme, MovesStreamThenRemoveTheSource) {
-    auto const original = snapshot(disk_->folder(u"tree"));
-    vfs::move(diskItem(u"tree"), memoryFolder(u"moved"), provider::DoNotReplace);
+    vfs::move(tree(), memoryFolder(u"moved"), provider::DoNotReplace);
     EXPECT_EQ(vfs::exists(disk_->at(u"tree"), storage()), provider::NoItem);
-    EXPECT_EQ(snapshot(memoryFolder(u"moved")), original);
-
+    EXPECT_EQ(snapshot(memoryFolder(u"moved")), original_);
     // A file over an existing file of the other scheme: refused, then replaced.
     writeFile(disk_->file(u"target"), "old");
-    vfs::File moving(vfs::AbsoluteIRI(memory_, u"moved/sub%20dir/deep/empty"), storage());
+    vfs::File moving = memoryFile(u"moved/sub%20dir/deep/empty");
     EXPECT_EQ(errorOf([&] { vfs::move(moving, disk_->file(u"target"), provider::DoNotReplace); }), ErrorCode::FileExists);
     vfs::move(moving, disk_->file(u"target"), provider::Replace);
     EXPECT_EQ(readFile(disk_->file(u"target")), "");
     EXPECT_EQ(vfs::exists(moving.getIRI(), storage()), provider::NoItem);
     // A missing destination parent leaves the source where it was.
-    vfs::File kept(vfs::AbsoluteIRI(memory_, u"moved/a%25b"), storage());
-    EXPECT_EQ(errorOf([&] { vfs::move(kept, disk_->file(u"none/x"), provider::Replace); }), ErrorCode::NotFound);
-    EXPECT_EQ(readFile(kept), "percent");
+    EXPECT_EQ(errorOf([&] { vfs::move(memoryFile(u"moved/a%25b"), disk_->file(u"none/x"), provider::Replace); }),
+              ErrorCode::NotFound);
+    EXPECT_EQ(readFile(memoryFile(u"moved/a%25b")), "percent");
 }
 
 TEST_F(CrossScheme, StorageSystemsKeepSeparateMemoryTrees) {
@@ -73,9 +65,8 @@ TEST_F(CrossScheme, StorageSystemsKeepSeparateMemoryTrees) {
     vfs::StorageSystemReference copyOfFirst = storage();
     EXPECT_TRUE(copyOfFirst == storage());
     EXPECT_FALSE(other == storage());
-    EXPECT_EQ(vfs::exists(memory_, copyOfFirst), provider::FolderItem);
-    EXPECT_EQ(vfs::exists(memory_, other), provider::NoItem);
-
+    EXPECT_EQ(vfs::exists(memory(u""), copyOfFirst), provider::FolderItem);
+    EXPECT_EQ(vfs::exists(memory(u""), other), provider::NoItem);
     // Between two systems even the same scheme is a copy through streams.
     vfs::File source(vfs::AbsoluteIRI(u"memory:///one"), storage());
     vfs::File destination(vfs::AbsoluteIRI(u"memory:///one"), other);

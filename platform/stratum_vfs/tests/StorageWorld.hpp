@@ -11,10 +11,9 @@
 #include <stdlib.h>
 
 #include <filesystem>
-#include <sstream>
-
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 
 namespace stratum::test {
@@ -28,7 +27,6 @@ public:
     vfs::StorageSystemReference const& storage() const { return storage_; }
     /// An existing, empty folder that belongs to this world alone.
     vfs::AbsoluteIRI const& root() const { return root_; }
-
     vfs::AbsoluteIRI at(std::u16string const& relative) const { return vfs::AbsoluteIRI(root_, relative); }
     vfs::File file(std::u16string const& relative) const { return vfs::File(at(relative), storage_); }
     vfs::Folder folder(std::u16string const& relative) const { return vfs::Folder(at(relative), storage_); }
@@ -39,34 +37,6 @@ protected:
 };
 
 /// `memory:///world` in a new storage system.
-std::unique_ptr<StorageWorld> makeMemoryWorld();
-/// A new temporary folder on the local disk, removed afterwards.
-std::unique_ptr<StorageWorld> makeFileWorld();
-
-/// Writes `content` to `file` (truncating) and closes the stream.
-void writeFile(vfs::File const& file, std::string const& content);
-/// The whole content of `file`; fails the test if it can't be opened.
-std::string readFile(vfs::File const& file);
-/// Every item below `folder`, by "/"-joined decoded path relative to it: a file maps to its
-/// content, a folder to "<folder>". Walks with plain `listAll`, independently of the
-/// recursive listing.
-std::map<std::u16string, std::string> snapshot(vfs::Folder const& folder);
-/// Runs `work` and returns the storage error code it threw; fails the test if it didn't.
-template <class Work>
-vfs::ErrorCode errorOf(Work&& work) {
-    try {
-        work();
-    } catch (vfs::Exception const& e) {
-        return e.getErrorCode();
-    }
-    return static_cast<vfs::ErrorCode>(-1);
-}
-
-// Implementation.
-
-
-namespace detail {
-
 class MemoryWorld : public StorageWorld {
 public:
     MemoryWorld() {
@@ -76,13 +46,12 @@ public:
     std::string name() const override { return "memory"; }
 };
 
+/// A new temporary folder on the local disk, removed afterwards.
 class FileWorld : public StorageWorld {
 public:
     FileWorld() {
         std::string pattern = (std::filesystem::temp_directory_path() / "stratum-world-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("mkdtemp failed");
-        }
+        if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
         host_ = pattern;
         root_ = vfs::toAbsoluteIRI(u"file", u16(host_));
     }
@@ -96,24 +65,10 @@ private:
     std::string host_;
 };
 
-inline void collect(vfs::Folder const& folder, std::u16string const& prefix, std::map<std::u16string, std::string>& out) {
-    for (auto const& entry : folder.listAll(u"")) {
-        std::u16string name = prefix + entry.getIRI().getName();
-        auto item = entry.getFileOrFolder();
-        if (item.index() == 1) {
-            out[name] = "<folder>";
-            collect(std::get<vfs::Folder>(item), name + u"/", out);
-        } else {
-            out[name] = readFile(std::get<vfs::File>(item));
-        }
-    }
-}
+inline std::unique_ptr<StorageWorld> makeMemoryWorld() { return std::make_unique<MemoryWorld>(); }
+inline std::unique_ptr<StorageWorld> makeFileWorld() { return std::make_unique<FileWorld>(); }
 
-} // namespace detail
-
-inline std::unique_ptr<StorageWorld> makeMemoryWorld() { return std::make_unique<detail::MemoryWorld>(); }
-inline std::unique_ptr<StorageWorld> makeFileWorld() { return std::make_unique<detail::FileWorld>(); }
-
+/// Writes `content` to `file` (truncating) and closes the stream.
 inline void writeFile(vfs::File const& file, std::string const& content) {
     vfs::ofstream out(file, vfs::OpenMode::Out | vfs::OpenMode::Truncate | vfs::OpenMode::Binary);
     EXPECT_TRUE(out.is_open()) << u8(file.getIRI().toString());
@@ -126,16 +81,36 @@ inline std::string readFile(vfs::File const& file) {
     vfs::ifstream in(file);
     EXPECT_TRUE(in.is_open()) << u8(file.getIRI().toString());
     std::ostringstream content;
-    if (in.peek() != std::char_traits<char>::eof()) {
-        content << in.rdbuf();
-    }
+    if (in.peek() != std::char_traits<char>::eof()) content << in.rdbuf();
     return content.str();
 }
 
-inline std::map<std::u16string, std::string> snapshot(vfs::Folder const& folder) {
+/// Every item below `folder`, by "/"-joined decoded relative path: a file maps to its content,
+/// a folder to "<folder>". Walks with plain `listAll`, independently of the recursive listing.
+inline std::map<std::u16string, std::string> snapshot(vfs::Folder const& folder, std::u16string const& prefix = u"") {
     std::map<std::u16string, std::string> out;
-    detail::collect(folder, u"", out);
+    for (auto const& entry : folder.listAll(u"")) {
+        std::u16string name = prefix + entry.getIRI().getName();
+        auto item = entry.getFileOrFolder();
+        if (item.index() == 1) {
+            out[name] = "<folder>";
+            out.merge(snapshot(std::get<vfs::Folder>(item), name + u"/"));
+        } else {
+            out[name] = readFile(std::get<vfs::File>(item));
+        }
+    }
     return out;
+}
+
+/// Runs `work` and returns the storage error code it threw, or -1 when it threw none.
+template <class Work>
+vfs::ErrorCode errorOf(Work&& work) {
+    try {
+        work();
+    } catch (vfs::Exception const& e) {
+        return e.getErrorCode();
+    }
+    return static_cast<vfs::ErrorCode>(-1);
 }
 
 } // namespace stratum::test

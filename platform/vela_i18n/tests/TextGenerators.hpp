@@ -40,9 +40,8 @@ inline std::u16string encodeUTF16(std::vector<char32_t> const& scalars) {
         if (c < 0x10000) {
             out.push_back(static_cast<char16_t>(c));
         } else {
-            char32_t const v = c - 0x10000;
-            out.push_back(static_cast<char16_t>(0xD800 + (v >> 10)));
-            out.push_back(static_cast<char16_t>(0xDC00 + (v & 0x3FF)));
+            out.push_back(static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10)));
+            out.push_back(static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF)));
         }
     }
     return out;
@@ -68,10 +67,6 @@ inline std::string encodeUTF8(std::vector<char32_t> const& scalars) {
         }
     }
     return out;
-}
-
-inline std::wstring encodeWide(std::vector<char32_t> const& scalars) {
-    return std::wstring(scalars.begin(), scalars.end());
 }
 
 } // namespace vela_test
