@@ -1,16 +1,12 @@
 #pragma once
 
-// Plain POSIX helpers for commit tests over real files: they check the local back end's work
-// without going through it.
+// Plain POSIX helpers for commit tests over real files, so they check the local back end's
+// work without going through it.
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -19,39 +15,19 @@ namespace opc::test {
 inline std::u16string u16(std::string const& ascii) { return std::u16string(ascii.begin(), ascii.end()); }
 
 inline void writeFile(std::string const& path, std::string const& content, mode_t mode = 0644) {
-    {
-        std::ofstream out(path, std::ios::binary | std::ios::trunc);
-        out << content;
-        if (!out.flush())
-            throw std::runtime_error("cannot write " + path);
-    }
-    if (::chmod(path.c_str(), mode) != 0)
-        throw std::runtime_error("cannot chmod " + path);
+    if (!(std::ofstream(path, std::ios::binary | std::ios::trunc) << content).flush() || ::chmod(path.c_str(), mode))
+        throw std::runtime_error("cannot write " + path);
 }
 
 inline std::string readFile(std::string const& path) {
     std::ifstream in(path, std::ios::binary);
-    if (!in)
-        return "<missing>";
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<missing>";
 }
 
-/// The nine permission bits and the three above them; -1 when the path is missing.
+/// The twelve permission bits, or -1 when the path is missing.
 inline int modeOf(std::string const& path) {
     struct stat st;
-    if (::lstat(path.c_str(), &st) != 0)
-        return -1;
-    return static_cast<int>(st.st_mode & 07777);
-}
-
-inline bool isLink(std::string const& path) {
-    struct stat st;
-    return ::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
-}
-
-inline void makeFolder(std::string const& path) {
-    if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST)
-        throw std::runtime_error("cannot create " + path);
+    return ::lstat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 07777) : -1;
 }
 
 /// `size` bytes of a pattern that depends on `seed`, so that two contents never share a run.

@@ -1,7 +1,7 @@
 #pragma once
 
-// A scripted back end with a small in-memory file table behind it, so that commit tests can
-// check both the calls made and the files left, and fail or throw at any chosen call.
+// A scripted back end over a small in-memory file table, so that commit tests can check the
+// calls made and the files left, and fail or throw at any chosen call.
 
 #include "support/ScriptedOps.hpp"
 
@@ -20,6 +20,8 @@
 
 namespace opc::test {
 
+namespace errc = boost::system::errc;
+
 struct MemFile {
     std::string content;
     std::uint32_t perms = 0x1A4;
@@ -34,8 +36,7 @@ public:
     std::map<std::u16string, MemFile> files;
     std::u16string parent = u"/d";
     std::u16string tempName = u"/d/.t1.tmp";
-    // The modification time every copy receives, distinct from every file's own.
-    boost::posix_time::ptime copyTime{boost::gregorian::date(2030, 1, 1)};
+    boost::posix_time::ptime copyTime{boost::gregorian::date(2030, 1, 1)}; // every copy's time
 
     ScriptedWorld() {
         for (Op op : {Op::Exists, Op::GetPermissions, Op::SetPermissions, Op::GetLastModifiedTime,
@@ -44,13 +45,12 @@ public:
     }
 
     /// The n-th call (1-based) of `op` fails with `e` and the detail "boom".
-    void failAt(Op op, int nth, boost::system::errc::errc_t e = boost::system::errc::io_error) {
+    void failAt(Op op, int nth, errc::errc_t e = errc::io_error) {
         m_faults[{op, nth}] = [e](Call const&) { return Reply::fail(e, "boom"); };
     }
     /// The n-th call of `op` runs `fault` instead of the model (it may throw or reply).
     void atCall(Op op, int nth, Fault fault) { m_faults[{op, nth}] = std::move(fault); }
-    /// Every call of `op` fails.
-    void failAlways(Op op, boost::system::errc::errc_t e = boost::system::errc::io_error) {
+    void failAlways(Op op, errc::errc_t e = errc::io_error) {
         m_always[op] = [e](Call const&) { return Reply::fail(e, "boom"); };
     }
 
@@ -58,13 +58,13 @@ public:
         files[path] = MemFile{std::move(content), perms, boost::posix_time::ptime(boost::gregorian::date(2001, 2, 3))};
     }
 
-    /// The calls as "op path..." lines, with the scalar argument in hex where the operation has one.
+    /// The calls as "op path...", with the scalar argument in hex where the operation has one.
     std::vector<std::string> trace() const {
         std::vector<std::string> out;
         for (Call const& c : ops.calls()) {
             std::string line = publicName(c.op);
             for (auto const& p : c.paths)
-                line += " " + narrow(p);
+                line += " " + std::string(p.begin(), p.end());
             if (c.op == Op::SetPermissions || c.op == Op::Copy) {
                 char buf[16];
                 std::snprintf(buf, sizeof buf, " %#llx", static_cast<unsigned long long>(c.number));
@@ -74,8 +74,6 @@ public:
         }
         return out;
     }
-
-    static std::string narrow(std::u16string const& s) { return std::string(s.begin(), s.end()); }
 
 private:
     Reply dispatch(Call const& c) {
@@ -87,11 +85,8 @@ private:
         return model(c);
     }
 
-    Reply missing() { return Reply::fail(boost::system::errc::no_such_file_or_directory, "missing"); }
-
     Reply model(Call const& c) {
-        auto const& p = c.paths.front();
-        auto it = files.find(p);
+        auto it = files.find(c.paths.front());
         switch (c.op) {
         case Op::Exists: return Reply::ok(it != files.end());
         case Op::GetParentPath: return Reply::ok(parent);
@@ -99,14 +94,14 @@ private:
         default: break;
         }
         if (it == files.end())
-            return missing();
+            return Reply::fail(errc::no_such_file_or_directory, "missing");
         switch (c.op) {
         case Op::GetPermissions: return Reply::ok(static_cast<Perms::Perms_tag>(it->second.perms));
         case Op::SetPermissions: it->second.perms = static_cast<std::uint32_t>(c.number); return Reply::ok();
         case Op::GetLastModifiedTime: return Reply::ok(it->second.mtime);
         case Op::SetLastModifiedTime: it->second.mtime = c.time; return Reply::ok();
-        case Op::Copy: {
-            MemFile copy = it->second; // content and permissions, like a host file copy
+        case Op::Copy: { // content and permissions, like a host file copy
+            MemFile copy = it->second;
             copy.mtime = copyTime;
             files[c.paths[1]] = copy;
             return Reply::ok();
@@ -131,8 +126,6 @@ inline std::string commitMessage(std::string const& inner, boost::system::error_
     return "Could not commit changes:  " + inner + " " + ec.message();
 }
 
-inline boost::system::error_code errcCode(boost::system::errc::errc_t e) {
-    return boost::system::errc::make_error_code(e);
-}
+inline boost::system::error_code errcCode(errc::errc_t e) { return errc::make_error_code(e); }
 
 } // namespace opc::test

@@ -55,89 +55,59 @@ using P = std::u16string const&;
 using D = std::string&;
 using EC = boost::system::error_code&;
 
-std::u16string FaultyOps::doGetTempName(P f, D d, EC ec) {
-    return passText(Op::GetTempName, d, ec, [&] { return m_inner.getTempName(f); });
-}
-std::u16string FaultyOps::doGetParentPath(P p, D d, EC ec) {
-    return passText(Op::GetParentPath, d, ec, [&] { return m_inner.getParentPath(p); });
-}
-std::u16string FaultyOps::doGetFilename(P p, D d, EC ec) {
-    return passText(Op::GetFilename, d, ec, [&] { return m_inner.getFilename(p); });
-}
-std::u16string FaultyOps::doGetExtension(P p, D d, EC ec) {
-    return passText(Op::GetExtension, d, ec, [&] { return m_inner.getExtension(p); });
-}
-std::u16string FaultyOps::doAppendPath(P p, P c, D d, EC ec) {
-    return passText(Op::AppendPath, d, ec, [&] { return m_inner.appendPath(p, c); });
-}
-std::u16string FaultyOps::doNormalizePath(P p, D d, EC ec) {
-    return passText(Op::NormalizePath, d, ec, [&] { return m_inner.normalizePath(p); });
-}
+// Each operation forwards to the inner back end's public form of the same name.
+#define OPC_TEXT(Name, call) return passText(Op::Name, d, ec, [&] { return m_inner.call; })
+#define OPC_PASS(Name, failed, call) return pass(Op::Name, failed, d, ec, [&](EC e) { return m_inner.call; })
+#define OPC_VOID(Name, call) passVoid(Op::Name, d, ec, [&](EC e) { m_inner.call; })
+
+std::u16string FaultyOps::doGetTempName(P f, D d, EC ec) { OPC_TEXT(GetTempName, getTempName(f)); }
+std::u16string FaultyOps::doGetParentPath(P p, D d, EC ec) { OPC_TEXT(GetParentPath, getParentPath(p)); }
+std::u16string FaultyOps::doGetFilename(P p, D d, EC ec) { OPC_TEXT(GetFilename, getFilename(p)); }
+std::u16string FaultyOps::doGetExtension(P p, D d, EC ec) { OPC_TEXT(GetExtension, getExtension(p)); }
+std::u16string FaultyOps::doAppendPath(P p, P c, D d, EC ec) { OPC_TEXT(AppendPath, appendPath(p, c)); }
+std::u16string FaultyOps::doNormalizePath(P p, D d, EC ec) { OPC_TEXT(NormalizePath, normalizePath(p)); }
 bool FaultyOps::doGetLocalPath(P p, std::u16string& out) { return m_inner.getLocalPath(p, out); }
 bool FaultyOps::doIsAbsolutePath(P p) { return m_inner.isAbsolutePath(p); }
-
-bool FaultyOps::doExists(P p, D d, EC ec) {
-    return pass(Op::Exists, false, d, ec, [&](EC e) { return m_inner.exists(p, e); });
-}
-bool FaultyOps::doIsFile(P p, D d, EC ec) {
-    return pass(Op::IsFile, false, d, ec, [&](EC e) { return m_inner.isFile(p, e); });
-}
-bool FaultyOps::doIsFolder(P p, D d, EC ec) {
-    return pass(Op::IsFolder, false, d, ec, [&](EC e) { return m_inner.isFolder(p, e); });
-}
-bool FaultyOps::doIsSymlink(P p, D d, EC ec) {
-    return pass(Op::IsSymlink, false, d, ec, [&](EC e) { return m_inner.isSymlink(p, e); });
-}
+bool FaultyOps::doExists(P p, D d, EC ec) { OPC_PASS(Exists, false, exists(p, e)); }
+bool FaultyOps::doIsFile(P p, D d, EC ec) { OPC_PASS(IsFile, false, isFile(p, e)); }
+bool FaultyOps::doIsFolder(P p, D d, EC ec) { OPC_PASS(IsFolder, false, isFolder(p, e)); }
+bool FaultyOps::doIsSymlink(P p, D d, EC ec) { OPC_PASS(IsSymlink, false, isSymlink(p, e)); }
 Perms::Perms_tag FaultyOps::doGetPermissions(P p, D d, EC ec) {
-    return pass(Op::GetPermissions, Perms::PermsUnknown, d, ec, [&](EC e) { return m_inner.getPermissions(p, e); });
+    OPC_PASS(GetPermissions, Perms::PermsUnknown, getPermissions(p, e));
 }
 void FaultyOps::doSetPermissions(P p, Perms::Perms_tag v, D d, EC ec) {
-    passVoid(Op::SetPermissions, d, ec, [&](EC e) { m_inner.setPermissions(p, v, e); });
+    OPC_VOID(SetPermissions, setPermissions(p, v, e));
 }
 FaultyOps::ptime FaultyOps::doGetLastModifiedTime(P p, D d, EC ec) {
-    return pass(Op::GetLastModifiedTime, ptime(), d, ec, [&](EC e) { return m_inner.getLastModifiedTime(p, e); });
+    OPC_PASS(GetLastModifiedTime, ptime(), getLastModifiedTime(p, e));
 }
 void FaultyOps::doSetLastModifiedTime(P p, ptime t, D d, EC ec) {
-    passVoid(Op::SetLastModifiedTime, d, ec, [&](EC e) { m_inner.setLastModifiedTime(p, t, e); });
+    OPC_VOID(SetLastModifiedTime, setLastModifiedTime(p, t, e));
 }
 std::uint64_t FaultyOps::doGetSizeInBytes(P p, D d, EC ec) {
-    return pass(Op::GetSizeInBytes, std::uint64_t(0), d, ec, [&](EC e) { return m_inner.getSizeInBytes(p, e); });
+    OPC_PASS(GetSizeInBytes, std::uint64_t(0), getSizeInBytes(p, e));
 }
 std::u16string FaultyOps::doGetLinkTarget(P p, D d, EC ec) {
-    return pass(Op::GetLinkTarget, std::u16string(), d, ec, [&](EC e) { return m_inner.getLinkTarget(p, e); });
+    OPC_PASS(GetLinkTarget, std::u16string(), getLinkTarget(p, e));
 }
 void FaultyOps::doGetFiles(P f, std::vector<std::u16string>& out, bool r, D d, EC ec) {
-    passVoid(Op::GetFiles, d, ec, [&](EC e) { m_inner.getFiles(f, out, r, e); });
+    OPC_VOID(GetFiles, getFiles(f, out, r, e));
 }
 std::shared_ptr<std::istream> FaultyOps::doCreateInputStream(P p, unsigned m, D d, EC ec) {
-    return pass(Op::CreateInputStream, std::shared_ptr<std::istream>(), d, ec,
-                [&](EC e) { return m_inner.createInputStream(p, m, e); });
+    OPC_PASS(CreateInputStream, std::shared_ptr<std::istream>(), createInputStream(p, m, e));
 }
 std::shared_ptr<std::ostream> FaultyOps::doCreateOutputStream(P p, unsigned m, D d, EC ec) {
-    return pass(Op::CreateOutputStream, std::shared_ptr<std::ostream>(), d, ec,
-                [&](EC e) { return m_inner.createOutputStream(p, m, e); });
+    OPC_PASS(CreateOutputStream, std::shared_ptr<std::ostream>(), createOutputStream(p, m, e));
 }
-void FaultyOps::doCreateFolder(P p, D d, EC ec) {
-    passVoid(Op::CreateFolder, d, ec, [&](EC e) { m_inner.createFolder(p, e); });
-}
-void FaultyOps::doCreateFolders(P p, D d, EC ec) {
-    passVoid(Op::CreateFolders, d, ec, [&](EC e) { m_inner.createFolders(p, e); });
-}
-void FaultyOps::doCreateSymlink(P t, P l, D d, EC ec) {
-    passVoid(Op::CreateSymlink, d, ec, [&](EC e) { m_inner.createSymlink(t, l, e); });
-}
-void FaultyOps::doCopy(P s, P t, ExistsMode m, D d, EC ec) {
-    passVoid(Op::Copy, d, ec, [&](EC e) { m_inner.copy(s, t, m, e); });
-}
-void FaultyOps::doRename(P f, P t, D d, EC ec) {
-    passVoid(Op::Rename, d, ec, [&](EC e) { m_inner.rename(f, t, e); });
-}
-void FaultyOps::doRemove(P p, D d, EC ec) {
-    passVoid(Op::Remove, d, ec, [&](EC e) { m_inner.remove(p, e); });
-}
-void FaultyOps::doRemoveAll(P p, D d, EC ec) {
-    passVoid(Op::RemoveAll, d, ec, [&](EC e) { m_inner.removeAll(p, e); });
-}
+void FaultyOps::doCreateFolder(P p, D d, EC ec) { OPC_VOID(CreateFolder, createFolder(p, e)); }
+void FaultyOps::doCreateFolders(P p, D d, EC ec) { OPC_VOID(CreateFolders, createFolders(p, e)); }
+void FaultyOps::doCreateSymlink(P t, P l, D d, EC ec) { OPC_VOID(CreateSymlink, createSymlink(t, l, e)); }
+void FaultyOps::doCopy(P s, P t, ExistsMode m, D d, EC ec) { OPC_VOID(Copy, copy(s, t, m, e)); }
+void FaultyOps::doRename(P f, P t, D d, EC ec) { OPC_VOID(Rename, rename(f, t, e)); }
+void FaultyOps::doRemove(P p, D d, EC ec) { OPC_VOID(Remove, remove(p, e)); }
+void FaultyOps::doRemoveAll(P p, D d, EC ec) { OPC_VOID(RemoveAll, removeAll(p, e)); }
+
+// Commits with this object as the target, so the nested commit is itself subject to faults.
 void FaultyOps::doReplaceFileWithBackup(P t, FileSystemOps& so, P s, CommitOptions const& o, D d, EC ec) {
     pass(Op::ReplaceFileWithBackup, 0, d, ec, [&](EC e) {
         try {
@@ -149,5 +119,9 @@ void FaultyOps::doReplaceFileWithBackup(P t, FileSystemOps& so, P s, CommitOptio
         return 0;
     });
 }
+
+#undef OPC_TEXT
+#undef OPC_PASS
+#undef OPC_VOID
 
 } // namespace opc::test
