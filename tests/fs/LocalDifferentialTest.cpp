@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -33,7 +33,8 @@ struct Tree {
     std::vector<std::string> all;         // every entry made, relative
 };
 
-// Builds a random tree under `root` with POSIX calls only.
+// Builds a random tree under `root` with POSIX calls only: folders, files of assorted sizes
+// and modes, links to files, links to folders (which listings must not follow), dangling links.
 Tree generate(std::string const& root, unsigned seed) {
     std::mt19937 gen(seed);
     auto pick = [&](std::size_t n) { return std::uniform_int_distribution<std::size_t>(0, n - 1)(gen); };
@@ -44,37 +45,22 @@ Tree generate(std::string const& root, unsigned seed) {
         std::string const name = std::string(nameParts[pick(std::size(nameParts))]) + " " + std::to_string(i);
         std::string const rel = parent.empty() ? name : parent + "/" + name;
         std::string const full = root + "/" + rel;
-        switch (pick(10)) {
-        case 0:
-        case 1:
-        case 2: {
+        std::size_t const kind = pick(10);
+        if (kind < 3) {
             EXPECT_EQ(::mkdir(full.c_str(), 0755), 0);
             tree.folders.push_back(rel);
-            break;
-        }
-        case 3: // a link to a file, by a path relative to the link's folder when at the top
-            if (!files.empty()) {
-                std::string const target = root + "/" + files[pick(files.size())];
-                EXPECT_EQ(::symlink(target.c_str(), full.c_str()), 0);
-                break;
-            }
-            [[fallthrough]];
-        case 4: // a link to a folder, which listings must not follow
-            if (tree.folders.size() > 1) {
-                std::string const target = root + "/" + tree.folders[1 + pick(tree.folders.size() - 1)];
-                EXPECT_EQ(::symlink(target.c_str(), full.c_str()), 0);
-                break;
-            }
-            [[fallthrough]];
-        case 5: // dangling
-            EXPECT_EQ(::symlink(("../nowhere/" + std::to_string(i)).c_str(), full.c_str()), 0);
-            break;
-        default: {
+        } else if (kind < 6) {
+            std::string target = "../nowhere/" + std::to_string(i);
+            if (kind == 3 && !files.empty())
+                target = root + "/" + files[pick(files.size())];
+            else if (kind == 4 && tree.folders.size() > 1)
+                target = root + "/" + tree.folders[1 + pick(tree.folders.size() - 1)];
+            EXPECT_EQ(::symlink(target.c_str(), full.c_str()), 0);
+        } else {
             std::size_t const sizes[] = {0, 1, 100, 4096, 70000};
             std::ofstream(full, std::ios::binary) << std::string(sizes[pick(std::size(sizes))], 'z');
             EXPECT_EQ(::chmod(full.c_str(), mode_t(0400 | pick(0400))), 0);
             files.push_back(rel);
-        }
         }
         tree.all.push_back(rel);
     }
@@ -93,13 +79,10 @@ std::set<std::u16string> oracleListing(std::string const& folder, bool recursive
         if (!e.is_directory() || e.is_symlink())
             names.insert(e.path().u16string());
     };
-    if (recursive) {
-        for (auto const& e : fs::recursive_directory_iterator(folder))
-            take(e);
-    } else {
-        for (auto const& e : fs::directory_iterator(folder))
-            take(e);
-    }
+    if (recursive)
+        std::for_each(fs::recursive_directory_iterator(folder), fs::recursive_directory_iterator(), take);
+    else
+        std::for_each(fs::directory_iterator(folder), fs::directory_iterator(), take);
     return names;
 }
 

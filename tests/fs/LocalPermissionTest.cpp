@@ -8,11 +8,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iostream>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -58,11 +58,20 @@ std::string asNobody(std::function<std::string()> const& step) {
     return message;
 }
 
-// The child's check of a reported code; empty when it is the one expected.
+// The child's checks: empty when the code, or the thrown message, is the one expected.
 std::string expect(error_code const& ec, errc::errc_t code) {
-    if (ec == errc::make_error_code(code))
-        return {};
-    return "code " + ec.message() + " (" + ec.category().name() + ") ";
+    return ec == errc::make_error_code(code) ? "" : "code " + ec.message() + " (" + ec.category().name() + ") ";
+}
+
+template <class Call>
+std::string expectThrown(Call&& call, std::string const& message) {
+    try {
+        call();
+        return "no exception ";
+    } catch (opc::Exception const& e) {
+        std::string const code = expect(e.code(), errc::permission_denied);
+        return e.what() == message ? code : code + "message " + e.what() + " ";
+    }
 }
 
 class LocalPermissions : public ::testing::Test {
@@ -85,87 +94,42 @@ protected:
     ScratchFolder m_folder;
 };
 
-TEST_F(LocalPermissions, OpeningAFileForReadingReportsTheSystemsErrorAndText) {
-    auto const file = path("owner-only");
-    EXPECT_EQ(asNobody([&]() -> std::string {
-                  LocalFileSystemOps ops;
-                  error_code ec;
-                  if (ops.createInputStream(file, OpenMode::ReadBinary, ec))
-                      return "opened";
-                  if (ec != boost::system::error_code(EACCES, boost::system::generic_category()))
-                      return "code " + ec.message();
-                  try {
-                      ops.createInputStream(file, OpenMode::ReadBinary);
-                      return "no exception";
-                  } catch (opc::Exception const& e) {
-                      std::string const want = std::string("createInputStream failed: ") + std::strerror(EACCES);
-                      return e.what() == want ? "" : std::string("message ") + e.what();
-                  }
-              }),
-              "");
-}
-
-TEST_F(LocalPermissions, WritingIntoAFolderWithoutRightsFailsAndCreatesNothing) {
-    auto const target = path("locked/new");
-    EXPECT_EQ(asNobody([&]() -> std::string {
-                  LocalFileSystemOps ops;
-                  error_code ec;
-                  if (ops.createOutputStream(target, OpenMode::WriteBinary, ec))
-                      return "opened";
-                  return expect(ec, errc::permission_denied);
-              }),
-              "");
-    EXPECT_FALSE(std::filesystem::exists(m_folder.at("locked/new")));
-}
-
-TEST_F(LocalPermissions, ListingAnUnreadableFolderFailsWithTheHostTextAndPath) {
-    auto const folder = path("private");
-    auto const detailWanted = std::string(std::strerror(EACCES)) + ": " + m_folder.at("private");
-    EXPECT_EQ(asNobody([&]() -> std::string {
-                  LocalFileSystemOps ops;
-                  std::vector<std::u16string> files;
-                  try {
-                      ops.getFiles(folder, files, false);
-                      return "listed";
-                  } catch (opc::Exception const& e) {
-                      if (e.code() != errc::make_error_code(errc::permission_denied))
-                          return "code " + e.code().message();
-                      std::string const want = "getFiles failed: " + detailWanted;
-                      return e.what() == want ? "" : std::string("message ") + e.what();
-                  }
-              }),
-              "");
-}
-
-TEST_F(LocalPermissions, AnUnreadableSubFolderStopsTheWholeRecursiveListing) {
-    // The root holds a readable file and the private folder; whatever came before the failure
-    // stays listed, nothing inside the private folder is.
+TEST_F(LocalPermissions, ReadingWithoutRightsFailsWithTheHostsCodeAndText) {
+    auto const file = path("owner-only"), folder = path("private"), inside = path("private/inside");
     auto const root = utf16(m_folder.path());
-    auto const inside = path("private/inside");
+    auto const listingText = "getFiles failed: " + std::string(std::strerror(EACCES)) + ": " + m_folder.at("private");
     EXPECT_EQ(asNobody([&]() -> std::string {
                   LocalFileSystemOps ops;
-                  std::vector<std::u16string> files;
                   error_code ec;
+                  std::string problems;
+                  if (ops.createInputStream(file, OpenMode::ReadBinary, ec))
+                      problems += "opened ";
+                  problems += expect(ec, errc::permission_denied);
+                  problems += expectThrown([&] { ops.createInputStream(file, OpenMode::ReadBinary); },
+                                           std::string("createInputStream failed: ") + std::strerror(EACCES));
+                  std::vector<std::u16string> files;
+                  problems += expectThrown([&] { ops.getFiles(folder, files, false); }, listingText);
+                  // An unreadable sub-folder stops the whole recursive listing; nothing inside it is listed.
                   ops.getFiles(root, files, true, ec);
-                  std::string problems = expect(ec, errc::permission_denied);
-                  for (auto const& f : files) {
-                      if (f == inside)
-                          problems += "listed a file of the unreadable folder ";
-                  }
+                  problems += expect(ec, errc::permission_denied);
+                  if (std::find(files.begin(), files.end(), inside) != files.end())
+                      problems += "listed a file of the unreadable folder ";
                   return problems;
               }),
               "");
 }
 
-TEST_F(LocalPermissions, RemovalAndChangesRefusedWithoutRightsLeaveEverything) {
-    auto const file = path("locked/file");
-    auto const folder = path("locked");
+TEST_F(LocalPermissions, ChangesRefusedWithoutRightsLeaveEverything) {
+    auto const file = path("locked/file"), folder = path("locked"), target = path("locked/new");
     struct stat before {};
     ASSERT_EQ(::lstat(m_folder.at("locked/file").c_str(), &before), 0);
     EXPECT_EQ(asNobody([&]() -> std::string {
                   LocalFileSystemOps ops;
                   std::string problems;
                   error_code ec;
+                  if (ops.createOutputStream(target, OpenMode::WriteBinary, ec))
+                      problems += "opened ";
+                  problems += expect(ec, errc::permission_denied);
                   ops.remove(file, ec);
                   problems += expect(ec, errc::permission_denied);
                   ops.removeAll(folder, ec);
@@ -181,9 +145,9 @@ TEST_F(LocalPermissions, RemovalAndChangesRefusedWithoutRightsLeaveEverything) {
     ASSERT_EQ(::lstat(m_folder.at("locked/file").c_str(), &after), 0);
     EXPECT_EQ(after.st_mode, before.st_mode);
     EXPECT_FALSE(std::filesystem::exists(m_folder.at("locked/file-moved")));
+    EXPECT_FALSE(std::filesystem::exists(m_folder.at("locked/new")));
     std::ifstream in(m_folder.at("locked/file"));
-    std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(content, "stays");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "stays");
 }
 
 } // namespace

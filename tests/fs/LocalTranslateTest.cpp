@@ -40,22 +40,22 @@ error_code generic(errc::errc_t e) { return errc::make_error_code(e); }
 
 std::string withPath(int error) { return std::string(std::strerror(error)) + ": " + hostPathUtf8; }
 
+// A host exception that carries only the path, and the POSIX number it stands for.
+template <class E>
+Row pathRow(char const* name, int error) {
+    return {name, [name] { throw E(std::string("vela:filesystem:") + name, hostPath); },
+            error_code(error, boost::system::generic_category()), withPath(error)};
+}
+
 std::vector<Row> rows() {
     return {
-        {"AccessDenied", [] { throw vfs::AccessDenied("vela:filesystem:AccessDenied", hostPath); },
-         generic(errc::permission_denied), withPath(EACCES)},
-        {"PathNotFound", [] { throw vfs::PathNotFound("vela:filesystem:PathNotFound", hostPath); },
-         generic(errc::no_such_file_or_directory), withPath(ENOENT)},
-        {"FileExistsError", [] { throw vfs::FileExistsError("vela:filesystem:FileExistsError", hostPath); },
-         generic(errc::file_exists), withPath(EEXIST)},
-        {"FileNameTooLarge", [] { throw vfs::FileNameTooLarge("vela:filesystem:FileNameTooLarge", hostPath); },
-         generic(errc::filename_too_long), withPath(ENAMETOOLONG)},
-        {"NotDirectoryError", [] { throw vfs::NotDirectoryError("vela:filesystem:NotDirectoryError", hostPath); },
-         generic(errc::not_a_directory), withPath(ENOTDIR)},
-        {"DirectoryNotEmpty", [] { throw vfs::DirectoryNotEmpty("vela:filesystem:DirectoryNotEmpty", hostPath); },
-         generic(errc::directory_not_empty), withPath(ENOTEMPTY)},
-        {"FileIsDirectory", [] { throw vfs::FileIsDirectory("vela:filesystem:FileIsDirectory", hostPath); },
-         generic(errc::is_a_directory), withPath(EISDIR)},
+        pathRow<vfs::AccessDenied>("AccessDenied", EACCES),
+        pathRow<vfs::PathNotFound>("PathNotFound", ENOENT),
+        pathRow<vfs::FileExistsError>("FileExistsError", EEXIST),
+        pathRow<vfs::FileNameTooLarge>("FileNameTooLarge", ENAMETOOLONG),
+        pathRow<vfs::NotDirectoryError>("NotDirectoryError", ENOTDIR),
+        pathRow<vfs::DirectoryNotEmpty>("DirectoryNotEmpty", ENOTEMPTY),
+        pathRow<vfs::FileIsDirectory>("FileIsDirectory", EISDIR),
         {"InvalidOperation",
          [] { throw vfs::InvalidOperation("vela:filesystem:InvalidOperation", "cannot do that", hostPath); },
          generic(errc::operation_not_supported), "cannot do that: " + hostPathUtf8},
@@ -116,7 +116,7 @@ TEST(LocalTranslate, GuardedCallReturnsTheFailureValueOrLeavesTheReportAlone) {
 TEST(LocalTranslate, APathThatCannotBeSpeltStillGivesAReport) {
     std::string detail;
     error_code ec;
-    try {
+    try { // a lone surrogate
         throw vfs::FileNameConversionFailure("vela:filesystem:FileNameConversionFailure", "bad name", u"/a\xD800");
     } catch (...) {
         detail::translateHostException(detail, ec);

@@ -7,7 +7,6 @@
 
 #include <stratum/storage/vfs/StorageSystem.hpp>
 
-
 namespace opc::test {
 namespace {
 
@@ -40,14 +39,11 @@ private:
     std::u16string m_root;
 };
 
-// Whatever back end the selector picks for the root: `memory:` gives the virtual one, a plain
-// host folder the local one.
+// Whatever back end the selector picks for the root: virtual on `memory:`, local on a host folder.
 class SelectorWorld : public World {
 public:
-    explicit SelectorWorld(bool memory) {
-        m_root = memory ? u"memory:///selected" : m_folder.path16();
-        if (memory)
-            m_selector.getForPath(m_root).createFolders(m_root);
+    explicit SelectorWorld(bool memory) : m_root(memory ? u"memory:///selected" : m_folder.path16()) {
+        ops().createFolders(m_root);
     }
     FileSystemOps& ops() override { return m_selector.getForPath(m_root); }
     std::u16string root() const override { return m_root; }
@@ -58,27 +54,16 @@ private:
     std::u16string m_root;
 };
 
-// Storage has no links, only writable/read-only permissions, reports a missing file opened for
-// reading as io_error, refuses an existing destination folder in every non-overwriting copy,
-// reports removal of a missing path, takes 0xFFFF as "writable" and refuses not-a-date-time
-// like any other storage failure.
-Capabilities virtualCaps() {
-    Capabilities caps;
-    caps.symlinks = false;
-    caps.posixPermissions = false;
-    caps.preciseErrors = false;
-    caps.folderCopyModes = false;
-    caps.removeAllMissingIsFine = false;
-    caps.unknownValuesChangeNothing = false;
-    caps.detailOnEveryFailure = false;
-    return caps;
-}
+// Storage has no links and only writable/read-only permissions; a stream that opens failed is
+// io_error, a non-overwriting folder copy always refuses an existing folder,
+// removing a missing path fails, and PermsUnknown and not-a-date-time mean nothing special.
+Capabilities const virtualCaps{false, false, false, false, false, false};
 
 INSTANTIATE_TEST_SUITE_P(
     Virtual, BehaviourSuite,
-    ::testing::Values(WorldMaker{"memory", virtualCaps(), [] { return std::make_unique<MemoryWorld>(); }},
-                      WorldMaker{"file", virtualCaps(), [] { return std::make_unique<FileWorld>(); }},
-                      WorldMaker{"selectorMemory", virtualCaps(),
+    ::testing::Values(WorldMaker{"memory", virtualCaps, [] { return std::make_unique<MemoryWorld>(); }},
+                      WorldMaker{"file", virtualCaps, [] { return std::make_unique<FileWorld>(); }},
+                      WorldMaker{"selectorMemory", virtualCaps,
                                  [] { return std::make_unique<SelectorWorld>(true); }},
                       WorldMaker{"selectorLocal", Capabilities(),
                                  [] { return std::make_unique<SelectorWorld>(false); }}),

@@ -1,11 +1,11 @@
-// The virtual back end's one error translation: every kind of exception in flight, every row
-// of the storage error table, and the row that leaves a cleared code cleared.
+// The virtual back end's one error translation: every row of the storage error table, the rows
+// that leave a cleared code cleared, and every other kind of exception in flight.
 #include "../../src/fs/VirtualTranslate.hpp"
 
 #include <opc/Text.hpp>
 
-#include <stratum/storage/vfs/IRI.hpp>
 #include <stratum/storage/vfs/Exception.hpp>
+#include <stratum/storage/vfs/IRI.hpp>
 
 #include <gtest/gtest.h>
 
@@ -19,14 +19,16 @@ namespace vfs = stratum::storage::vfs;
 namespace errc = boost::system::errc;
 using boost::system::error_code;
 
+error_code generic(errc::errc_t e) { return error_code(e, boost::system::generic_category()); }
+
 struct Outcome {
     std::string detail;
     error_code ec;
 };
 
-// Throws with `raise`, translates inside the handler, starting from `detail` and `ec`.
-Outcome translate(std::function<void()> const& raise, std::string detail = "previous text",
-                  error_code ec = error_code()) {
+// Throws with `raise` and translates inside the handler, starting from `detail` and `ec`.
+Outcome translate(std::function<void()> const& raise, error_code ec = error_code(),
+                  std::string detail = "previous text") {
     try {
         raise();
         ADD_FAILURE() << "nothing was thrown";
@@ -36,105 +38,55 @@ Outcome translate(std::function<void()> const& raise, std::string detail = "prev
     return {detail, ec};
 }
 
-vfs::AbsoluteIRI const& location() {
-    static vfs::AbsoluteIRI const iri(u"memory:///reports/q%C3%A9 3.pkg");
-    return iri;
+TEST(StorageTranslation, EveryStorageCodeMapsWithMessageAndLocation) {
+    vfs::AbsoluteIRI const where(u"memory:///reports/q%C3%A9 3.pkg");
+    errc::errc_t const table[] = {
+        errc::directory_not_empty,   errc::no_such_device_or_address,     errc::permission_denied,
+        errc::file_exists,           errc::no_such_file_or_directory,     errc::read_only_file_system,
+        errc::file_too_large,        errc::resource_unavailable_try_again, errc::no_space_on_device,
+        errc::io_error,              errc::state_not_recoverable,          errc::operation_not_supported};
+    error_code const earlier = generic(errc::interrupted);
+    for (int code : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 64, 255}) {
+        SCOPED_TRACE(code);
+        vfs::Exception const thrown(static_cast<vfs::ErrorCode>(code), where);
+        std::string const detail = thrown.getMessage() + ": " + toUDEString(where.toString());
+        EXPECT_NE(detail.find("q\xC3\xA9"), std::string::npos) << "location not in UTF-8: " << detail;
+        auto const cleared = translate([&] { throw thrown; });
+        auto const kept = translate([&] { throw thrown; }, earlier);
+        EXPECT_EQ(cleared.detail, detail);
+        EXPECT_EQ(kept.detail, detail);
+        if (code < 12) {
+            EXPECT_EQ(cleared.ec, generic(table[code]));
+            EXPECT_EQ(kept.ec, generic(table[code]));
+        } else {
+            // Twelve and above: the detail is written, the code left as it was.
+            EXPECT_EQ(cleared.ec, error_code());
+            EXPECT_EQ(kept.ec, earlier);
+        }
+    }
 }
 
-struct StorageRow {
-    int storageCode;
-    errc::errc_t expected;
-};
-
-class StorageCodes : public ::testing::TestWithParam<StorageRow> {};
-
-TEST_P(StorageCodes, MapToTheirGenericCodeWithMessageAndLocation) {
-    auto const row = GetParam();
-    vfs::Exception const thrown(static_cast<vfs::ErrorCode>(row.storageCode), location());
-    auto const out = translate([&] { throw thrown; });
-    EXPECT_EQ(out.ec, error_code(row.expected, boost::system::generic_category()));
-    EXPECT_EQ(out.detail, thrown.getMessage() + ": " + toUDEString(location().toString()));
-    EXPECT_NE(out.detail.find("q\xC3\xA9"), std::string::npos) << "location not in UTF-8: " << out.detail;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    EveryKnownCode, StorageCodes,
-    ::testing::Values(StorageRow{0, errc::directory_not_empty}, StorageRow{1, errc::no_such_device_or_address},
-                      StorageRow{2, errc::permission_denied}, StorageRow{3, errc::file_exists},
-                      StorageRow{4, errc::no_such_file_or_directory}, StorageRow{5, errc::read_only_file_system},
-                      StorageRow{6, errc::file_too_large}, StorageRow{7, errc::resource_unavailable_try_again},
-                      StorageRow{8, errc::no_space_on_device}, StorageRow{9, errc::io_error},
-                      StorageRow{10, errc::state_not_recoverable}, StorageRow{11, errc::operation_not_supported}),
-    [](auto const& info) { return "code" + std::to_string(info.param.storageCode); });
-
-class UnknownStorageCodes : public ::testing::TestWithParam<int> {};
-
-TEST_P(UnknownStorageCodes, WriteTheDetailButLeaveTheCodeAlone) {
-    vfs::Exception const thrown(static_cast<vfs::ErrorCode>(GetParam()), location());
-    std::string const expectedDetail = thrown.getMessage() + ": " + toUDEString(location().toString());
-
-    auto const cleared = translate([&] { throw thrown; });
-    EXPECT_FALSE(cleared.ec.failed());
-    EXPECT_EQ(cleared.ec, error_code());
-    EXPECT_EQ(cleared.detail, expectedDetail);
-
-    error_code const earlier(errc::interrupted, boost::system::generic_category());
-    auto const kept = translate([&] { throw thrown; }, "", earlier);
-    EXPECT_EQ(kept.ec, earlier);
-    EXPECT_EQ(kept.detail, expectedDetail);
-}
-
-INSTANTIATE_TEST_SUITE_P(TwelveAndAbove, UnknownStorageCodes, ::testing::Values(12, 13, 64, 255));
-
-TEST(StorageTranslation, InvalidIRIGivesBadAddressWithTheText) {
+TEST(StorageTranslation, IRIFailuresAndOtherExceptions) {
     std::u16string const text = u"memory:relative/p\u00E9";
-    vfs::InvalidIRIException const* caught = nullptr;
-    try {
-        vfs::AbsoluteIRI const iri(text);
-        FAIL() << "accepted a relative path";
-    } catch (vfs::InvalidIRIException const& e) {
-        caught = &e;
-        std::string detail = "old";
-        error_code ec;
-        detail::translateStorageException(detail, ec);
-        EXPECT_EQ(ec, error_code(errc::bad_address, boost::system::generic_category()));
-        EXPECT_EQ(detail, std::string(e.what()) + ": " + toUDEString(e.getInvalidIRIString()));
-        EXPECT_EQ(e.getInvalidIRIString(), text);
-    }
-    EXPECT_NE(caught, nullptr);
-}
-
-TEST(StorageTranslation, UnknownSchemeGivesAddressFamilyWithTheScheme) {
-    bool seen = false;
-    try {
-        vfs::AbsoluteIRI const iri(u"gopher:///a/b");
-    } catch (vfs::UnsupportedIRISchemeException const& e) {
-        seen = true;
-        std::string detail;
-        error_code ec;
-        detail::translateStorageException(detail, ec);
-        EXPECT_EQ(ec, error_code(errc::address_family_not_supported, boost::system::generic_category()));
-        EXPECT_EQ(detail, std::string(e.what()) + ": gopher");
-    }
-    EXPECT_TRUE(seen);
-}
-
-TEST(StorageTranslation, OtherExceptionsGiveIoError) {
     struct Case {
         char const* name;
         std::function<void()> raise;
+        error_code code;
         std::string detail;
-    };
-    std::vector<Case> const cases = {
-        {"runtime_error", [] { throw std::runtime_error("disk on fire"); }, "disk on fire"},
-        {"derived runtime_error", [] { throw std::overflow_error("too big"); }, "too big"},
-        {"logic_error", [] { throw std::logic_error("not a runtime error"); }, "Unknown error"},
-        {"int", [] { throw 42; }, "Unknown error"},
+    } const cases[] = {
+        {"invalid IRI", [&] { vfs::AbsoluteIRI{text}; }, generic(errc::bad_address),
+         "Invalid IRI: memory:relative/p\xC3\xA9"},
+        {"unknown scheme", [] { vfs::AbsoluteIRI{u"gopher:///a/b"}; }, generic(errc::address_family_not_supported),
+         "Unsupported IRI scheme: gopher"},
+        {"runtime_error", [] { throw std::runtime_error("disk on fire"); }, generic(errc::io_error), "disk on fire"},
+        {"derived runtime_error", [] { throw std::overflow_error("too big"); }, generic(errc::io_error), "too big"},
+        {"logic_error", [] { throw std::logic_error("not runtime"); }, generic(errc::io_error), "Unknown error"},
+        {"int", [] { throw 42; }, generic(errc::io_error), "Unknown error"},
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.name);
-        auto const out = translate(c.raise, "stale detail", error_code(errc::interrupted, boost::system::generic_category()));
-        EXPECT_EQ(out.ec, error_code(errc::io_error, boost::system::generic_category()));
+        auto const out = translate(c.raise, generic(errc::interrupted));
+        EXPECT_EQ(out.ec, c.code);
         EXPECT_EQ(out.detail, c.detail);
     }
 }
@@ -146,7 +98,7 @@ TEST(StorageTranslation, GuardedReturnsTheFailureValueOnlyWhenSomethingIsThrown)
     EXPECT_FALSE(ec.failed());
     EXPECT_TRUE(detail.empty());
     EXPECT_EQ(detail::guarded(detail, ec, -1, []() -> int { throw std::runtime_error("x"); }), -1);
-    EXPECT_EQ(ec, error_code(errc::io_error, boost::system::generic_category()));
+    EXPECT_EQ(ec, generic(errc::io_error));
     EXPECT_EQ(detail, "x");
 }
 
