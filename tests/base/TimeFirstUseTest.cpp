@@ -1,5 +1,5 @@
-// Kept in its own executable so the threads below really are the first users of the two
-// time-format locales.
+// Kept in its own executable so the threads below really are the first users of the time
+// text (the reader captures the standard locale on first use).
 #include <opc/Time.hpp>
 
 #include <gtest/gtest.h>
