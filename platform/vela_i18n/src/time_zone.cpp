@@ -26,10 +26,10 @@ struct timezone::impl {
 namespace {
 
 /// Builds the Unicode library's shared zone state (the GMT and unknown zones, the open zone
-/// database) once per process, under the guard of a function-local static. Left to the
-/// library, the first callers would build it side by side behind once-flags that a race
-/// detector cannot see; after this every thread only reads it. A failure here is not
-/// reported: the lookup that follows meets it again and reports it.
+/// database) once per process, under the guard of a function-local static, before any zone
+/// is made. Left alone, the library builds it lazily behind its own once-flags, whose fast
+/// path a race detector cannot see; built here, every later use is ordered after it. A
+/// failure here is not reported: the lookup that follows meets it again and reports it.
 void prepare_zones() {
     static bool const prepared = [] {
         icu::TimeZone::getGMT();
