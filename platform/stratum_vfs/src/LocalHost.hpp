@@ -42,7 +42,4 @@ std::unique_ptr<provider::OutputBuffer> openLocalOutput(AbsoluteIRI const& iri, 
 /// (exchanging with an existing `to`), syncs the folder(s); any failure leaves `to` as it was.
 void renameDurably(AbsoluteIRI const& from, AbsoluteIRI const& to);
 
-/// Makes the entries of the folder at `iri` durable (fsync of the folder).
-void syncFolder(AbsoluteIRI const& iri);
-
 } // namespace stratum::storage::vfs::detail

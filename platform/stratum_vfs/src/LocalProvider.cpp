@@ -183,11 +183,10 @@ public:
         return openLocalOutput(iri, mode);
     }
 
-    // The host copy creates `to` exclusively (never through a link), copies the permission
-    // bits and syncs the data; the folder is synced here so the new name is durable too.
+    // The host copy creates `to` exclusively (never through a link) and copies the permission
+    // bits; a file copy is put in place by `rename`, which makes it durable.
     void copyFile(AbsoluteIRI const& from, AbsoluteIRI const& to) override {
         guarded(to, [&] { fs::copy_file(hostPath(from), hostPath(to), fs::copy_option::fail_if_exists); });
-        syncFolder(to.getParent());
     }
 
 private:

@@ -53,16 +53,19 @@ void prepareIncoming(std::string const& from, AbsoluteIRI const& fromIri, std::s
     if (::lstat(from.c_str(), &incoming) != 0) {
         throwHostErrno(errno, fromIri);
     }
-    if (S_ISLNK(incoming.st_mode)) {
-        return;  // a link has no data of its own, and its permission bits mean nothing
+    if (!S_ISREG(incoming.st_mode) && !S_ISDIR(incoming.st_mode)) {
+        return;  // a link (or a fifo, a device) has no data of its own to sync here
     }
-    Descriptor file(from, O_RDONLY | O_NOFOLLOW, fromIri);
+    // Write access suffices to sync and narrow a file its owner may not read (mode 0200).
+    bool const writeOnly = S_ISREG(incoming.st_mode) && !(incoming.st_mode & S_IRUSR) && (incoming.st_mode & S_IWUSR);
+    int const access = writeOnly ? O_WRONLY : O_RDONLY;
+    Descriptor file(from, access | O_NOFOLLOW, fromIri);
     if (::fdatasync(file.get()) != 0) {
         throwHostErrno(errno, fromIri);
     }
     struct stat replaced {};
-    if (!S_ISREG(incoming.st_mode)) {
-        return;
+    if (S_ISDIR(incoming.st_mode)) {
+        return;  // a folder never replaces a file here: the caller removed it first
     }
     if (::stat(to.c_str(), &replaced) != 0) {
         if (errno != ENOENT) {
@@ -79,6 +82,14 @@ void prepareIncoming(std::string const& from, AbsoluteIRI const& fromIri, std::s
     }
 }
 
+// Makes the entries of the folder at `iri` durable.
+void syncFolder(AbsoluteIRI const& iri) {
+    Descriptor folder(accessPath(iri), O_RDONLY | O_DIRECTORY, iri);
+    if (::fsync(folder.get()) != 0) {
+        throwHostErrno(errno, iri);
+    }
+}
+
 void syncFolders(AbsoluteIRI const& from, AbsoluteIRI const& to) {
     syncFolder(to.getParent());
     if (!(from.getParent() == to.getParent())) {
@@ -87,13 +98,6 @@ void syncFolders(AbsoluteIRI const& from, AbsoluteIRI const& to) {
 }
 
 } // namespace
-
-void syncFolder(AbsoluteIRI const& iri) {
-    Descriptor folder(accessPath(iri), O_RDONLY | O_DIRECTORY, iri);
-    if (::fsync(folder.get()) != 0) {
-        throwHostErrno(errno, iri);
-    }
-}
 
 void renameDurably(AbsoluteIRI const& from, AbsoluteIRI const& to) {
     std::string const source = accessPath(from);
