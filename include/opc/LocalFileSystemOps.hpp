@@ -83,6 +83,11 @@ protected:
                                                       std::string& detail, error_code& ec) override;
     /// Opens a file stream for writing (the output bit is always added). Whether a missing file
     /// is created or an existing one truncated follows from the mode alone. Reports as above.
+    /// The stream (a `vela::filesystem::basic_ofstream<char>`) keeps no bytes of its own: each
+    /// write goes to the file system at once, and one that it refuses (disk full, file too
+    /// large, I/O error, quota) throws `opc::Exception` "write failed: " + the host's text and
+    /// path from that write, with the host's code; the stream is then bad. Data reaches the
+    /// disk when the file is renamed into place (`rename` syncs it first).
     std::shared_ptr<std::ostream> doCreateOutputStream(const std::u16string& path, unsigned mode,
                                                        std::string& detail, error_code& ec) override;
     /// Creates one folder; an existing path is EEXIST, a missing parent ENOENT.

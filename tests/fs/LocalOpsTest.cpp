@@ -14,7 +14,13 @@
 #include <fstream>
 #include <random>
 #include <stdexcept>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <csignal>
+#include <iostream>
+#include <unistd.h>
 
 namespace opc::test {
 namespace {
@@ -195,6 +201,49 @@ TEST_F(LocalOps, StreamsAddTheirDirectionBitAndKeepTheOthers) {
     EXPECT_FALSE(m_ops.createInputStream(path("f"), OpenMode::Truncate, ec));
     EXPECT_EQ(ec, generic(errc::invalid_argument));
     EXPECT_EQ(read("f"), "Xbcd");
+}
+
+// A write that the file system refuses reaches the writer at that very write, as the library's
+// exception with the system's code: not a short count, nor bytes lost in a buffer. 64 KiB take
+// six blocks of 10000 bytes and part of the seventh.
+TEST_F(LocalOps, RefusedWritesThrowFromThatWrite) {
+    std::string const small = m_folder.at("small");
+    ::mkdir(small.c_str(), 0777);
+    bool const mounted = ::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=64k") == 0;
+    struct Row {
+        int error;
+        std::string file;
+    } const rows[] = {{EFBIG, m_folder.at("limited")}, {ENOSPC, small + "/full"}};
+    for (Row const& row : rows) {
+        if (row.error == ENOSPC && !mounted) {
+            std::cout << "disk-full case skipped: mounting a small tmpfs needs root\n";
+            continue;
+        }
+        pid_t const child = ::fork();
+        if (child == 0) {
+            rlimit const limit{65536, 65536}; // file too large, without privileges
+            if (row.error == EFBIG && (::setrlimit(RLIMIT_FSIZE, &limit) != 0 || std::signal(SIGXFSZ, SIG_IGN) == SIG_ERR))
+                std::_Exit(1);
+            std::string const block(10000, 'x');
+            int written = 0;
+            try {
+                auto out = m_ops.createOutputStream(utf16(row.file), OpenMode::WriteBinary);
+                for (; written < 20; ++written)
+                    out->write(block.data(), std::streamsize(block.size()));
+            } catch (opc::Exception const& e) {
+                bool const right = e.code().value() == row.error && std::string(e.what()).rfind("write failed: ", 0) == 0;
+                std::_Exit(right ? 100 + written : 2);
+            } catch (...) {
+                std::_Exit(3);
+            }
+            std::_Exit(4);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 106) << std::strerror(row.error) << ": " << status;
+    }
+    if (mounted)
+        ::umount2(small.c_str(), MNT_DETACH);
 }
 
 TEST_F(LocalOps, CommitKeepsTheModeAndPassesReportsThroughUnchanged) {
