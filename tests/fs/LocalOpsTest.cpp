@@ -253,6 +253,12 @@ TEST_F(LocalOps, CommitKeepsTheModeAndPassesReportsThroughUnchanged) {
     m_ops.replaceFileWithBackup(path("target"), m_ops, path("new"), CommitOptions());
     EXPECT_EQ(read("target"), "fresh");
     EXPECT_EQ(modeOf("target"), 0640u);
+    // Over a link to a 0600 file: a 0600 file takes the link's place, never a 0777 one.
+    write("private", "p");
+    ::chmod(m_folder.at("private").c_str(), 0600);
+    ::symlink("private", m_folder.at("link").c_str());
+    m_ops.replaceFileWithBackup(path("link"), m_ops, path("new"), CommitOptions());
+    EXPECT_EQ(modeOf("link"), 0600u);
     write("new", "newer");
 
     // A failure of the commit: its own message behind the frame's prefix, and a failed code.
