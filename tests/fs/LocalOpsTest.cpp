@@ -210,6 +210,10 @@ TEST_F(LocalOps, RefusedWritesThrowFromThatWrite) {
     std::string const small = m_folder.at("small");
     ::mkdir(small.c_str(), 0777);
     bool const mounted = ::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=64k") == 0;
+    std::shared_ptr<void> const unmount(nullptr, [&](void*) {
+        if (mounted)
+            ::umount2(small.c_str(), MNT_DETACH);
+    });
     struct Row {
         int error;
         std::string file;
@@ -242,8 +246,6 @@ TEST_F(LocalOps, RefusedWritesThrowFromThatWrite) {
         ASSERT_EQ(::waitpid(child, &status, 0), child);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 106) << std::strerror(row.error) << ": " << status;
     }
-    if (mounted)
-        ::umount2(small.c_str(), MNT_DETACH);
 }
 
 TEST_F(LocalOps, CommitKeepsTheModeAndPassesReportsThroughUnchanged) {

@@ -94,8 +94,13 @@ void copy_regular(path const& from, path const& to, copy_option option, bool syn
         [&] { return ::open(to_access.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode); }));
     if (out) {
         fill_new_file(in.get(), std::move(out), mode, to_access, to);
-        if (sync_new_name)
-            sys::sync_folder(sys::folder_of(to_access));
+        try {
+            if (sync_new_name)
+                sys::sync_folder(sys::folder_of(to_access));
+        } catch (...) {
+            ::unlink(to_access.c_str()); // ours, and not durable: the sync's failure is the report
+            throw;
+        }
         return;
     }
     if (errno != EEXIST || option != copy_option::overwrite_if_exists)
