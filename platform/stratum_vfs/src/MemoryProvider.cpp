@@ -2,7 +2,7 @@
 //
 // One mutex guards the whole tree; every provider call and every write takes it once, so each
 // is atomic. A reader keeps the content snapshot it opened: a write changes the content in
-// place only while nobody else holds it, and otherwise publishes a changed copy. Read-only
+// place only while no reader or copy was given it, and otherwise publishes a changed copy. Read-only
 // folders refuse new and removed children.
 #include <stratum/storage/vfs/Exception.hpp>
 
@@ -30,6 +30,10 @@ struct Node {
     bool removed = false;  // no longer in the tree: writers still holding it are refused
     ptime modified;
     std::shared_ptr<std::string> content = std::make_shared<std::string>();
+    // Set under the lock when a reader or a copy is given `content`; the next write copies it
+    // first. A flag and not use_count(): a reader's release would not order its reads before
+    // the writer's changes.
+    bool contentShared = false;
     std::map<std::u16string, std::shared_ptr<Node>> children;
 };
 
@@ -107,8 +111,9 @@ protected:
         if (node_->readOnly) {
             throw Exception(ErrorCode::PermissionDenied, iri_, "the file was made read-only while open for writing");
         }
-        if (node_->content.use_count() > 1) {
-            node_->content = std::make_shared<std::string>(*node_->content);  // a reader holds the old one
+        if (node_->contentShared) {
+            node_->content = std::make_shared<std::string>(*node_->content);
+            node_->contentShared = false;
         }
         std::string& content = *node_->content;
         if (append_) {
@@ -264,6 +269,7 @@ public:
         if (node == nullptr || node->folder) {
             return nullptr;
         }
+        node->contentShared = true;
         return std::make_unique<SnapshotBuffer>(node->content);
     }
 
@@ -298,6 +304,7 @@ public:
             }
             if (truncate && !node->content->empty()) {
                 node->content = std::make_shared<std::string>();
+                node->contentShared = false;
                 touch(*node);
             }
         }
@@ -314,6 +321,7 @@ public:
         }
         place->second = std::make_shared<Node>(false);
         place->second->content = source.content;  // shared until either side writes: copy on write
+        place->second->contentShared = source.contentShared = true;
         touch(*place->second);
         touch(parent);
     }
