@@ -31,6 +31,8 @@ endfunction()
 # Every <dir>/*Test.cpp becomes one GoogleTest executable <prefix>_<file name>, registered
 # with CTest as one test (one process per file keeps the sanitizer run short). Helpers shared
 # by the tests of a folder live in headers beside them or in tests/support.
+# A test whose source starts threads (mentions std::thread) gets the CTest label "threads"
+# and joins the target opc_threaded_tests, which the ThreadSanitizer run builds alone.
 function(opc_add_test_folder)
   cmake_parse_arguments(T "" "PREFIX;DIR" "LINK" ${ARGN})
   file(GLOB tests CONFIGURE_DEPENDS "${T_DIR}/*Test.cpp")
@@ -42,5 +44,13 @@ function(opc_add_test_folder)
     opc_set_warnings(${exe})
     add_test(NAME ${exe} COMMAND ${exe})
     set_tests_properties(${exe} PROPERTIES TIMEOUT 900)
+    file(READ ${src} text)
+    if(text MATCHES "std::thread")
+      set_tests_properties(${exe} PROPERTIES LABELS threads)
+      if(NOT TARGET opc_threaded_tests)
+        add_custom_target(opc_threaded_tests)
+      endif()
+      add_dependencies(opc_threaded_tests ${exe})
+    endif()
   endforeach()
 endfunction()

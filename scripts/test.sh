@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, then builds and runs every test twice: a normal build and one with
-# AddressSanitizer and UndefinedBehaviorSanitizer. Warnings are errors. Last, the installed
-# package is checked by building a consumer project against it.
+# AddressSanitizer and UndefinedBehaviorSanitizer. A third build with ThreadSanitizer builds
+# and runs only the tests that start threads (CTest label "threads"); any report fails it.
+# Warnings are errors. Last, the installed package is checked by building a consumer project
+# against it.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 cd "$root"
@@ -9,11 +11,15 @@ cd "$root"
 
 jobs=$(nproc)
 
-build_and_test() {
+configure() {
   local dir=$1; shift
   cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOPC_WERROR=ON "$@" >/dev/null
-  cmake --build "$dir" --parallel "$jobs"
-  ctest --test-dir "$dir" --parallel "$jobs" --output-on-failure --timeout 900
+}
+
+build_and_test() {
+  configure "$@"
+  cmake --build "$1" --parallel "$jobs"
+  ctest --test-dir "$1" --parallel "$jobs" --output-on-failure --timeout 900
 }
 
 echo "== Normal build"
@@ -24,6 +30,13 @@ export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1
 build_and_test build/sanitize -DOPC_SANITIZE=ON -DOPC_BUILD_EXAMPLES=OFF
 unset ASAN_OPTIONS UBSAN_OPTIONS
+
+echo "== ThreadSanitizer build (tests that start threads)"
+export TSAN_OPTIONS=halt_on_error=1
+configure build/tsan -DOPC_TSAN=ON -DOPC_BUILD_EXAMPLES=OFF
+cmake --build build/tsan --parallel "$jobs" --target opc_threaded_tests
+ctest --test-dir build/tsan --label-regex threads --no-tests=error --parallel "$jobs" --output-on-failure --timeout 900
+unset TSAN_OPTIONS
 
 echo "== Installed package"
 ./scripts/check-install.sh build/release

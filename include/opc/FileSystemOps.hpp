@@ -149,6 +149,14 @@ public:
     std::shared_ptr<std::istream> createInputStream(const std::u16string& path, unsigned mode,
                                                     error_code& ec) noexcept;
     /// Opens the file for writing with the `OpenMode` bits; the file closes with the last holder.
+    ///
+    /// Writes go through: both back ends hand every write to the storage at once and keep no
+    /// bytes in a user-space buffer, so nothing can fail later where no caller could see it. A
+    /// write the storage refuses (a full disk, a file-size limit, an I/O error, a read-only item)
+    /// throws `opc::Exception` ("write failed: " and the back end's detail, with its code) from
+    /// the stream operation that carried it; the stream is then bad. Callers writing small pieces
+    /// should gather them first. Data are durable only after a `rename` (which syncs them) or a
+    /// commit; a reader may see a file being written part way (write to a temporary name).
     std::shared_ptr<std::ostream> createOutputStream(const std::u16string& path, unsigned mode);
     std::shared_ptr<std::ostream> createOutputStream(const std::u16string& path, unsigned mode,
                                                      error_code& ec) noexcept;
@@ -164,11 +172,19 @@ public:
     void createSymlink(const std::u16string& target, const std::u16string& link, error_code& ec) noexcept;
 
     /// Copies a file, a folder tree or a link (as a link); `mode` says what happens to an
-    /// existing destination.
+    /// existing destination. A link at the source is copied as a link, never followed; a link at
+    /// a file's destination is refused, never written through. `Overwrite` of a file makes a new
+    /// file and puts it in the destination's place, so other hard links to the old destination
+    /// keep their content. A copied file is synced before the copy returns (local disk, `file`).
     void copy(const std::u16string& source, const std::u16string& destination, ExistsMode mode);
     void copy(const std::u16string& source, const std::u16string& destination, ExistsMode mode,
               error_code& ec) noexcept;
-    /// Renames within the back end, replacing an existing destination file in one step.
+    /// Renames within the back end, replacing an existing destination file in one step; a
+    /// folder at the destination is refused and left whole. The moved file's data are synced
+    /// before the rename and its folder (both folders when they differ) after it, and the file
+    /// arriving over an existing one never has permission bits the replaced file lacked. When a
+    /// step fails the rename fails and the destination is left as it was (local disk, `file`;
+    /// `memory` is not durable at all).
     void rename(const std::u16string& from, const std::u16string& to);
     void rename(const std::u16string& from, const std::u16string& to, error_code& ec) noexcept;
     /// Removes a file, a link or an empty folder.

@@ -52,7 +52,9 @@ protected:
     /// True for a symbolic link, dangling or not.
     bool doIsSymlink(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// The nine permission bits plus the host's attribute bits (0x1000 to 0x8000); of a link,
-    /// the link's own. A missing path gives `PermsUnknown` with ENOENT.
+    /// the link's own, marked with the host's `link_perms` bit (0x2000), which `setPermissions`
+    /// never applies as a mode to anything but a link. A missing path gives `PermsUnknown` with
+    /// ENOENT.
     Perms::Perms_tag doGetPermissions(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// Sets the bits on the path itself (a final link is not followed; the host may refuse a
     /// link). `PermsUnknown` does nothing; an empty path is EINVAL.
@@ -83,6 +85,11 @@ protected:
                                                       std::string& detail, error_code& ec) override;
     /// Opens a file stream for writing (the output bit is always added). Whether a missing file
     /// is created or an existing one truncated follows from the mode alone. Reports as above.
+    /// The stream (a `vela::filesystem::basic_ofstream<char>`) keeps no bytes of its own: each
+    /// write goes to the file system at once, and one that it refuses (disk full, file too
+    /// large, I/O error, quota) throws `opc::Exception` "write failed: " + the host's text and
+    /// path from that write, with the host's code; the stream is then bad. Data reaches the
+    /// disk when the file is renamed into place (`rename` syncs it first).
     std::shared_ptr<std::ostream> doCreateOutputStream(const std::u16string& path, unsigned mode,
                                                        std::string& detail, error_code& ec) override;
     /// Creates one folder; an existing path is EEXIST, a missing parent ENOENT.
@@ -94,8 +101,10 @@ protected:
                          error_code& ec) override;
     /// Copies by the kind of the source itself (a final link is not followed):
     /// - missing: ENOENT, "Source does not exist: <source>";
-    /// - file: content and permission bits, synced to disk; an existing destination is EEXIST
-    ///   unless `Overwrite`;
+    /// - file: content and permission bits, synced to disk with its new name; an existing
+    ///   destination is EEXIST unless `Overwrite`, which replaces it by a new file as `doRename`
+    ///   does (never writing into it: its other hard links keep the old content; a link there
+    ///   is refused);
     /// - folder: the tree, links copied as links. `FailIfExists` on an existing destination is
     ///   EEXIST, "Destination exists: <destination>", nothing touched; `Overwrite` removes the
     ///   destination first; `NoOverwrite` merges into it. Not atomic: a failure midway leaves
@@ -104,9 +113,11 @@ protected:
     /// - anything else (socket, device, pipe): nothing happens, no error.
     void doCopy(const std::u16string& source, const std::u16string& destination, ExistsMode mode,
                 std::string& detail, error_code& ec) override;
-    /// One rename: atomic, replaces an existing destination file, and the folders involved are
-    /// synced afterwards. Never falls back to copy-and-delete (across file systems it fails with
-    /// the host's error). An empty path on either side is EINVAL.
+    /// One rename: atomic and durable (the moved file's data synced first, the folders involved
+    /// after); replaces an existing destination file, whose permission bits the moved file never
+    /// exceeds; a file onto a folder is EISDIR. A failure of any step leaves the destination as
+    /// it was (see `vela::filesystem::rename`). Never falls back to copy-and-delete (across file
+    /// systems it fails with the host's error). An empty path on either side is EINVAL.
     void doRename(const std::u16string& from, const std::u16string& to, std::string& detail,
                   error_code& ec) override;
     /// Removes a file, a link (not its target) or an empty folder.

@@ -81,6 +81,12 @@ protected:
 
     /// A storage stream opened with `mode` exactly as given (no bits added). A stream that
     /// opens in a failed state gives `io_error` and no detail text.
+    /// The output stream writes through: each write operation hands its bytes to the storage
+    /// before it returns, and a write the storage refuses (full, file too large, I/O error, a
+    /// `memory:` file removed or made read-only meanwhile) throws `opc::Exception`
+    /// "write failed: " and the translated detail, with the translated code, from that
+    /// operation (its bad bit is set). Closing the stream (the last holder letting go) cannot
+    /// lose bytes: none are held back.
     std::shared_ptr<std::istream> doCreateInputStream(const std::u16string& path, unsigned mode,
                                                       std::string& detail, error_code& ec) override;
     std::shared_ptr<std::ostream> doCreateOutputStream(const std::u16string& path, unsigned mode,
@@ -91,10 +97,14 @@ protected:
     void doCreateSymlink(const std::u16string& target, const std::u16string& link, std::string& detail,
                          error_code& ec) override;
     /// Replaces an existing destination only for `Overwrite`; `NoOverwrite` and `FailIfExists`
-    /// leave the decision to the storage (which refuses with `file_exists`).
+    /// leave the decision to the storage (which refuses with `file_exists`). A file is replaced
+    /// by a new one renamed over it (as `rename` does), never written into; a file never
+    /// replaces a folder (`file_exists`, nothing removed).
     void doCopy(const std::u16string& source, const std::u16string& destination, ExistsMode mode,
                 std::string& detail, error_code& ec) override;
-    /// Always replaces an existing destination.
+    /// Always replaces an existing file, durably (data synced before the name, the folders
+    /// after it) and without widening its permissions (`file:`); a file never replaces a
+    /// folder (`file_exists`, nothing removed).
     void doRename(const std::u16string& from, const std::u16string& to, std::string& detail,
                   error_code& ec) override;
     /// A file or an empty folder; a non-empty folder fails with `directory_not_empty`.

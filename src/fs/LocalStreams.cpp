@@ -1,6 +1,8 @@
 // LocalFileSystemOps: file streams. A failed open is reported with the system's own error
-// number and text, not through the exception translation.
+// number and text, not through the exception translation; a failed write of an output stream
+// throws opc::Exception from that write.
 
+#include <opc/Exception.hpp>
 #include <opc/LocalFileSystemOps.hpp>
 
 #include "fs/LocalTranslate.hpp"
@@ -50,6 +52,15 @@ Handle openStream(std::u16string const& path, unsigned mode, std::string& detail
     return Handle();
 }
 
+// Installed in every output stream: the host's exception of a refused write, through the one
+// translation of this back end, becomes the library's own.
+[[noreturn]] void throwWriteFailure() {
+    std::string text;
+    boost::system::error_code code;
+    detail::translateHostException(text, code);
+    throw Exception("write failed: " + text, code);
+}
+
 } // namespace
 
 std::shared_ptr<std::istream> LocalFileSystemOps::doCreateInputStream(const std::u16string& path, unsigned mode,
@@ -63,8 +74,11 @@ std::shared_ptr<std::istream> LocalFileSystemOps::doCreateInputStream(const std:
 std::shared_ptr<std::ostream> LocalFileSystemOps::doCreateOutputStream(const std::u16string& path, unsigned mode,
                                                                        std::string& detail, error_code& ec) {
     return detail::guardedHostCall(std::shared_ptr<std::ostream>(), detail, ec, [&] {
-        return openStream<vfs::basic_ofstream<char>, std::shared_ptr<std::ostream>>(path, mode | OpenMode::Out,
-                                                                                      detail, ec);
+        auto stream = openStream<vfs::basic_ofstream<char>, std::shared_ptr<vfs::basic_ofstream<char>>>(
+            path, mode | OpenMode::Out, detail, ec);
+        if (stream)
+            stream->set_failure_handler(throwWriteFailure);
+        return std::shared_ptr<std::ostream>(std::move(stream));
     });
 }
 

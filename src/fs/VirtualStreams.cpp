@@ -1,6 +1,7 @@
 // The virtual back end: byte streams on storage files.
 #include "fs/VirtualTranslate.hpp"
 
+#include <opc/Exception.hpp>
 #include <opc/VirtualFileSystemOps.hpp>
 
 #include <stratum/storage/vfs/IRI.hpp>
@@ -15,15 +16,24 @@ namespace {
 
 namespace vfs = stratum::storage::vfs;
 
+// Called inside the handler of a write the storage refused: throws it on as the library's own
+// exception, through the back end's one translation.
+[[noreturn]] void throwWriteFailure() {
+    std::string detail;
+    boost::system::error_code ec;
+    detail::translateStorageException(detail, ec);
+    throw Exception("write failed: " + detail, ec);
+}
+
 // Opens a storage stream of type S on the file at `path` with `mode` as given, in one shared
 // allocation with its count. A stream that opens failed is dropped and reported as io_error
 // without a detail text (the storage said nothing more).
-template <class S, class Handle>
+template <class S, class Handle, class... Extra>
 Handle open(std::u16string const& path, unsigned mode, vfs::StorageSystemReference const& storage,
-            std::string& detail, boost::system::error_code& ec) {
+            std::string& detail, boost::system::error_code& ec, Extra... extra) {
     return detail::guarded(detail, ec, Handle(), [&]() -> Handle {
         vfs::File const file(vfs::AbsoluteIRI(path), storage);
-        auto stream = std::make_shared<S>(file, mode);
+        auto stream = std::make_shared<S>(file, mode, extra...);
         if (stream->fail()) {
             ec = boost::system::errc::make_error_code(boost::system::errc::io_error);
             return Handle();
@@ -41,7 +51,8 @@ std::shared_ptr<std::istream> VirtualFileSystemOps::doCreateInputStream(const st
 
 std::shared_ptr<std::ostream> VirtualFileSystemOps::doCreateOutputStream(const std::u16string& path, unsigned mode,
                                                                          std::string& detail, error_code& ec) {
-    return open<vfs::ofstream, std::shared_ptr<std::ostream>>(path, mode, m_storage, detail, ec);
+    return open<vfs::ofstream, std::shared_ptr<std::ostream>>(path, mode, m_storage, detail, ec,
+                                                              vfs::ofstream::FailureHandler(throwWriteFailure));
 }
 
 } // namespace opc

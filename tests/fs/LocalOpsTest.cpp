@@ -15,7 +15,13 @@
 #include <fstream>
 #include <random>
 #include <stdexcept>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <csignal>
+#include <iostream>
+#include <unistd.h>
 
 namespace opc::test {
 namespace {
@@ -212,6 +218,51 @@ TEST_F(LocalOps, StreamsAddTheirDirectionBitAndKeepTheOthers) {
     EXPECT_EQ(read("f"), "Xbcd");
 }
 
+// A write that the file system refuses reaches the writer at that very write, as the library's
+// exception with the system's code: not a short count, nor bytes lost in a buffer. 64 KiB take
+// six blocks of 10000 bytes and part of the seventh.
+TEST_F(LocalOps, RefusedWritesThrowFromThatWrite) {
+    std::string const small = m_folder.at("small");
+    ::mkdir(small.c_str(), 0777);
+    bool const mounted = ::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=64k") == 0;
+    std::shared_ptr<void> const unmount(nullptr, [&](void*) {
+        if (mounted)
+            ::umount2(small.c_str(), MNT_DETACH);
+    });
+    struct Row {
+        int error;
+        std::string file;
+    } const rows[] = {{EFBIG, m_folder.at("limited")}, {ENOSPC, small + "/full"}};
+    for (Row const& row : rows) {
+        if (row.error == ENOSPC && !mounted) {
+            std::cout << "disk-full case skipped: mounting a small tmpfs needs root\n";
+            continue;
+        }
+        pid_t const child = ::fork();
+        if (child == 0) {
+            rlimit const limit{65536, 65536}; // file too large, without privileges
+            if (row.error == EFBIG && (::setrlimit(RLIMIT_FSIZE, &limit) != 0 || std::signal(SIGXFSZ, SIG_IGN) == SIG_ERR))
+                std::_Exit(1);
+            std::string const block(10000, 'x');
+            int written = 0;
+            try {
+                auto out = m_ops.createOutputStream(utf16(row.file), OpenMode::WriteBinary);
+                for (; written < 20; ++written)
+                    out->write(block.data(), std::streamsize(block.size()));
+            } catch (opc::Exception const& e) {
+                bool const right = e.code().value() == row.error && std::string(e.what()).rfind("write failed: ", 0) == 0;
+                std::_Exit(right ? 100 + written : 2);
+            } catch (...) {
+                std::_Exit(3);
+            }
+            std::_Exit(4);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 106) << std::strerror(row.error) << ": " << status;
+    }
+}
+
 TEST_F(LocalOps, CommitKeepsTheModeAndPassesReportsThroughUnchanged) {
     write("target", "old");
     write("new", "fresh");
@@ -219,6 +270,12 @@ TEST_F(LocalOps, CommitKeepsTheModeAndPassesReportsThroughUnchanged) {
     m_ops.replaceFileWithBackup(path("target"), m_ops, path("new"), CommitOptions());
     EXPECT_EQ(read("target"), "fresh");
     EXPECT_EQ(modeOf("target"), 0640u);
+    // Over a link to a 0600 file: a 0600 file takes the link's place, never a 0777 one.
+    write("private", "p");
+    ::chmod(m_folder.at("private").c_str(), 0600);
+    ::symlink("private", m_folder.at("link").c_str());
+    m_ops.replaceFileWithBackup(path("link"), m_ops, path("new"), CommitOptions());
+    EXPECT_EQ(modeOf("link"), 0600u);
     write("new", "newer");
 
     // A failure of the commit: its own message behind the frame's prefix, and a failed code.

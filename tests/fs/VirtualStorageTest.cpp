@@ -11,8 +11,11 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <random>
@@ -229,6 +232,59 @@ TEST_P(VirtualStorage, StreamModesGoToTheStorageAsGiven) {
     in = ops.createInputStream(at(u"s"), OpenMode::ReadBinary);
     ASSERT_TRUE(in);
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(*in), {}), "late");
+}
+
+// The storage refuses a write: on file: a child limited to 64 KiB per file (SIGXFSZ ignored),
+// on memory: a file made read-only while open. The writer sees it at that write.
+TEST_P(VirtualStorage, ARefusedWriteThrowsFromThatWrite) {
+    auto const file = at(u"w");
+    auto out = ops.createOutputStream(file, OpenMode::WriteBinary);
+    ASSERT_TRUE(out);
+    std::string const block(16384, 'b');
+    auto blocksTaken = [&](errc::errc_t expected) {
+        int blocks = 0;
+        try {
+            for (; blocks < 8; ++blocks)
+                out->write(block.data(), block.size());
+        } catch (Exception const& e) {
+            bool const right = e.code() == generic(expected) && std::string(e.what()).rfind("write failed: ", 0) == 0;
+            return right && out->bad() ? blocks : -1;
+        }
+        return -2;
+    };
+    if (onFile()) {
+        auto limited = [&] {
+            rlimit const limit{65536, 65536};
+            std::signal(SIGXFSZ, SIG_IGN);
+            ::setrlimit(RLIMIT_FSIZE, &limit);
+            std::_Exit(blocksTaken(errc::file_too_large) == 4 ? 0 : 1);
+        };
+        EXPECT_EXIT(limited(), ::testing::ExitedWithCode(0), "");
+    } else {
+        out->write(block.data(), block.size());
+        ops.setPermissions(file, Perms::Perms_tag(0444));
+        EXPECT_EQ(blocksTaken(errc::permission_denied), 0);
+    }
+}
+
+// Rename, copy and commit of a file onto a folder are refused and the folder keeps everything.
+TEST_P(VirtualStorage, AFileNeverReplacesAFolder) {
+    write(at(u"f"), "new");
+    ops.createFolder(at(u"empty"));
+    ops.createFolder(at(u"full"));
+    write(at(u"full/keep"), "keep");
+    for (auto const& folder : {at(u"empty"), at(u"full")}) {
+        EXPECT_THROW(ops.rename(at(u"f"), folder), Exception);
+        EXPECT_THROW(ops.copy(at(u"f"), folder, Overwrite), Exception);
+        EXPECT_THROW(ops.replaceFileWithBackup(folder, ops, at(u"f"), CommitOptions()), Exception);
+        EXPECT_TRUE(ops.isFolder(folder));
+    }
+    std::vector<std::u16string> files;
+    ops.getFiles(m_root, files, true);
+    EXPECT_EQ(files, (std::vector<std::u16string>{at(u"f"), at(u"full/keep")})) << "no temporary left";
+    auto in = ops.createInputStream(at(u"full/keep"), OpenMode::ReadBinary);
+    ASSERT_TRUE(in);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(*in), {}), "keep");
 }
 
 INSTANTIATE_TEST_SUITE_P(Schemes, VirtualStorage, ::testing::Values(false, true),

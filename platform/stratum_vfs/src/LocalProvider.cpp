@@ -2,6 +2,7 @@
 // is the host path. Links are never followed: a symbolic link is reported as a file.
 #include <stratum/storage/vfs/Exception.hpp>
 
+#include "LocalHost.hpp"
 #include "Providers.hpp"
 
 #include <vela/filesystem/directory_iterator.hpp>
@@ -23,8 +24,6 @@ using provider::FileAttributes;
 using provider::FolderEntry;
 using provider::ItemKind;
 
-constexpr std::uint32_t ownerWrite = 0200;
-
 ErrorCode codeForErrno(int number) {
     switch (number) {
     case EROFS: return ErrorCode::ReadOnlyFileSystem;
@@ -40,9 +39,12 @@ ErrorCode codeForErrno(int number) {
     }
 }
 
-// The one translation of host failures: called inside a catch handler, it throws the storage
-// exception matching the exception in flight, located at `iri`.
-[[noreturn]] void translateHostException(AbsoluteIRI const& iri) {
+constexpr std::uint32_t ownerWrite = 0200;
+constexpr std::uint32_t anyWrite = 0222;
+
+} // namespace
+
+void translateHostException(AbsoluteIRI const& iri) {
     try {
         throw;
     } catch (Exception const&) {
@@ -70,15 +72,24 @@ ErrorCode codeForErrno(int number) {
     }
 }
 
-// Runs `work`, turning any host failure into a storage exception at `iri`.
-template <class Work>
-auto guarded(AbsoluteIRI const& iri, Work&& work) -> decltype(work()) {
+void throwHostErrno(int number, AbsoluteIRI const& iri) {
     try {
-        return work();
+        fs::throw_from_errno(number, iri.getPath());
     } catch (...) {
         translateHostException(iri);
     }
 }
+
+std::string accessPath(AbsoluteIRI const& iri) {
+    errno = 0;
+    std::string access = fs::detail::stream_access_form(iri.getPath());
+    if (access.empty()) {
+        throwHostErrno(errno != 0 ? errno : EINVAL, iri);
+    }
+    return access;
+}
+
+namespace {
 
 fs::path hostPath(AbsoluteIRI const& iri) { return fs::path(iri.getPath()); }
 
@@ -122,8 +133,10 @@ public:
     }
 
     void setWritable(AbsoluteIRI const& iri, bool writable) override {
-        std::uint32_t bits = statusOf(iri, provider::NoItem).permissions();
-        bits = writable ? bits | ownerWrite : bits & ~ownerWrite;
+        // Only the write bits move: a 0600 file made writable stays 0600, and read-only
+        // clears every write bit (0664 becomes 0444), so no one else keeps write access.
+        std::uint32_t bits = statusOf(iri, provider::NoItem).permissions() & fs::file_status::perms_all;
+        bits = writable ? bits | ownerWrite : bits & ~anyWrite;
         guarded(iri, [&] { fs::permissions(hostPath(iri), bits); });
     }
 
@@ -151,7 +164,7 @@ public:
     }
 
     void rename(AbsoluteIRI const& from, AbsoluteIRI const& to) override {
-        guarded(to, [&] { fs::rename(hostPath(from), hostPath(to)); });
+        renameDurably(from, to);
     }
 
     std::unique_ptr<std::streambuf> openInput(AbsoluteIRI const& iri) override {
@@ -166,17 +179,12 @@ public:
         return buffer;
     }
 
-    std::unique_ptr<std::streambuf> openOutput(AbsoluteIRI const& iri, std::ios_base::openmode mode) override {
-        auto buffer = std::make_unique<std::filebuf>();
-        std::string access = fs::detail::stream_access_form(iri.getPath());
-        errno = 0;
-        if (access.empty() || buffer->open(access, mode | std::ios_base::binary) == nullptr) {
-            int const number = errno != 0 ? errno : EIO;
-            guarded(iri, [&] { fs::throw_from_errno(number, iri.getPath()); });
-        }
-        return buffer;
+    std::unique_ptr<provider::OutputBuffer> openOutput(AbsoluteIRI const& iri, std::ios_base::openmode mode) override {
+        return openLocalOutput(iri, mode);
     }
 
+    // The host copy creates `to` exclusively (never through a link) and copies the permission
+    // bits; a file copy is put in place by `rename`, which makes it durable.
     void copyFile(AbsoluteIRI const& from, AbsoluteIRI const& to) override {
         guarded(to, [&] { fs::copy_file(hostPath(from), hostPath(to), fs::copy_option::fail_if_exists); });
     }

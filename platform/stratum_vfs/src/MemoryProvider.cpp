@@ -1,8 +1,9 @@
 // The `memory` scheme: a tree of folders and files held by one storage system.
 //
-// One mutex guards the whole tree; every provider call takes it once, so each call is atomic.
-// File contents are immutable shared strings: a reader keeps the snapshot it opened, a writer
-// publishes a new string at every sync. Read-only folders refuse new and removed children.
+// One mutex guards the whole tree; every provider call and every write takes it once, so each
+// is atomic. A reader keeps the content snapshot it opened: a write changes the content in
+// place only while no reader or copy was given it, and otherwise publishes a changed copy. Read-only
+// folders refuse new and removed children.
 #include <stratum/storage/vfs/Exception.hpp>
 
 #include "Providers.hpp"
@@ -11,7 +12,7 @@
 
 #include <map>
 #include <mutex>
-#include <sstream>
+#include <string>
 
 namespace stratum::storage::vfs::detail {
 
@@ -26,8 +27,13 @@ struct Node {
     explicit Node(bool isFolder) : folder(isFolder) {}
     bool folder;
     bool readOnly = false;
+    bool removed = false;  // no longer in the tree: writers still holding it are refused
     ptime modified;
-    std::shared_ptr<std::string const> content = std::make_shared<std::string const>();
+    std::shared_ptr<std::string> content = std::make_shared<std::string>();
+    // Set under the lock when a reader or a copy is given `content`; the next write copies it
+    // first. A flag and not use_count(): a reader's release would not order its reads before
+    // the writer's changes.
+    bool contentShared = false;
     std::map<std::u16string, std::shared_ptr<Node>> children;
 };
 
@@ -43,6 +49,14 @@ void touch(Node& node) {
         now = node.modified + boost::posix_time::microseconds(1);
     }
     node.modified = now;
+}
+
+// Marks a node taken out of the tree, with everything below it.
+void markRemoved(Node& node) {
+    node.removed = true;
+    for (auto& [name, child] : node.children) {
+        markRemoved(*child);
+    }
 }
 
 // Reads a published content snapshot; seekable within it.
@@ -74,44 +88,78 @@ private:
     std::shared_ptr<std::string const> content_;
 };
 
-// Collects written bytes and publishes them as the file's content at every sync.
-class PublishingBuffer : public std::stringbuf {
+// Writes through to the node's content at every write, under the tree's lock. Refuses a
+// write to a file that was removed (it could never be read) or made read-only meanwhile.
+class NodeWriter : public provider::OutputBuffer {
 public:
-    PublishingBuffer(std::shared_ptr<Tree> tree, std::shared_ptr<Node> node, std::string const& initial,
-                     std::ios_base::openmode mode)
-        : std::stringbuf(initial, mode & ~std::ios_base::app), tree_(std::move(tree)), node_(std::move(node)),
+    NodeWriter(std::shared_ptr<Tree> tree, std::shared_ptr<Node> node, AbsoluteIRI iri, std::ios_base::openmode mode)
+        : tree_(std::move(tree)), node_(std::move(node)), iri_(std::move(iri)),
           append_((mode & std::ios_base::app) != 0) {
         if (append_ || (mode & std::ios_base::ate)) {
-            std::stringbuf::seekoff(0, std::ios_base::end, std::ios_base::out);
+            position_ = node_->content->size();
         }
     }
 
+    void close() override {}
+
 protected:
-    int sync() override {
-        auto content = std::make_shared<std::string const>(str());
+    std::streamsize xsputn(char const* data, std::streamsize size) override {
         std::lock_guard<std::mutex> lock(tree_->mutex);
-        node_->content = std::move(content);
+        if (node_->removed) {
+            throw Exception(ErrorCode::NotFound, iri_, "the file was removed while open for writing");
+        }
+        if (node_->readOnly) {
+            throw Exception(ErrorCode::PermissionDenied, iri_, "the file was made read-only while open for writing");
+        }
+        if (node_->contentShared) {
+            node_->content = std::make_shared<std::string>(*node_->content);
+            node_->contentShared = false;
+        }
+        std::string& content = *node_->content;
+        if (append_) {
+            position_ = content.size();
+        }
+        std::size_t const count = static_cast<std::size_t>(size);
+        if (content.size() < position_ + count) {
+            content.resize(position_ + count);
+        }
+        content.replace(position_, count, data, count);
+        position_ += count;
         touch(*node_);
-        return 0;
+        return size;
     }
-    // Appending writes always go to the end: moving the output position is refused.
+    int_type overflow(int_type c) override {
+        if (!traits_type::eq_int_type(c, traits_type::eof())) {
+            char const byte = traits_type::to_char_type(c);
+            xsputn(&byte, 1);
+        }
+        return traits_type::not_eof(c);
+    }
+    // Within the content only. Appending writes always go to the end: only telling is allowed.
     pos_type seekoff(off_type offset, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
-        if (append_ && (which & std::ios_base::out)) {
+        if (!(which & std::ios_base::out) || (append_ && !(offset == 0 && dir == std::ios_base::cur))) {
             return pos_type(off_type(-1));
         }
-        return std::stringbuf::seekoff(offset, dir, which);
+        std::lock_guard<std::mutex> lock(tree_->mutex);
+        off_type const size = static_cast<off_type>(node_->content->size());
+        off_type const base = dir == std::ios_base::beg ? 0 : dir == std::ios_base::cur ? static_cast<off_type>(position_) : size;
+        off_type const target = base + offset;
+        if (target < 0 || target > size) {
+            return pos_type(off_type(-1));
+        }
+        position_ = static_cast<std::size_t>(target);
+        return pos_type(target);
     }
     pos_type seekpos(pos_type pos, std::ios_base::openmode which) override {
-        if (append_ && (which & std::ios_base::out)) {
-            return pos_type(off_type(-1));
-        }
-        return std::stringbuf::seekpos(pos, which);
+        return seekoff(off_type(pos), std::ios_base::beg, which);
     }
 
 private:
     std::shared_ptr<Tree> tree_;
     std::shared_ptr<Node> node_;
+    AbsoluteIRI iri_;
     bool append_;
+    std::size_t position_ = 0;
 };
 
 class MemoryProvider final : public provider::StorageProvider {
@@ -182,7 +230,7 @@ public:
     void removeFile(AbsoluteIRI const& iri) override {
         Lock lock(tree_->mutex);
         existingFile(iri);
-        detach(iri);
+        markRemoved(*detach(iri));
     }
 
     void removeEmptyFolder(AbsoluteIRI const& iri) override {
@@ -190,13 +238,13 @@ public:
         if (!existingFolder(iri).children.empty()) {
             throw Exception(ErrorCode::DirectoryNotEmpty, iri);
         }
-        detach(iri);
+        markRemoved(*detach(iri));
     }
 
     void removeTree(AbsoluteIRI const& iri) override {
         Lock lock(tree_->mutex);
         existingFolder(iri);
-        detach(iri);
+        markRemoved(*detach(iri));
     }
 
     void rename(AbsoluteIRI const& from, AbsoluteIRI const& to) override {
@@ -204,10 +252,14 @@ public:
         Node& target = changeableParent(to);
         auto place = target.children.find(to.getName());
         if (place != target.children.end() && place->second->folder) {
-            throw Exception(ErrorCode::FileExists, to);
+            throw Exception(ErrorCode::FileExists, to, "a folder cannot be replaced by a file");
         }
         std::shared_ptr<Node> node = detach(from);
-        target.children[to.getName()] = std::move(node);
+        std::shared_ptr<Node>& slot = target.children[to.getName()];
+        if (slot) {
+            markRemoved(*slot);
+        }
+        slot = std::move(node);
         touch(target);
     }
 
@@ -217,10 +269,11 @@ public:
         if (node == nullptr || node->folder) {
             return nullptr;
         }
+        node->contentShared = true;
         return std::make_unique<SnapshotBuffer>(node->content);
     }
 
-    std::unique_ptr<std::streambuf> openOutput(AbsoluteIRI const& iri, std::ios_base::openmode mode) override {
+    std::unique_ptr<provider::OutputBuffer> openOutput(AbsoluteIRI const& iri, std::ios_base::openmode mode) override {
         bool const keep = (mode & std::ios_base::in) && !(mode & std::ios_base::trunc) && !(mode & std::ios_base::app);
         bool const truncate = !keep && !(mode & std::ios_base::app);
         Lock lock(tree_->mutex);
@@ -250,22 +303,26 @@ public:
                 throw Exception(ErrorCode::PermissionDenied, iri);
             }
             if (truncate && !node->content->empty()) {
-                node->content = std::make_shared<std::string const>();
+                node->content = std::make_shared<std::string>();
+                node->contentShared = false;
                 touch(*node);
             }
         }
-        std::string initial = truncate ? std::string() : *node->content;
-        return std::make_unique<PublishingBuffer>(tree_, node, initial, mode | std::ios_base::out);
+        return std::make_unique<NodeWriter>(tree_, node, iri, mode);
     }
 
     void copyFile(AbsoluteIRI const& from, AbsoluteIRI const& to) override {
         Lock lock(tree_->mutex);
         Node& source = existingFile(from);
         Node& parent = changeableParent(to);
-        auto copy = std::make_shared<Node>(false);
-        copy->content = source.content;  // immutable: sharing is copying
-        touch(*copy);
-        parent.children[to.getName()] = std::move(copy);
+        auto [place, added] = parent.children.emplace(to.getName(), nullptr);
+        if (!added) {
+            throw Exception(ErrorCode::FileExists, to);
+        }
+        place->second = std::make_shared<Node>(false);
+        place->second->content = source.content;  // shared until either side writes: copy on write
+        place->second->contentShared = source.contentShared = true;
+        touch(*place->second);
         touch(parent);
     }
 

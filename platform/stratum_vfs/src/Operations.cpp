@@ -6,6 +6,8 @@
 
 #include "Providers.hpp"
 
+#include <random>
+
 namespace stratum::storage::vfs {
 
 namespace {
@@ -75,6 +77,55 @@ void copyItem(Place const& source, ItemKind kind, Place const& destination) {
     }
 }
 
+// A name that is free now in `place`'s folder, hidden and unguessable, for a file to be
+// renamed over `place`.
+Place freshNameBeside(Place const& place) {
+    thread_local std::mt19937_64 random{std::random_device{}()};
+    static char16_t const digits[] = u"0123456789abcdef";
+    while (true) {
+        std::u16string name = u".copy-";
+        for (std::uint64_t bits = random(), i = 0; i < 16; ++i, bits >>= 4) {
+            name += digits[bits & 15];
+        }
+        Place fresh{place.iri.getParent().getChild(name + u".tmp"), place.provider};
+        if (fresh.provider->getKind(fresh.iri) == provider::NoItem) {
+            return fresh;
+        }
+    }
+}
+
+// Puts a copy of the file `source` at `destination` without ever writing into what is there:
+// the copy is made under a fresh name beside it and renamed over it, so an existing file is
+// replaced as a whole (a hard link to it keeps the old content) and only by complete, durable
+// data. A failure leaves `destination` as it was and removes the fresh name.
+// With `DoNotReplace` the caller checked that nothing is there; a file created by someone
+// else between that check and the rename is replaced.
+void copyFileOver(Place const& source, Place const& destination) {
+    Place const fresh = freshNameBeside(destination);
+    try {
+        copyItem(source, provider::FileItem, fresh);
+        destination.provider->rename(fresh.iri, destination.iri);
+    } catch (...) {
+        try {
+            if (fresh.provider->getKind(fresh.iri) == provider::FileItem) {
+                fresh.provider->removeFile(fresh.iri);
+            }
+        } catch (...) {
+            // The copy's own failure is what the caller must see; a hidden leftover is the
+            // lesser matter.
+        }
+        throw;
+    }
+}
+
+// A file never takes the place of a folder (as rename(2) refuses with EISDIR): nothing in
+// the folder may be lost to a copy or move of a file.
+void refuseFileOverFolder(ItemKind kind, Place const& destination, ItemKind destinationKind) {
+    if (kind == provider::FileItem && destinationKind == provider::FolderItem) {
+        throw Exception(ErrorCode::FileExists, destination.iri, "a folder cannot be replaced by a file");
+    }
+}
+
 // The checks copy and move share. Returns false when source and destination are the same
 // item (nothing to do); throws for overlapping trees.
 bool checkPair(Place const& source, ItemKind kind, Place const& destination, ItemKind destinationKind) {
@@ -133,13 +184,18 @@ void copy(FileOrFolder const& source, FileOrFolder const& destination, provider:
         }
         return;
     }
+    if (destinationKind != provider::NoItem && policy != provider::Replace) {
+        throw Exception(ErrorCode::FileExists, to.iri);
+    }
+    refuseFileOverFolder(kind, to, destinationKind);
+    requireParentFolder(to);
+    if (kind == provider::FileItem) {
+        copyFileOver(from, to);
+        return;
+    }
     if (destinationKind != provider::NoItem) {
-        if (policy != provider::Replace) {
-            throw Exception(ErrorCode::FileExists, to.iri);
-        }
         removeExisting(to, destinationKind);
     }
-    requireParentFolder(to);
     copyItem(from, kind, to);
 }
 
@@ -155,18 +211,20 @@ void move(FileOrFolder const& source, FileOrFolder const& destination, provider:
         return;
     }
     bool const sameProvider = from.provider == to.provider;
-    if (destinationKind != provider::NoItem) {
-        if (policy != provider::Replace) {
-            throw Exception(ErrorCode::FileExists, to.iri);
-        }
-        // A file over a file is left to the rename, which replaces it in one step.
-        if (!(sameProvider && kind == provider::FileItem && destinationKind == provider::FileItem)) {
-            removeExisting(to, destinationKind);
-        }
+    if (destinationKind != provider::NoItem && policy != provider::Replace) {
+        throw Exception(ErrorCode::FileExists, to.iri);
     }
+    refuseFileOverFolder(kind, to, destinationKind);
     requireParentFolder(to);
+    // A file over a file is left to the rename or the copy, which replace it in one step.
+    if (kind == provider::FolderItem && destinationKind != provider::NoItem) {
+        removeExisting(to, destinationKind);
+    }
     if (sameProvider) {
         from.provider->rename(from.iri, to.iri);
+    } else if (kind == provider::FileItem) {
+        copyFileOver(from, to);
+        removeExisting(from, kind);
     } else {
         copyItem(from, kind, to);
         removeExisting(from, kind);

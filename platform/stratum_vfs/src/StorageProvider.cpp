@@ -39,20 +39,28 @@ void streamFile(provider::StorageProvider& source, AbsoluteIRI const& from, prov
     if (!input) {
         throw Exception(ErrorCode::NotFound, from);
     }
-    std::unique_ptr<std::streambuf> output =
-        target.openOutput(to, std::ios_base::out | std::ios_base::trunc | std::ios_base::binary);
-    std::vector<char> chunk(64 * 1024);
-    while (true) {
-        std::streamsize got = input->sgetn(chunk.data(), static_cast<std::streamsize>(chunk.size()));
-        if (got <= 0) {
-            break;
-        }
-        if (output->sputn(chunk.data(), got) != got) {
-            throw Exception(ErrorCode::IOError, to, "writing the copy failed");
-        }
+    if (target.getKind(to) != provider::NoItem) {
+        throw Exception(ErrorCode::FileExists, to);
     }
-    if (output->pubsync() != 0) {
-        throw Exception(ErrorCode::IOError, to, "publishing the copy failed");
+    std::unique_ptr<provider::OutputBuffer> output =
+        target.openOutput(to, std::ios_base::out | std::ios_base::trunc | std::ios_base::binary);
+    try {
+        std::vector<char> chunk(64 * 1024);
+        for (std::streamsize got; (got = input->sgetn(chunk.data(), static_cast<std::streamsize>(chunk.size()))) > 0;) {
+            if (output->sputn(chunk.data(), got) != got) {
+                throw Exception(ErrorCode::IOError, to, "writing the copy failed");
+            }
+        }
+        output->close();
+    } catch (...) {
+        output.reset();
+        try {
+            target.removeFile(to);
+        } catch (...) {
+            // The copy's own failure is what the caller must see; a partial file left at a
+            // name this call created is the lesser matter.
+        }
+        throw;
     }
 }
 

@@ -31,6 +31,73 @@ void detachBuffer(std::ios& stream, std::unique_ptr<std::streambuf>& closed) {
 
 } // namespace
 
+namespace detail {
+
+// Stands between the stream and the provider's buffer: holds no bytes, passes each operation
+// on at once, turns a short count into a failure and lets the stream's failure handler act on
+// the exception in flight before it leaves the operation.
+class WriteThroughBuffer : public std::streambuf {
+public:
+    WriteThroughBuffer(std::unique_ptr<provider::OutputBuffer> storage, AbsoluteIRI iri,
+                       ofstream::FailureHandler onFailure)
+        : storage_(std::move(storage)), iri_(std::move(iri)), onFailure_(std::move(onFailure)) {}
+
+    void close() {
+        guarded([&] { storage_->close(); });
+    }
+
+protected:
+    std::streamsize xsputn(char const* data, std::streamsize size) override {
+        return guarded([&] {
+            if (storage_->sputn(data, size) != size) {
+                throw Exception(ErrorCode::IOError, iri_, "the storage took only part of a write");
+            }
+            return size;
+        });
+    }
+    int_type overflow(int_type c) override {
+        if (traits_type::eq_int_type(c, traits_type::eof())) {
+            return traits_type::not_eof(c);
+        }
+        char const byte = traits_type::to_char_type(c);
+        xsputn(&byte, 1);
+        return c;
+    }
+    int sync() override {
+        return guarded([&] {
+            if (storage_->pubsync() != 0) {
+                throw Exception(ErrorCode::IOError, iri_, "the storage refused a flush");
+            }
+            return 0;
+        });
+    }
+    pos_type seekoff(off_type offset, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
+        return storage_->pubseekoff(offset, dir, which);
+    }
+    pos_type seekpos(pos_type pos, std::ios_base::openmode which) override {
+        return storage_->pubseekpos(pos, which);
+    }
+
+private:
+    template <class Work>
+    auto guarded(Work&& work) -> decltype(work()) {
+        try {
+            return work();
+        } catch (...) {
+            if (onFailure_) {
+                onFailure_();
+            }
+            throw;
+        }
+    }
+
+    std::unique_ptr<provider::OutputBuffer> storage_;
+    AbsoluteIRI iri_;
+    ofstream::FailureHandler onFailure_;
+};
+
+} // namespace detail
+
 ifstream::ifstream(File const& file, unsigned mode) : std::istream(nullptr), file_(file) {
     bool const valid = !(mode & OpenMode::Truncate) ||
                        ((mode & OpenMode::Out) && !(mode & OpenMode::Append));
@@ -59,7 +126,8 @@ void ifstream::close() {
     }
 }
 
-ofstream::ofstream(File const& file, unsigned mode) : std::ostream(nullptr), file_(file) {
+ofstream::ofstream(File const& file, unsigned mode, FailureHandler onFailure)
+    : std::ostream(nullptr), file_(file) {
     AbsoluteIRI const& iri = file_.getIRI();
     auto provider = file_.getStorageSystem().getProvider(iri.getScheme());
     std::ios_base::openmode openMode = toOpenMode(mode) | std::ios_base::out;
@@ -86,17 +154,15 @@ ofstream::ofstream(File const& file, unsigned mode) : std::ostream(nullptr), fil
             return;
         }
     }
-    buffer_ = provider->openOutput(iri, openMode);
+    buffer_ = std::make_unique<detail::WriteThroughBuffer>(provider->openOutput(iri, openMode), iri,
+                                                           std::move(onFailure));
     rdbuf(buffer_.get());
+    exceptions(std::ios_base::badbit);
 }
 
-ofstream::~ofstream() {
-    try {
-        close();
-    } catch (...) {
-        // A destructor must not throw; the failure was the writer's to see at flush.
-    }
-}
+// The provider's buffer releases the file without reporting: every byte reached the storage
+// at its write, so only the release itself can fail here, and close() is there to see that.
+ofstream::~ofstream() = default;
 
 bool ofstream::is_open() const { return buffer_ != nullptr; }
 
@@ -104,11 +170,14 @@ void ofstream::close() {
     if (!buffer_) {
         return;
     }
-    bool const published = buffer_->pubsync() == 0;
+    std::unique_ptr<detail::WriteThroughBuffer> buffer = std::move(buffer_);
+    exceptions(std::ios_base::goodbit);
     detachBuffer(*this, closed_);
-    buffer_.reset();
-    if (!published) {
+    try {
+        buffer->close();
+    } catch (...) {
         setstate(std::ios_base::badbit);
+        throw;
     }
 }
 

@@ -28,14 +28,17 @@ TEST(MemoryProvider, ReadersKeepTheSnapshotTheyOpened) {
     vfs::ifstream early(file);
     vfs::ofstream writer(file, vfs::OpenMode::In | vfs::OpenMode::Out);
     writer << "SECOND";
-    writer.flush();
     EXPECT_EQ(std::string((std::istreambuf_iterator<char>(early)), std::istreambuf_iterator<char>()), "first");
-    EXPECT_EQ(readFile(file), "SECOND");
-    // A writer whose file was removed publishes nowhere: nothing comes back.
+    EXPECT_EQ(readFile(file), "SECOND");  // written through, no flush needed
+    // A write the storage refuses throws from that write: a file made read-only meanwhile,
+    // and one removed meanwhile (its bytes could never be read again).
+    vfs::setWritable(file, false);
+    EXPECT_EQ(errorOf([&] { writer << "!"; }), ErrorCode::PermissionDenied);
+    EXPECT_TRUE(writer.bad());
+    vfs::setWritable(file, true);
+    vfs::ofstream orphan(file, vfs::OpenMode::Append);
     vfs::remove(file, vfs::RemoveFileOrEmptyFolder);
-    writer << "!";
-    writer.close();
-    EXPECT_FALSE(writer.bad());
+    EXPECT_EQ(errorOf([&] { orphan.write("!", 1); }), ErrorCode::NotFound);
     EXPECT_EQ(vfs::exists(file.getIRI(), storage), provider::NoItem);
 }
 
@@ -71,7 +74,7 @@ public:
     void removeEmptyFolder(AbsoluteIRI const& iri) override { inner_->removeEmptyFolder(iri); }
     void rename(AbsoluteIRI const& from, AbsoluteIRI const& to) override { inner_->rename(from, to); }
     std::unique_ptr<std::streambuf> openInput(AbsoluteIRI const& iri) override { return inner_->openInput(iri); }
-    std::unique_ptr<std::streambuf> openOutput(AbsoluteIRI const& iri, std::ios_base::openmode mode) override {
+    std::unique_ptr<provider::OutputBuffer> openOutput(AbsoluteIRI const& iri, std::ios_base::openmode mode) override {
         if (++opened == failAt_) throw vfs::Exception(ErrorCode::NoSpace, iri);
         return inner_->openOutput(iri, mode);
     }

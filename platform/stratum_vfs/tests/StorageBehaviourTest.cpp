@@ -5,8 +5,14 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <boost/date_time/posix_time/posix_time.hpp>
 
+#include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <random>
@@ -216,14 +222,13 @@ TEST_P(StorageBehaviour, InputModesOpenLikeStandardFileStreamsButNeverWrite) {
     std::filesystem::remove(host);
 }
 
-TEST_P(StorageBehaviour, WritesBecomeVisibleAtFlushAndClose) {
+TEST_P(StorageBehaviour, WritesGoThroughAtOnce) {
     write(u"visible", "old");
     vfs::ofstream out(world().file(u"visible"), Out | Binary);
     out << "new content";
-    EXPECT_EQ(read(u"visible"), "");  // truncated at open, nothing published yet
-    out.flush();
     EXPECT_EQ(read(u"visible"), "new content");
     EXPECT_EQ(world().file(u"visible").getAttributes().getSize(), 11U);
+    EXPECT_EQ(out.tellp(), std::streampos(11));
     out << "!";
     out.close();
     EXPECT_EQ(read(u"visible"), "new content!");
@@ -314,6 +319,15 @@ TEST_P(StorageBehaviour, CopyAndMoveFilesWithEachPolicy) {
     EXPECT_EQ(errorOf([&] { vfs::move(world().file(u"b"), world().file(u"c"), Replace); }), ErrorCode::NotFound);
     EXPECT_EQ(errorOf([&] { vfs::move(item(u"d/b 2"), world().file(u"none/c"), Replace); }), ErrorCode::NotFound);
     EXPECT_EQ(read(u"d/b 2"), "source");
+    // A file never replaces a folder, empty or not, and nothing in it is lost.
+    world().folder(u"empty").createFolder();
+    for (std::u16string folder : {u"d", u"empty"}) {
+        EXPECT_EQ(errorOf([&] { vfs::copy(item(u"src"), world().file(folder), Replace); }), ErrorCode::FileExists);
+        EXPECT_EQ(errorOf([&] { vfs::move(item(u"src"), world().file(folder), Replace); }), ErrorCode::FileExists);
+        EXPECT_EQ(kind(folder), provider::FolderItem);
+    }
+    EXPECT_EQ(read(u"d/b 2"), "source");
+    EXPECT_EQ(read(u"src"), "source");
 }
 
 TEST_P(StorageBehaviour, CopyAndMoveTrees) {
@@ -365,6 +379,64 @@ TEST_P(StorageBehaviour, RemoveWithEachPolicy) {
 
 INSTANTIATE_TEST_SUITE_P(Providers, StorageBehaviour, ::testing::Values(&makeFileWorld, &makeMemoryWorld),
                          [](auto const& info) { return info.index == 0 ? "file" : "memory"; });
+
+// What only the `file` provider can show: a host that refuses a write, hard links, modes.
+TEST(FileProvider, ARefusedWriteThrowsFromThatWriteAndAFailedCopyKeepsTheDestination) {
+    auto world = makeFileWorld();
+    writeFile(world->file(u"large"), std::string(100000, 'l'));
+    writeFile(world->file(u"small"), "old");
+    vfs::ofstream out(world->file(u"grows"));
+    std::string const block(16384, 'b');
+    // Run in a child limited to 64 KiB per file (SIGXFSZ ignored, so writes fail with EFBIG).
+    auto limited = [&] {
+        rlimit const limit{65536, 65536};
+        std::signal(SIGXFSZ, SIG_IGN);
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        int blocks = 0;
+        try {
+            for (; blocks < 8; ++blocks) out.write(block.data(), block.size());
+        } catch (vfs::Exception const& e) {
+            if (e.getErrorCode() != ErrorCode::FileTooLarge) std::_Exit(2);
+        }
+        if (blocks != 4 || !out.bad()) std::_Exit(3);
+        auto large = vfs::makeFileOrFolder(world->at(u"large"), world->storage());
+        if (errorOf([&] { vfs::copy(large, world->file(u"small"), Replace); }) != ErrorCode::FileTooLarge) std::_Exit(4);
+        std::_Exit(readFile(world->file(u"small")) == "old" && world->folder(u"").listAll(u"").size() == 3 ? 0 : 5);
+    };
+    EXPECT_EXIT(limited(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST(FileProvider, ReplacingNeverWritesIntoALinkedFileNorWidensItsMode) {
+    auto world = makeFileWorld();
+    std::string const host = u8(world->root().getPath()) + "/";
+    auto mode = [&](char const* name) {
+        struct stat st {};
+        EXPECT_EQ(::stat((host + name).c_str(), &st), 0) << name;
+        return st.st_mode & 07777;
+    };
+    auto item = [&](std::u16string const& name) { return vfs::makeFileOrFolder(world->at(name), world->storage()); };
+    writeFile(world->file(u"outside"), "kept");
+    writeFile(world->file(u"new"), "new");
+    ::chmod((host + "outside").c_str(), 0600);
+    ::chmod((host + "new").c_str(), 0644);
+    ASSERT_EQ(::link((host + "outside").c_str(), (host + "planted").c_str()), 0);
+    vfs::copy(item(u"new"), world->file(u"planted"), Replace);
+    EXPECT_EQ(readFile(world->file(u"planted")), "new");
+    EXPECT_EQ(readFile(world->file(u"outside")), "kept");
+    EXPECT_EQ(mode("planted"), 0600U);
+    // Writability moves the write bits only.
+    ::chmod((host + "planted").c_str(), 0660);
+    vfs::setWritable(world->file(u"planted"), false);
+    EXPECT_EQ(mode("planted"), 0440U);
+    vfs::setWritable(world->file(u"planted"), true);
+    EXPECT_EQ(mode("planted"), 0640U);
+    ::chmod((host + "planted").c_str(), 0600);
+    vfs::setWritable(world->file(u"planted"), true);
+    EXPECT_EQ(mode("planted"), 0600U);
+    vfs::move(item(u"new"), world->file(u"planted"), Replace);
+    EXPECT_EQ(mode("planted"), 0600U);
+    EXPECT_EQ(readFile(world->file(u"planted")), "new");
+}
 
 } // namespace
 } // namespace stratum::test

@@ -1,29 +1,29 @@
-// Changes: permissions, times, folder and link creation, rename, remove.
+// Changes: permissions, times, folder and link creation, removal.
 #include "sys.hpp"
 
 #include <vela/filesystem/operations.hpp>
 
 #include <fcntl.h>
-#include <stdio.h>
 
 namespace vela::filesystem {
 
 void permissions(path const& p, std::uint32_t bits) {
     std::string const access = p.access_form();
     auto const mode = static_cast<mode_t>(bits & file_status::perms_all);
-    if (!(bits & file_status::perms_symlink)) {
-        if (::chmod(access.c_str(), mode) != 0)
-            sys::fail(p);
-        return;
-    }
+    bool const itself = bits & file_status::perms_symlink;
     // Linux has no mode on links: fchmodat refuses AT_SYMLINK_NOFOLLOW with ENOTSUP, whatever
     // the target. Look first, so that anything but a link still gets the plain chmod.
     struct stat st;
-    if (::lstat(access.c_str(), &st) != 0)
+    if ((itself ? ::lstat(access.c_str(), &st) : ::stat(access.c_str(), &st)) != 0)
         sys::fail(p);
-    if (S_ISLNK(st.st_mode))
+    if (itself && S_ISLNK(st.st_mode))
         throw InvalidOperation("vela:filesystem:InvalidOperation",
                                "The permissions of a symbolic link itself cannot be changed on this host", p.native());
+    // A value read from a link names no mode (a link's bits read 0777 and mean nothing); set on
+    // a file or folder it would grant everyone everything, so there is nothing to apply. The
+    // path was checked above, so a missing one is still reported.
+    if (bits & file_status::link_perms)
+        return;
     if (::fchmodat(AT_FDCWD, access.c_str(), mode, 0) != 0)
         sys::fail(p);
 }
@@ -88,48 +88,6 @@ void create_symlink(path const& target, path const& link, std::uint32_t /*type_h
 }
 
 void copy_symlink(path const& from, path const& to) { create_symlink(read_symlink(from), to); }
-
-namespace {
-
-void copy_then_remove(path const& from, path const& to) {
-    file_status const st = symlink_status(from);
-    if (st.type() == file_status::symlink_file)
-        copy_symlink(from, to);
-    else if (st.type() == file_status::regular_file) {
-        if (exists(to))
-            remove(to);
-        copy_file(from, to, copy_option::fail_if_exists);
-    } else
-        throw_from_errno(EXDEV, from.native());
-    remove(from);
-}
-
-} // namespace
-
-void rename(path const& from, path const& to, rename_options options) {
-    std::string const from_access = from.access_form();
-    std::string const to_access = to.access_form();
-    int const result = options.no_replace
-                           ? ::renameat2(AT_FDCWD, from_access.c_str(), AT_FDCWD, to_access.c_str(), RENAME_NOREPLACE)
-                           : ::rename(from_access.c_str(), to_access.c_str());
-    if (result != 0) {
-        int const error = errno;
-        if (error == EXDEV && options.allow_copy) {
-            if (options.no_replace && exists(to))
-                throw_from_errno(EEXIST, to.native());
-            copy_then_remove(from, to);
-        } else {
-            // Tell which side was at fault where the error says so.
-            throw_from_errno(error, (error == EEXIST || error == EISDIR || error == ENOTEMPTY) ? to.native()
-                                                                                                : from.native());
-        }
-    }
-    std::string const to_folder = sys::folder_of(to_access);
-    std::string const from_folder = sys::folder_of(from_access);
-    sys::sync_folder(to_folder);
-    if (from_folder != to_folder)
-        sys::sync_folder(from_folder);
-}
 
 void remove(path const& p) {
     std::string const access = p.access_form();

@@ -54,9 +54,29 @@ int copy_content(int in, int out) {
     }
 }
 
-} // namespace
+// Fills the new, empty `out` with all of `in`, gives it `mode`, flushes and closes it. On
+// failure removes `out_access` (a file this copy created) and throws about `to`.
+void fill_new_file(int in, sys::fd out, mode_t mode, std::string const& out_access, path const& to) {
+    int error = copy_content(in, out.get());
+    // A file is created with the mode less the umask: set it again in full.
+    if (error == 0 && ::fchmod(out.get(), mode) != 0)
+        error = errno;
+    if (error == 0 && ::fdatasync(out.get()) != 0)
+        error = errno;
+    if (error == 0 && ::close(out.release()) != 0)
+        error = errno;
+    if (error != 0) {
+        out.reset();
+        // Best effort: the copy's own failure is the one to report, and a half-written file
+        // of ours that cannot be removed is only litter (never at the destination's name).
+        ::unlink(out_access.c_str());
+        throw_from_errno(error, to.native());
+    }
+}
 
-void copy_file(path const& from, path const& to, copy_option option) {
+// The copy of one regular file; `sync_new_name` false leaves the folder sync to the caller
+// (a tree copy syncs each folder once).
+void copy_regular(path const& from, path const& to, copy_option option, bool sync_new_name) {
     std::string const from_access = from.access_form();
     std::string const to_access = to.access_form();
 
@@ -68,37 +88,46 @@ void copy_file(path const& from, path const& to, copy_option option) {
         sys::fail(from);
     if (S_ISDIR(st.st_mode))
         throw_from_errno(EISDIR, from.native());
-
     mode_t const mode = st.st_mode & 07777;
-    int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
-    bool created = true;
-    sys::fd out(sys::retry([&] { return ::open(to_access.c_str(), flags | O_EXCL, mode); }));
-    if (!out && errno == EEXIST && option == copy_option::overwrite_if_exists) {
-        created = false;
-        out.reset(sys::retry([&] { return ::open(to_access.c_str(), flags | O_TRUNC, mode); }));
-    }
-    if (!out) {
-        // O_NOFOLLOW on a final link gives ELOOP: to the caller that is "something is there".
-        int const error = errno == ELOOP ? EEXIST : errno;
-        throw_from_errno(error, to.native());
-    }
 
-    int error = copy_content(in.get(), out.get());
-    // The mode of a file that existed before is set like cp does; a new one got it at open
-    // (less the umask), so set it again in full.
-    if (error == 0 && ::fchmod(out.get(), mode) != 0)
-        error = errno;
-    if (error == 0 && ::fdatasync(out.get()) != 0)
-        error = errno;
-    if (error != 0) {
-        out.reset();
-        if (created)
-            ::unlink(to_access.c_str());
-        throw_from_errno(error, to.native());
+    sys::fd out(sys::retry(
+        [&] { return ::open(to_access.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode); }));
+    if (out) {
+        fill_new_file(in.get(), std::move(out), mode, to_access, to);
+        try {
+            if (sync_new_name)
+                sys::sync_folder(sys::folder_of(to_access));
+        } catch (...) {
+            ::unlink(to_access.c_str()); // ours, and not durable: the sync's failure is the report
+            throw;
+        }
+        return;
     }
-    if (::close(out.release()) != 0)
+    if (errno != EEXIST || option != copy_option::overwrite_if_exists)
         throw_from_errno(errno, to.native());
+
+    // Never into the existing file: a hard link to it elsewhere would change too, and readers
+    // would see it half written. A link there is refused (O_NOFOLLOW would only have said
+    // ELOOP); a folder is not a file to overwrite.
+    struct stat existing;
+    if (::lstat(to_access.c_str(), &existing) == 0 && !S_ISREG(existing.st_mode))
+        throw_from_errno(S_ISDIR(existing.st_mode) ? EISDIR : EEXIST, to.native());
+    std::string hidden;
+    fill_new_file(in.get(), sys::create_beside(to_access, hidden), mode, hidden, to);
+    try {
+        sys::placement how;
+        how.sync_data = false; // just done
+        how.narrow = false;    // a copy takes the source's bits
+        sys::move_into_place(hidden, to_access, detail::from_filesystem(hidden), to.native(), how);
+    } catch (...) {
+        ::unlink(hidden.c_str()); // as above: the failure to report is the rename's
+        throw;
+    }
 }
+
+} // namespace
+
+void copy_file(path const& from, path const& to, copy_option option) { copy_regular(from, to, option, true); }
 
 void copy_directory(path const& from, path const& to) {
     std::string const from_access = from.access_form();
@@ -125,11 +154,12 @@ void copy_directory(path const& from, path const& to) {
         path const target = detail::concatenate_pathname(to, name);
         switch (it->status().type()) {
         case file_status::directory_file: copy_directory(source, target); break;
-        case file_status::regular_file: copy_file(source, target, copy_option::fail_if_exists); break;
+        case file_status::regular_file: copy_regular(source, target, copy_option::fail_if_exists, false); break;
         case file_status::symlink_file: copy_symlink(source, target); break;
         default: break; // fifos, sockets, devices are not copied
         }
     }
+    sys::sync_folder(to_access); // the names made in it, once
 }
 
 } // namespace vela::filesystem

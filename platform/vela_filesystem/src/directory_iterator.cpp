@@ -19,7 +19,7 @@ struct directory_iterator::state {
 
     ~state() {
         if (dir != nullptr)
-            ::closedir(dir);
+            ::closedir(dir); // a folder opened for reading: closing it cannot lose anything
     }
 };
 
@@ -137,7 +137,7 @@ directory_iterator& directory_iterator::operator++() {
         dirent const* d = ::readdir(s.dir);
         if (d == nullptr) {
             s.open = false;
-            ::closedir(s.dir);
+            ::closedir(s.dir); // as in ~state
             s.dir = nullptr;
             if (errno != 0)
                 throw_from_errno(errno, detail::from_filesystem(s.folder_access));

@@ -32,8 +32,10 @@ boost::posix_time::ptime modification_time(struct stat const& st) {
 }
 
 file_status status_of(struct stat const& st) {
-    return file_status(type_of_mode(st.st_mode), static_cast<std::uint32_t>(st.st_mode) & file_status::perms_all,
-                       modification_time(st), static_cast<std::uint64_t>(st.st_size));
+    std::uint32_t perms = static_cast<std::uint32_t>(st.st_mode) & file_status::perms_all;
+    if (S_ISLNK(st.st_mode))
+        perms |= file_status::link_perms;
+    return file_status(type_of_mode(st.st_mode), perms, modification_time(st), static_cast<std::uint64_t>(st.st_size));
 }
 
 void sync_folder(std::string const& folder_access) {

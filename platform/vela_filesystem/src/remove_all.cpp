@@ -14,6 +14,8 @@ namespace vela::filesystem {
 namespace {
 
 struct dir_closer {
+    // A folder opened for reading: closing it cannot lose anything, and the walk's own failures
+    // are what is reported.
     void operator()(DIR* d) const noexcept { ::closedir(d); }
 };
 

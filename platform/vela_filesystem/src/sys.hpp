@@ -74,4 +74,23 @@ void sync_folder(std::string const& folder_access);
 /// The folder part of an access-form path ("." for a bare name).
 std::string folder_of(std::string const& access);
 
+/// Creates a new empty file with mode 0600 under a fresh hidden name ("." + random + ".tmp")
+/// in the folder of `target_access`, exclusively and never through a link; returns it open
+/// for writing and its access-form name in `created`.
+fd create_beside(std::string const& target_access, std::string& created);
+
+/// How `move_into_place` treats the file it moves.
+struct placement {
+    bool replace = true;   ///< false: an existing destination fails with EEXIST
+    bool sync_data = true; ///< flush the moved file's data first (false when the caller just did)
+    bool narrow = true;    ///< give the moved file no permission bit that a replaced file lacked
+};
+
+/// The durable rename behind `rename` and the overwriting `copy_file`: data sync, rename,
+/// sync of the destination's folder and of the source's when it differs. A failure of any
+/// step throws and leaves the destination as it was (see rename.cpp for the one exception).
+/// `from` and `to` are access forms; `from_name` and `to_name` are used in reports.
+void move_into_place(std::string const& from, std::string const& to, std::u16string const& from_name,
+                     std::u16string const& to_name, placement how);
+
 } // namespace vela::filesystem::sys

@@ -1,4 +1,6 @@
 // Temporary names from getrandom, and exclusively created temporary files.
+#include "sys.hpp"
+
 #include <vela/filesystem/exceptions.hpp>
 #include <vela/filesystem/path.hpp>
 #include <vela/filesystem/temp.hpp>
@@ -70,7 +72,7 @@ std::FILE* tmpfile(std::u16string& name, std::u16string const& folder, std::u16s
         if (file == nullptr) {
             int const error = errno;
             ::close(fd);
-            ::unlink(access.c_str());
+            ::unlink(access.c_str()); // our own empty file; errno from fdopen is the report
             errno = error;
             return nullptr;
         }
@@ -80,5 +82,25 @@ std::FILE* tmpfile(std::u16string& name, std::u16string const& folder, std::u16s
     errno = EEXIST;
     return nullptr;
 }
+
+namespace sys {
+
+fd create_beside(std::string const& target_access, std::string& created) {
+    std::string const folder = folder_of(target_access) + "/.";
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        std::string const candidate = folder + detail::to_filesystem(random_part()) + ".tmp";
+        fd file(retry(
+            [&] { return ::open(candidate.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600); }));
+        if (file) {
+            created = candidate;
+            return file;
+        }
+        if (errno != EEXIST)
+            throw_from_errno(errno, detail::from_filesystem(target_access));
+    }
+    throw_from_errno(EEXIST, detail::from_filesystem(target_access));
+}
+
+} // namespace sys
 
 } // namespace vela::filesystem

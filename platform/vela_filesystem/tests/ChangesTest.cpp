@@ -7,6 +7,7 @@
 #include <vela/filesystem/operations.hpp>
 #include <vela/filesystem/temp.hpp>
 
+#include <cstdlib>
 #include <random>
 #include <set>
 
@@ -18,6 +19,33 @@ using vela_test::utf16;
 using vela_test::utf8;
 
 namespace {
+
+// When this variable is set ("rename" or "copy", then the two paths, each on its own line), the
+// test binary is the child that the durability test runs under strace: one call, then exit.
+char const* const traced_variable = "VELA_FS_TRACED_CHILD";
+
+struct TracedChild {
+    TracedChild() {
+        char const* job = std::getenv(traced_variable);
+        if (job == nullptr)
+            return;
+        std::istringstream lines(job);
+        std::string op, from, to;
+        std::getline(lines, op);
+        std::getline(lines, from);
+        std::getline(lines, to);
+        int status = 0;
+        try {
+            if (op == "rename")
+                vfs::rename(utf16(from), utf16(to));
+            else
+                vfs::copy_file(utf16(from), utf16(to), vfs::copy_option::overwrite_if_exists);
+        } catch (vfs::FsysExceptionBase const&) {
+            status = 3;
+        }
+        std::_Exit(status);
+    }
+} const traced_child;
 
 TEST(CopyFile, ContentModeAndExistingDestination) {
     Scratch s;
@@ -39,8 +67,10 @@ TEST(CopyFile, ContentModeAndExistingDestination) {
     ::chmod(s.at("a").c_str(), 0640);
     EXPECT_THROW(vfs::copy_file(s.u("a"), s.u("b"), 0), vfs::FileExistsError);
     EXPECT_EQ(read_all(s.at("b")), "old content that is longer");
+    ASSERT_EQ(::link(s.at("b").c_str(), s.at("b-hard").c_str()), 0); // overwriting replaces, never writes into
     vfs::copy_file(s.u("a"), s.u("b"), 1);
     EXPECT_EQ(read_all(s.at("b")), "new content");
+    EXPECT_EQ(read_all(s.at("b-hard")), "old content that is longer");
     EXPECT_EQ(mode_of(s.at("b")) & 0777, 0640u);
 
     // A link planted at the destination is never followed, with either option.
@@ -93,6 +123,16 @@ TEST(Changes, RenameCreateAndRemove) {
     vfs::rename(s.u("a"), s.u("b"));
     EXPECT_FALSE(vfs::exists(s.u("a")));
     EXPECT_EQ(read_all(s.at("b")), "A");
+    // The moved file never has a bit that the replaced file (or the one behind a link) lacked.
+    for (char const* target : {"private", "to-private"}) {
+        std::ofstream(s.at("private")) << "old";
+        std::ofstream(s.at("open")) << "new";
+        ::chmod(s.at("private").c_str(), 0600);
+        ::chmod(s.at("open").c_str(), 0644);
+        ::symlink("private", s.at("to-private").c_str());
+        vfs::rename(s.u("open"), s.u(target));
+        EXPECT_EQ(mode_of(s.at(target)), S_IFREG | 0600u) << target;
+    }
     vfs::rename_options keep;
     keep.no_replace = true;
     EXPECT_THROW(vfs::rename(s.u("c"), s.u("b"), keep), vfs::FileExistsError);
@@ -103,6 +143,8 @@ TEST(Changes, RenameCreateAndRemove) {
     EXPECT_THROW(vfs::rename(s.u("none"), s.u("x")), vfs::PathNotFound);
     vfs::create_directory(s.u("e"));
     EXPECT_THROW(vfs::rename(s.u("e"), s.u("d")), vfs::DirectoryNotEmpty);
+    EXPECT_THROW(vfs::rename(s.u("b"), s.u("d")), vfs::FileIsDirectory);
+    EXPECT_EQ(read_all(s.at("d/c")), "C");
 
     EXPECT_TRUE(vfs::create_directories(s.u("p/q/r/")));
     EXPECT_TRUE(S_ISDIR(mode_of(s.at("p/q/r"))));
@@ -122,6 +164,61 @@ TEST(Changes, RenameCreateAndRemove) {
     vfs::remove(s.u("e"));
     EXPECT_EQ(mode_of(s.at("b")) | mode_of(s.at("e")), 0u);
     EXPECT_THROW(vfs::remove(s.u("b")), vfs::PathNotFound);
+}
+
+int shell(std::string const& command) {
+    int const status = std::system(command.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Under strace: the moved file's data is synced before the rename and the folder after it; with
+// each of those steps (or the removal of the old content) failing in turn, the call fails and
+// the destination keeps its old content.
+TEST(Rename, DataThenNameThenFolderAndNothingChangedOnFailure) {
+    if (shell("strace -o /dev/null true >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "strace is missing or tracing is not permitted here";
+    Scratch s;
+    std::vector<char> self(4096);
+    ASSERT_GT(::readlink("/proc/self/exe", self.data(), self.size() - 1), 0);
+    for (char const* op : {"rename", "copy"}) {
+        for (char const* fault : {"", "fdatasync", "fsync", "unlink,unlinkat"}) {
+            SCOPED_TRACE(std::string(op) + " failing " + fault);
+            std::string const from = s.at("new"), to = s.at("target"), trace = s.at("trace");
+            std::ofstream(to) << "old";
+            std::ofstream(from) << "new";
+            std::string const inject = *fault ? std::string(" -e inject=") + fault + ":error=EIO" : "";
+            std::string const command = std::string(traced_variable) + "=\"$(printf '%s\\n%s\\n%s' " + op +
+                                        " '" + from + "' '" + to + "')\" strace -f -y -qq -o '" + trace +
+                                        "' -e trace=fdatasync,fsync,rename,renameat,renameat2,unlink,unlinkat" +
+                                        inject + " '" + self.data() + "' >/dev/null 2>&1";
+            int const status = shell(command);
+            if (*fault) {
+                EXPECT_EQ(status, 3);
+                EXPECT_EQ(read_all(to), "old");
+                continue;
+            }
+            ASSERT_EQ(status, 0) << command;
+            EXPECT_EQ(read_all(to), "new");
+            std::ifstream in(trace);
+            std::vector<std::string> lines;
+            for (std::string line; std::getline(in, line);)
+                if (line.size() > 4 && line.compare(line.size() - 4, 4, " = 0") == 0)
+                    lines.push_back(line);
+            // The first successful call at or after `start` whose line holds both pieces.
+            auto find = [&](std::string const& call, std::string const& piece, std::size_t start) {
+                for (std::size_t i = start; i < lines.size(); ++i)
+                    if (lines[i].find(call) != std::string::npos && lines[i].find(piece) != std::string::npos)
+                        return i;
+                return lines.size();
+            };
+            std::size_t const renamed = find("rename", ", \"" + to + "\"", 0);
+            ASSERT_LT(renamed, lines.size()) << "no rename onto the target";
+            std::string const moved = lines[renamed].substr(lines[renamed].find('"') + 1);
+            std::string const moved_path = moved.substr(0, moved.find('"'));
+            EXPECT_LT(find("fdatasync(", "<" + moved_path + ">)", 0), renamed) << moved_path << " not synced before";
+            EXPECT_LT(find("fsync(", "<" + s.dir() + ">)", renamed), lines.size()) << "folder not synced after";
+        }
+    }
 }
 
 TEST(RemoveAll, NeverFollowsALinkOutOfTheTree) {
@@ -218,17 +315,21 @@ TEST(Denied, UnreadableFolderFileAndStreamAsNobody) {
     ASSERT_EQ(::mkdir(s.at("closed").c_str(), 0700), 0);
     std::ofstream(s.at("secret")) << "x";
     ::chmod(s.at("secret").c_str(), 0600);
-    std::u16string const closed = s.u("closed"), secret = s.u("secret"), copy = s.u("copy");
+    ASSERT_EQ(::mkdir(s.at("kept").c_str(), 0755), 0); // nobody may list it, not empty it
+    std::ofstream(s.at("kept/f")) << "x";
+    std::u16string const closed = s.u("closed"), secret = s.u("secret"), copy = s.u("copy"), kept = s.u("kept"),
+                         kept_f = s.u("kept/f");
     using vela_test::thrown_path;
     int const failed = vela_test::as_nobody([&] { // a bit per failed check
         errno = 0;
         bool const stream_denied = vfs::ifstream(secret).fail() && errno == EACCES;
         return int(thrown_path<vfs::AccessDenied>([&] { vfs::directory_iterator it(closed); }) != closed) +
                2 * (thrown_path<vfs::AccessDenied>([&] { vfs::copy_file(secret, copy, 0); }) != secret) +
-               4 * !stream_denied;
+               4 * !stream_denied + 8 * (thrown_path<vfs::AccessDenied>([&] { vfs::remove_all(kept); }) != kept_f);
     });
     EXPECT_EQ(failed, 0);
     EXPECT_FALSE(vfs::exists(copy));
+    EXPECT_EQ(read_all(s.at("kept/f")), "x");
 }
 
 TEST(HostilePaths, ClearExceptionsAndNothingTouched) {

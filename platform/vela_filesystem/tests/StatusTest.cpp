@@ -51,7 +51,7 @@ TEST(Status, GeneratedTreeAgreesWithLstatAndStdFilesystem) {
             EXPECT_EQ(it->status().type(), type_of(st));
             for (FS const& status : {it->symlink_status(), vfs::symlink_status(it->full_pathname())}) {
                 EXPECT_EQ(status.type(), type_of(st));
-                EXPECT_EQ(status.permissions(), st.st_mode & 0777);
+                EXPECT_EQ(status.permissions(), (st.st_mode & 0777) | (S_ISLNK(st.st_mode) ? FS::link_perms : 0u));
                 EXPECT_EQ(status.size(), std::uint64_t(st.st_size));
                 EXPECT_EQ((status.last_write_time() - pt::from_time_t(0)).total_microseconds(),
                           st.st_mtim.tv_sec * 1000000LL + st.st_mtim.tv_nsec / 1000);
@@ -93,6 +93,11 @@ TEST(Status, LastWriteTimeAndPermissions) {
     vfs::permissions(s.u("link"), 0640);
     EXPECT_EQ(vfs::symlink_status(s.u("file")).permissions(), 0640u);
     EXPECT_THROW(vfs::permissions(s.u("link"), 0600 | FS::perms_symlink), vfs::InvalidOperation);
+    // A link's own bits (0777) are never applied as a mode to a file, directly or through the link.
+    std::uint32_t const of_link = vfs::symlink_status(s.u("link")).permissions();
+    vfs::permissions(s.u("file"), of_link);
+    vfs::permissions(s.u("file"), of_link | FS::perms_symlink);
+    vfs::permissions(s.u("link"), of_link);
     EXPECT_EQ(vfs::symlink_status(s.u("file")).permissions(), 0640u);
     EXPECT_THROW(vfs::permissions(s.u("none"), 0600), vfs::PathNotFound);
 }

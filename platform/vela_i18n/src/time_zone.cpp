@@ -11,6 +11,7 @@
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
 #include <cstdlib>
+#include <mutex>
 #include <stdexcept>
 
 namespace vela::i18n::time_zone {
@@ -23,6 +24,21 @@ struct timezone::impl {
 };
 
 namespace {
+
+/// Builds the Unicode library's shared zone state (the GMT and unknown zones, the open zone
+/// database) once per process, under the guard of a function-local static, before any zone
+/// is made. Left alone, the library builds it lazily behind its own once-flags, whose fast
+/// path a race detector cannot see; built here, every later use is ordered after it. A
+/// failure here is not reported: the lookup that follows meets it again and reports it.
+void prepare_zones() {
+    static bool const prepared = [] {
+        icu::TimeZone::getGMT();
+        icu::TimeZone::getUnknown();
+        delete icu::TimeZone::createTimeZone(icu::UnicodeString(u"Etc/UTC"));
+        return true;
+    }();
+    (void)prepared;
+}
 
 std::unique_ptr<icu::TimeZone> create_known(std::string const& id) {
     std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::createTimeZone(icu::UnicodeString::fromUTF8(id)));
@@ -57,7 +73,12 @@ std::unique_ptr<icu::TimeZone> create_local() {
         // Not an identifier (for example a POSIX rule string): let the library's host
         // detection interpret it.
     }
+    // Host detection calls tzset and fills a process-wide name buffer; neither is safe to
+    // run in two threads at once, and it runs on every construction (TZ may have changed).
+    static std::mutex detecting;
+    std::unique_lock<std::mutex> lock(detecting);
     std::unique_ptr<icu::TimeZone> host(icu::TimeZone::detectHostTimeZone());
+    lock.unlock();
     if (!host || *host == icu::TimeZone::getUnknown()) {
         return create_utc();
     }
@@ -76,6 +97,7 @@ UDate to_udate(boost::posix_time::ptime const& time) {
 } // namespace
 
 timezone::timezone(std::string const& name) {
+    prepare_zones();
     auto data = std::make_shared<impl>();
     data->zone = name.empty() ? create_local() : create_known(name);
     if (!data->zone) {

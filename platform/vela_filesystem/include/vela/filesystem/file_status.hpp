@@ -13,9 +13,10 @@ namespace vela::filesystem {
 ///
 /// The type is one bit of `file_type_mask`, so "is it missing" is the bit test
 /// `type() & file_not_found`. Permission values carry the nine POSIX bits (`perms_all`) and
-/// four attribute bits at 0x1000..0x8000 that exist on other hosts only: on Linux the
-/// attribute bits are always reported as 0 and ignored when set. `perms_symlink` (above
-/// 0xFFFF) is never reported; passed to `permissions()` it asks to act on a link itself.
+/// four attribute bits at 0x1000..0x8000 that exist on other hosts only: on Linux they are
+/// ignored when set, and reported as 0 except for `link_perms` on a symbolic link.
+/// `perms_symlink` (above 0xFFFF) is never reported; passed to `permissions()` it asks to act
+/// on a link itself.
 class VELA_FS_API file_status {
 public:
     // Permission and attribute bits.
@@ -25,6 +26,11 @@ public:
     static constexpr std::uint32_t hidden_file = 0x4000;
     static constexpr std::uint32_t non_indexed_file = 0x8000;
     static constexpr std::uint32_t perms_symlink = 0x10000;
+    /// Marks permissions read from a symbolic link (the attribute bit that this host never
+    /// sets on a file). Linux keeps no mode on a link: its bits read as 0777 and mean nothing,
+    /// and `permissions()` never applies a value carrying this bit as a mode, so that copying
+    /// a link's permissions onto a file cannot open the file to everyone.
+    static constexpr std::uint32_t link_perms = system_file;
 
     // Type bits, one per type.
     static constexpr std::uint32_t regular_file = 0x0010'0000;
@@ -48,8 +54,8 @@ public:
 
     /// The type bit.
     std::uint32_t type() const noexcept { return m_type; }
-    /// The nine permission bits (the attribute bits are 0 on Linux); set-id and sticky bits
-    /// are not reported.
+    /// The nine permission bits, with `link_perms` for a symbolic link (the other attribute
+    /// bits are 0 on Linux); set-id and sticky bits are not reported.
     std::uint32_t permissions() const noexcept { return m_permissions; }
     /// Last modification time in UTC, microseconds kept; not-a-date-time when unknown.
     boost::posix_time::ptime last_write_time() const noexcept { return m_last_write; }

@@ -42,7 +42,9 @@ VELA_FS_API std::u16string get_current_path();
 /// Sets the nine permission bits (attribute bits are ignored on Linux). Without
 /// `file_status::perms_symlink` a final link is followed (chmod). With it the bits are set on
 /// the path itself: for anything but a link that is the same chmod; a link's own bits cannot
-/// be changed on Linux, which throws `InvalidOperation`.
+/// be changed on Linux, which throws `InvalidOperation`. A value carrying
+/// `file_status::link_perms` (read from a link) is never applied to anything else: the path
+/// is checked and left as it is.
 VELA_FS_API void permissions(path const& p, std::uint32_t bits);
 
 /// Sets the modification time (microseconds kept) of the path itself, not following a final
@@ -72,16 +74,19 @@ VELA_FS_API void create_symlink(path const& target, path const& link,
 /// What `copy_file` does with an existing destination.
 enum class copy_option : int {
     fail_if_exists = 0,     ///< throw `FileExistsError`, leave it alone
-    overwrite_if_exists = 1 ///< replace its content (truncate and write)
+    overwrite_if_exists = 1 ///< replace it with a new file (its other hard links keep the old content)
 };
 
 /// Copies a regular file's content and permission bits (like `cp`; owner, times and
 /// extended attributes are not copied). A final link in `from` is followed (it is opened for
-/// reading); a final link in `to` is never followed (O_NOFOLLOW: such a destination throws).
-/// The data moves inside the kernel (clone, then copy_file_range) and falls back to
-/// read/write only where the kernel refuses. The destination is flushed to disk (fdatasync)
-/// before returning. On failure a destination that this call created is removed; an
-/// overwritten one may be left partly written. Not atomic: readers may see a partial file.
+/// reading); a final link at `to` is never followed nor replaced (`FileExistsError`), a folder
+/// there is `FileIsDirectory`. The data moves inside the kernel (clone, then copy_file_range)
+/// and falls back to read/write only where the kernel refuses; it is flushed to disk
+/// (fdatasync) and so is the new name (fsync of the folder) before this returns.
+/// A new destination is created exclusively and removed again on failure. An existing one is
+/// never written into: the copy goes to a new hidden file beside it, which then replaces it
+/// as `rename` does, so readers see the old or the new file whole, a hard link at `to` keeps
+/// the old content, and on failure the destination is as it was.
 VELA_FS_API void copy_file(path const& from, path const& to, copy_option option);
 inline void copy_file(path const& from, path const& to, int option) {
     copy_file(from, to, static_cast<copy_option>(option));
@@ -109,11 +114,18 @@ struct rename_options {
     bool allow_copy = false;
 };
 
-/// Renames `from` to `to` (rename(2)): atomic on one file system; an existing destination
-/// file is replaced, an empty destination folder too. With default options there is no
-/// fallback (across file systems: `SystemError` with EXDEV). Durability: after the rename
-/// the destination's folder is fsync-ed, and the source's folder too when it differs, so the
-/// new name survives a crash once this returns.
+/// Renames `from` to `to`: atomic on one file system; an existing destination file or link is
+/// replaced, an empty destination folder too; a file onto a folder is `FileIsDirectory`. With
+/// default options there is no fallback (across file systems: `SystemError` with EXDEV).
+/// Durable: the data of a moved regular file is synced first, then the name is changed, then
+/// the destination's folder is fsync-ed, and the source's folder too when it differs. Before
+/// a regular file replaces a regular file (or a link to one), the moved file loses every
+/// permission bit that the replaced file lacked, so the destination is never wider than it
+/// was. Any failed step throws and leaves the destination as it was: an existing file or link
+/// is exchanged with the source (renameat2 RENAME_EXCHANGE) and exchanged back on failure, and
+/// its old content is removed only when all is durable. Where the file system cannot exchange,
+/// a plain rename is made and a failed folder sync after it is reported with the new file in
+/// place.
 VELA_FS_API void rename(path const& from, path const& to, rename_options options = {});
 
 /// Removes a file, a symbolic link (not its target) or an empty folder. A missing path throws

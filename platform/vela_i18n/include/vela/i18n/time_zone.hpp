@@ -11,7 +11,8 @@
 /// full history of offsets and daylight-saving rules.
 namespace vela::i18n::time_zone {
 
-/// A time zone, copyable and safe to share between threads once built.
+/// A time zone, copyable and safe to share between threads once built. Zones may be built
+/// from several threads at once; detecting the host's zone is serialised inside.
 class VELA_I18N_API timezone {
 public:
     /// `name` is a zone identifier such as "Europe/Berlin" or "UTC"; an unknown identifier

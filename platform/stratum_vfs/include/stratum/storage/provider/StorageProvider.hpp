@@ -15,6 +15,22 @@
 
 namespace stratum::storage::provider {
 
+/// A write buffer that a provider hands out for one open output stream.
+///
+/// It keeps no bytes of its own: every `sputn`/`sputc` hands the bytes to the storage before
+/// it returns, all of them or a thrown `vfs::Exception` (`NoSpace`, `FileTooLarge`, `IOError`,
+/// ...) from that very call; it never reports a refused write by a short count or by `eof`
+/// alone. A short write of the back end is continued until complete or failed. `seekoff`
+/// with offset 0 from the current position tells the output position.
+class STRATUM_API OutputBuffer : public std::streambuf {
+public:
+    /// Releases the file and reports what only the release can tell (a failed close of a
+    /// descriptor). A scheme that must hold bytes back until here (a multipart upload) must
+    /// leave no object at all when this fails. Called at most once, by the stream's `close()`;
+    /// the destructor releases without reporting.
+    virtual void close() = 0;
+};
+
 /// One child of a folder, as a provider lists it.
 struct FolderEntry {
     std::u16string name;  ///< decoded name of the child (one segment)
@@ -32,6 +48,17 @@ struct FolderEntry {
 /// provider translates its own back end's failures in one place. A provider is shared by all
 /// copies of a storage system reference and may be called from several threads at once: each
 /// call must be safe against concurrent calls (a sequence of calls is not atomic).
+///
+/// What every scheme, later ones included (an object store, a network share), must guarantee
+/// so that no saved data is lost silently:
+/// - Output never loses a write: see `OutputBuffer`. A refused write reaches the writer at the
+///   write that carried it; a scheme that can only fail at close leaves no object then.
+/// - `rename` puts a file in place durably: the moved data is made durable first, then the
+///   name changes, then the change itself is made durable (both folders when they differ). A
+///   failure of any step fails the rename and leaves an existing `to` as it was. A file that
+///   replaces a file never carries permissions wider than the one it replaces.
+/// - A file never replaces a folder (`vfs` refuses it before asking the provider).
+/// - `copyFile` creates a new item; it never writes into an existing one.
 class STRATUM_API StorageProvider {
 public:
     StorageProvider() = default;
@@ -78,7 +105,8 @@ public:
     /// Renames `from` (a file or folder) to `to` within this provider. The caller guarantees
     /// that `from` exists, that `to` is neither `from` nor inside it, that `to`'s parent is a
     /// folder, and that `to` is either missing or a file while `from` is a file; an existing
-    /// file at `to` is replaced (atomically where the back end can).
+    /// file at `to` is replaced atomically where the back end can. Durable, and narrowing the
+    /// incoming file's permissions, as the class comment says.
     virtual void rename(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI const& to) = 0;
 
     /// A read buffer over the file at `iri`, positioned at its start, or null when there is
@@ -90,13 +118,14 @@ public:
     /// always holds `out`: `trunc` (or `out` without `in` and `app`) starts empty, creating the
     /// file; `app` creates a missing file and writes every byte at the end; `in|out` without
     /// `trunc` needs an existing file and overwrites it in place; `ate` starts at the end.
-    /// Written bytes become visible to new readers at `pubsync()` (and so at close).
+    /// Every write goes to the storage at once (see `OutputBuffer`).
     /// The caller has checked that the parent is a folder and that no folder or read-only
     /// file is at `iri`. Throws (`NotFound` for a missing file under `in|out`, ...) on failure.
-    virtual std::unique_ptr<std::streambuf> openOutput(vfs::AbsoluteIRI const& iri, std::ios_base::openmode mode) = 0;
+    virtual std::unique_ptr<OutputBuffer> openOutput(vfs::AbsoluteIRI const& iri, std::ios_base::openmode mode) = 0;
 
-    /// Copies the content of the file `from` to the new file `to` (the caller removed any
-    /// destination first and checked its parent). The default streams through `openInput`
+    /// Copies the content of the file `from` to the new file `to`: `FileExists` when anything
+    /// is at `to` (the caller checked its parent). `vfs` replaces a file by copying to a fresh
+    /// name beside it and renaming that over it, so no existing item is ever written into. The default streams through `openInput`
     /// and `openOutput`; providers with a native copy override it.
     virtual void copyFile(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI const& to);
 };

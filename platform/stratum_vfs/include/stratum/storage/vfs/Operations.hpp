@@ -29,7 +29,8 @@ STRATUM_API int exists(AbsoluteIRI const& iri, StorageSystemReference const& sto
 /// when the owner write bit is set. `ErrorCode::NotFound` for a missing item (for every
 /// operation on items below).
 STRATUM_API bool isWritable(FileOrFolder const& item);
-/// Sets or clears writability (`file`: the owner write bit, 0200; other bits are kept).
+/// Sets or clears writability. `file`: writable adds the owner write bit (0200) and keeps the
+/// rest (0600 stays 0600); read-only clears every write bit (0222).
 STRATUM_API void setWritable(FileOrFolder const& item, bool writable);
 
 /// Last modification time, UTC. A `memory` file's time moves forward at every published
@@ -42,9 +43,13 @@ STRATUM_API void setLastModified(FileOrFolder const& item, boost::posix_time::pt
 /// Copies `source` to `destination`; each may be of any scheme and storage system.
 /// - The kind comes from what is stored at the source (`ErrorCode::NotFound` if nothing); the
 ///   destination's alternative only names the place.
-/// - Existing destination: `DoNotReplace` fails with `ErrorCode::FileExists`; `Replace` removes
-///   it (a folder with its contents) first. Copying an item onto itself changes nothing under
-///   `Replace` and fails with `FileExists` under `DoNotReplace`.
+/// - Existing destination: `DoNotReplace` fails with `ErrorCode::FileExists`. Under `Replace` a
+///   folder source removes it (a folder with its contents) first; a file source is copied to
+///   a fresh hidden name beside it and renamed over it, so an existing file is replaced whole
+///   and durably (never written into: its other hard links keep their content), with
+///   permissions no wider than it had. A file never replaces a folder: `FileExists`, and
+///   nothing is removed. Copying an item onto itself changes nothing under `Replace` and fails
+///   with `FileExists` under `DoNotReplace`.
 /// - A folder copy copies the whole tree. Copying a folder into itself fails with
 ///   `ErrorCode::NotSupported`.
 /// - The destination's parent must be a folder (`ErrorCode::NotFound`).
@@ -56,9 +61,10 @@ STRATUM_API void copy(FileOrFolder const& source, FileOrFolder const& destinatio
 
 /// Moves `source` to `destination`. The same rules as `copy` for kinds, an existing
 /// destination and missing parents. Within one provider (same scheme and storage system) it
-/// is a rename: a file replacing a file is atomic where the back end is, a folder keeps its
-/// contents without copying. Across providers it is a copy followed by the removal of the
-/// source. Moving an item onto itself changes nothing; into itself, `ErrorCode::NotSupported`.
+/// is a rename: a file replacing a file is atomic where the back end is and durable (see the
+/// provider's `rename`), a folder keeps its contents without copying. Across providers it is a
+/// copy (a file as `copy` puts it in place) followed by the removal of the source. A file
+/// never replaces a folder. Moving an item onto itself changes nothing; into itself, `ErrorCode::NotSupported`.
 STRATUM_API void move(FileOrFolder const& source, FileOrFolder const& destination,
                       provider::ReplacementPolicy policy);
 

@@ -3,12 +3,21 @@
 #include <stratum/export.hpp>
 #include <stratum/storage/vfs/File.hpp>
 
+#include <functional>
 #include <istream>
 #include <memory>
 #include <ostream>
 #include <streambuf>
 
+namespace stratum::storage::provider {
+class OutputBuffer;
+}
+
 namespace stratum::storage::vfs {
+
+namespace detail {
+class WriteThroughBuffer;
+}
 
 /// Open-mode bits of the storage streams. They keep these values whatever the host's
 /// `std::ios_base::openmode` values are, and mean what the `std::fstream` flags mean.
@@ -48,27 +57,35 @@ private:
 /// missing file and writes at the end; `In` (without `Truncate`) keeps the content and
 /// writes over it from the start, and needs an existing file; `AtEnd` starts at the end.
 ///
-/// Written bytes become visible to new readers at `flush()` and at `close()`/destruction
-/// (`memory`: the buffer is published as the file's content, and its time moves on).
+/// Writes go through: there is no buffer in the stream, every write operation hands its bytes
+/// to the storage before it returns, and they are visible to new readers at once. Once open,
+/// the stream has `exceptions(badbit)`: a write the storage refuses (full, file too large, I/O
+/// error, the file removed or made read-only meanwhile) throws from that write operation, and
+/// the bad bit is set. What is thrown is the storage's `Exception` with its `ErrorCode`, or
+/// whatever `onFailure` throws: it is called inside the handler of the failed operation (so it
+/// may rethrow the exception in flight as another type); if it returns, the `Exception` goes on.
 ///
 /// Failures at opening: a read-only file throws `Exception` with `ErrorCode::PermissionDenied`,
 /// a folder at the IRI `ErrorCode::IOError`, a parent that is not a folder
 /// `ErrorCode::NotFound`; a mode `std::ofstream` rejects (`Truncate` with `Append`) or `In`
-/// on a missing file open in the failed state instead, without throwing. A failed publish
-/// sets the bad bit.
+/// on a missing file open in the failed state instead, without throwing.
 class STRATUM_API ofstream : public std::ostream {
 public:
-    explicit ofstream(File const& file, unsigned mode = OpenMode::Out | OpenMode::Binary);
+    using FailureHandler = std::function<void()>;
+
+    explicit ofstream(File const& file, unsigned mode = OpenMode::Out | OpenMode::Binary,
+                      FailureHandler onFailure = {});
+    /// Releases the file without reporting; call `close()` to see a failed release.
     ~ofstream() override;
 
     bool is_open() const;
-    /// Publishes what was written and releases the file; sets the bad bit if publishing fails.
-    /// Later writes fail.
+    /// Releases the file, throwing (as a write does) when the storage reports a failure then.
+    /// Afterwards exceptions are off and later writes only set the bad bit.
     void close();
 
 private:
     File file_;
-    std::unique_ptr<std::streambuf> buffer_;
+    std::unique_ptr<detail::WriteThroughBuffer> buffer_;
     std::unique_ptr<std::streambuf> closed_;
 };
 
