@@ -10,6 +10,8 @@
 #include <vela/filesystem/file_status.hpp>
 #include <vela/filesystem/operations.hpp>
 
+#include <typeinfo>
+
 namespace opc {
 
 namespace vfs = vela::filesystem;
@@ -106,11 +108,16 @@ std::u16string LocalFileSystemOps::doGetLinkTarget(const std::u16string& path, s
 
 void LocalFileSystemOps::doGetFiles(const std::u16string& folder, std::vector<std::u16string>& files,
                                     bool recursive, std::string& detail, error_code& ec) {
+    // An entry's full path is the folder in native form, one "/" and a name without "/": it is
+    // already normalised, and this back end's own normalisation would hand back the same text.
+    // The call (an allocation and two passes per entry) is made only where a derived class may
+    // have replaced it.
+    bool const normalizeEntries = typeid(*this) != typeid(LocalFileSystemOps);
     guardedHostCall(detail, ec, [&] {
         for (vfs::directory_iterator it{vfs::path(folder)}; it.is_open(); ++it) {
             std::uint32_t const type = it->status().type() & Status::file_type_mask;
             if (type == Status::regular_file || type == Status::symlink_file) {
-                files.push_back(normalizePath(it->full_pathname()));
+                files.push_back(normalizeEntries ? normalizePath(it->full_pathname()) : it->full_pathname());
             } else if (recursive && type == Status::directory_file) {
                 // Depth first; the innermost failure is reported once and ends every level.
                 doGetFiles(normalizePath(it->full_pathname()), files, true, detail, ec);

@@ -1,5 +1,5 @@
-// Kept in its own executable so the threads below really are the first users of the two
-// time-format locales and of the local zone.
+// Kept in its own executable so the threads below really are the first users of the time
+// text and of the local zone.
 #include <opc/Time.hpp>
 
 #include <gtest/gtest.h>

@@ -1,5 +1,6 @@
-// Time text against field-by-field printf output over generated instants, the rejection
-// table, and local/UTC conversion in a zone west and a zone east of UTC.
+// Time text against field-by-field printf output over generated instants, the reader against
+// Boost's time input facet over generated malformed texts, the rejection table, and local/UTC
+// conversion in a zone west and a zone east of UTC.
 #include <opc/Text.hpp>
 #include <opc/Time.hpp>
 
@@ -10,7 +11,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <locale>
 #include <random>
+#include <sstream>
 
 namespace pt = boost::posix_time;
 using boost::gregorian::date;
@@ -39,6 +42,22 @@ private:
     bool m_had = false;
 };
 
+// The reading that the library's reader must match: the wide input facet with the time format,
+// the whole text consumed, and "T" at index 10 in a text longer than a bare date.
+pt::ptime facetRead(std::u16string const& text) {
+    static std::locale const locale(std::locale(), new pt::wtime_input_facet(L"%Y-%m-%dT%H:%M:%SZ"));
+    std::wistringstream in(opc::toWideString(text));
+    in.imbue(locale);
+    pt::ptime time(pt::not_a_date_time);
+    in >> time;
+    bool const whole = !in.fail() && in.peek() == WEOF;
+    bool const shape = text.size() <= 11 || (text[10] == u'T' && text.size() >= 19);
+    return whole && shape ? time : pt::ptime(pt::not_a_date_time);
+}
+
+// Compares special values too, and times past 9999 that hours beyond 23 can reach.
+std::string key(pt::ptime time) { return pt::to_simple_string(time - pt::ptime(date(1400, 1, 1))); }
+
 } // namespace
 
 TEST(TimeText, GeneratedInstantsRoundTrip) {
@@ -56,6 +75,29 @@ TEST(TimeText, GeneratedInstantsRoundTrip) {
         std::u16string const text = opc::convertTimeToString(t + pt::microseconds(i % 1000 * 997));
         ASSERT_EQ(text, opc::toStringFromASCIIStringLiteral(expected));
         ASSERT_EQ(opc::convertStringToTime(text), t) << expected;
+    }
+}
+
+// Fields in and out of range, cut short and mutated with separators, blanks, signs, and
+// special-value names in any case.
+TEST(TimeText, ReadsMalformedTextsAsTheFacet) {
+    std::mt19937 rng(13);
+    auto pick = [&rng](int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng); };
+    std::u16string const pieces[] = {u"0", u"2", u"9", u"-", u":", u"T", u"Z", u" ", u"\t", u"+", u"x", u"\u00e9",
+                                     u"+infinity", u"-INFINITY", u"Minimum-Date-Time", u"maximum-date-time"};
+    for (int i = 0; i < 20000; ++i) {
+        char fields[64];
+        std::snprintf(fields, sizeof fields, pick(2) ? "%04d-%02d-%02dT%02d:%02d:%02dZ" : "%d-%d-%dT%d:%d:%dZ",
+                      pick(3) ? 1400 + pick(8600) : pick(10000), pick(14), pick(33), pick(100), pick(100), pick(100));
+        std::u16string text = opc::toStringFromASCIIStringLiteral(fields);
+        if (pick(2)) text.resize(static_cast<std::size_t>(pick(static_cast<int>(text.size()) + 1)));
+        for (int edits = pick(4); edits > 0; --edits) {
+            std::size_t const at = static_cast<std::size_t>(pick(static_cast<int>(text.size()) + 1));
+            std::u16string const& piece = pieces[pick(std::size(pieces))];
+            if (pick(2) && at < text.size()) text.erase(at, 1);
+            text.insert(at, pick(3) ? piece.substr(0, 1) : piece);
+        }
+        ASSERT_EQ(key(opc::convertStringToTime(text)), key(facetRead(text))) << opc::toUDEString(text);
     }
 }
 

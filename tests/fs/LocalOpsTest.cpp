@@ -1,5 +1,6 @@
 // What the local back end promises beyond the shared behaviour suite: its path arithmetic, its
-// own messages, stream modes and errors, and the commit's report passing through unchanged.
+// own messages, stream modes and errors, listing through a replaced normalisation, and the
+// commit's report passing through unchanged.
 
 #include "support/LocalWorld.hpp"
 
@@ -103,6 +104,20 @@ TEST_F(LocalOps, PathQueriesAreTextOnly) {
     std::u16string local = u"previous";
     EXPECT_TRUE(m_ops.getLocalPath(u"any//thing", local));
     EXPECT_EQ(local, u"any//thing");
+}
+
+// The listing may skip normalising entry paths that are already normal, but never when a
+// derived back end has replaced the normalisation: every listed path passes through it.
+TEST_F(LocalOps, ListingNormalisesThroughAReplacedNormalisation) {
+    struct Marking : LocalFileSystemOps {
+        std::u16string doNormalizePath(const std::u16string& p, std::string& d, error_code& ec) override {
+            return LocalFileSystemOps::doNormalizePath(p, d, ec) + u"~";
+        }
+    } marking;
+    write("a", "x");
+    std::vector<std::u16string> files;
+    marking.getFiles(path(""), files, false);
+    EXPECT_EQ(files, std::vector<std::u16string>{path("a") + u"~"});
 }
 
 TEST_F(LocalOps, TempNamesAreFresh) {

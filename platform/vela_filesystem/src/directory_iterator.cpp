@@ -67,6 +67,17 @@ std::u16string directory_entry::full_pathname() const {
     std::u16string out;
     out.resize(s->folder.size() + m_name.size());
     std::copy(s->folder.begin(), s->folder.end(), out.begin());
+    // ASCII names, the usual case, widen byte by byte; the Unicode library's call costs more
+    // than the conversion of a short name.
+    unsigned char seen = 0;
+    char16_t* const name = out.data() + s->folder.size();
+    for (std::size_t i = 0; i < m_name.size(); ++i) {
+        auto const byte = static_cast<unsigned char>(m_name[i]);
+        seen |= byte;
+        name[i] = byte;
+    }
+    if (seen < 0x80)
+        return out;
     UErrorCode status = U_ZERO_ERROR;
     int32_t length = 0;
     u_strFromUTF8(out.data() + s->folder.size(), static_cast<int32_t>(m_name.size()), &length, m_name.data(),

@@ -11,6 +11,8 @@ namespace {
 constexpr char16_t separator = u'/';
 
 std::u16string collapse_separators(std::u16string const& text) {
+    if (text.find(u"//") == std::u16string::npos)
+        return text; // the usual case: nothing to collapse
     std::u16string out;
     out.reserve(text.size());
     for (char16_t c : text) {

@@ -9,14 +9,21 @@
 #include <unicode/utf16.h>
 
 #include <cstdio>
+#include <string_view>
 
 namespace vela::i18n {
+namespace {
+
+constexpr std::string_view kUtf8 = "UTF-8";
+
+} // namespace
 
 encoding_converter_base::encoding_converter_base(std::string const& encoding, bool strict)
-    : m_name("UTF-8"), m_strict(strict), m_kind(detail::encoding_kind::utf8) {
+    : m_name(kUtf8.data(), kUtf8.size()), m_strict(strict), m_kind(detail::encoding_kind::utf8) {
     // The common names of UTF-8 are recognised without opening a converter: conversions
-    // build a converter object per call, so this must stay cheap.
-    if (encoding.empty() || encoding == "UTF-8" || ucnv_compareNames(encoding.c_str(), "UTF-8") == 0) {
+    // build a converter object per call, so this must stay cheap (a length test and one
+    // inlined compare for the usual spelling).
+    if (encoding.empty() || std::string_view(encoding) == kUtf8 || ucnv_compareNames(encoding.c_str(), "UTF-8") == 0) {
         return;
     }
     UErrorCode status = U_ZERO_ERROR;

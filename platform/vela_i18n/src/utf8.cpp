@@ -1,4 +1,5 @@
-// UTF-8 <-> UTF-16: an ASCII fast path, then the Unicode library's optimised string functions.
+// UTF-8 <-> UTF-16: the encoder written out here, the decoder an ASCII fast path before the
+// Unicode library's optimised string function.
 
 #include "convert_impl.hpp"
 
@@ -78,54 +79,70 @@ bool ascii8(char const* p) {
     throw CvtExceptionBase(std::string("Text conversion failed: ") + u_errorName(status));
 }
 
-/// Encodes text[begin, end) as UTF-8 into out; `end` never splits a surrogate pair.
-/// Returns the bytes written. A leading ASCII run is copied here; the rest of the chunk, once
-/// a non-ASCII unit appears, goes to the library's converter.
-std::size_t encode_chunk(char16_t const* text, std::size_t begin, std::size_t end, bool strict, char* out,
-                         std::size_t out_capacity) {
-    char* o = out;
-    std::size_t i = begin;
-    while (i + 4 <= end && ascii4(text + i)) {
-        o[0] = static_cast<char>(text[i]);
-        o[1] = static_cast<char>(text[i + 1]);
-        o[2] = static_cast<char>(text[i + 2]);
-        o[3] = static_cast<char>(text[i + 3]);
-        o += 4;
-        i += 4;
-    }
-    while (i < end && text[i] < 0x80) {
-        *o++ = static_cast<char>(text[i++]);
-    }
-    if (i == end) {
-        return static_cast<std::size_t>(o - out);
-    }
-    // The whole rest of the buffer: the library takes its fastest loop only when the room
-    // left clearly exceeds the worst case.
-    auto const capacity = static_cast<int32_t>(out_capacity - static_cast<std::size_t>(o - out));
-    auto const n = static_cast<int32_t>(end - i);
-    int32_t written = 0;
-    UErrorCode status = U_ZERO_ERROR;
-    if (strict) {
-        u_strToUTF8(o, capacity, &written, text + i, n, &status);
+/// Stores the low `size` bytes of `bytes`, lowest first, as one word: fewer stores than
+/// writing byte by byte.
+void store_le(unsigned char* out, uint32_t bytes, std::size_t size) {
+    if (size == 2) {
+        auto const half = static_cast<uint16_t>(bytes);
+        unsigned char le[2] = {static_cast<unsigned char>(half), static_cast<unsigned char>(half >> 8)};
+        std::memcpy(out, le, 2);
     } else {
-        u_strToUTF8WithSub(o, capacity, &written, text + i, n, kReplacement, nullptr, &status);
+        unsigned char le[4] = {static_cast<unsigned char>(bytes), static_cast<unsigned char>(bytes >> 8),
+                               static_cast<unsigned char>(bytes >> 16), static_cast<unsigned char>(bytes >> 24)};
+        std::memcpy(out, le, 4);
     }
-    if (status == U_INVALID_CHAR_FOUND) {
-        for (std::size_t k = i; k < end;) {
-            std::size_t const at = k;
-            UChar32 c;
-            U16_NEXT(text, k, end, c);
-            if (U_IS_SURROGATE(c)) {
-                throw CvtInvalidInput("Unpaired surrogate " + code_point_name(static_cast<char32_t>(c)) +
-                                          " at UTF-16 offset " + std::to_string(at) + " cannot be converted to UTF-8",
-                                      at);
+}
+
+[[noreturn]] void throw_unpaired(char16_t unit, std::size_t at) {
+    throw CvtInvalidInput("Unpaired surrogate " + code_point_name(unit) + " at UTF-16 offset " + std::to_string(at) +
+                              " cannot be converted to UTF-8",
+                          at);
+}
+
+/// Encodes text[begin, end) as UTF-8 into out, which holds at least 3 bytes per unit and one
+/// more (a 3-byte character is stored as a 4-byte word); `end` never splits a surrogate pair. Returns the bytes written. Written here rather than handed
+/// to the Unicode library: for short texts its set-up costs as much as the encoding. A lone
+/// surrogate throws (strict) or becomes U+FFFD, as the library's converter does.
+std::size_t encode_chunk(char16_t const* text, std::size_t begin, std::size_t end, bool strict, char* out) {
+    auto* o = reinterpret_cast<unsigned char*>(out);
+    char16_t const* s = text + begin;
+    char16_t const* const stop = text + end;
+    // A leading ASCII run four units at a time; inside mixed text the test would cost more
+    // than it saves.
+    while (stop - s >= 4 && ascii4(s)) {
+        o[0] = static_cast<unsigned char>(s[0]);
+        o[1] = static_cast<unsigned char>(s[1]);
+        o[2] = static_cast<unsigned char>(s[2]);
+        o[3] = static_cast<unsigned char>(s[3]);
+        o += 4;
+        s += 4;
+    }
+    while (s < stop) {
+        uint32_t const c = *s++;
+        if (c < 0x80) {
+            *o++ = static_cast<unsigned char>(c);
+        } else if (c < 0x800) {
+            store_le(o, (0xC0 | (c >> 6)) | (0x80 | (c & 0x3F)) << 8, 2);
+            o += 2;
+        } else if (c < 0xD800 || c >= 0xE000) {
+            store_le(o, (0xE0 | (c >> 12)) | (0x80 | ((c >> 6) & 0x3F)) << 8 | (0x80 | (c & 0x3F)) << 16, 4);
+            o += 3;
+        } else if (c < 0xDC00 && s < stop && U16_IS_TRAIL(*s)) {
+            uint32_t const cp = U16_GET_SUPPLEMENTARY(c, *s++);
+            store_le(o, (0xF0 | (cp >> 18)) | (0x80 | ((cp >> 12) & 0x3F)) << 8 | (0x80 | ((cp >> 6) & 0x3F)) << 16 |
+                            (0x80u | (cp & 0x3F)) << 24, 4);
+            o += 4;
+        } else {
+            if (strict) {
+                throw_unpaired(static_cast<char16_t>(c), static_cast<std::size_t>(s - 1 - text));
             }
+            o[0] = 0xEF; // U+FFFD
+            o[1] = 0xBF;
+            o[2] = 0xBD;
+            o += 3;
         }
     }
-    if (U_FAILURE(status)) {
-        throw_status(status);
-    }
-    return static_cast<std::size_t>(o - out) + static_cast<std::size_t>(written);
+    return static_cast<std::size_t>(o - reinterpret_cast<unsigned char*>(out));
 }
 
 /// Decodes UTF-8 text[begin, end) into out; `end` never splits a character. Same split of
@@ -182,7 +199,7 @@ std::size_t decode_chunk(char const* text, std::size_t begin, std::size_t end, b
 std::string utf16_to_utf8(char16_t const* text, std::size_t length, bool strict) {
     char buffer[3 * kChunk + 64];
     if (length <= kChunk) {
-        return std::string(buffer, encode_chunk(text, 0, length, strict, buffer, sizeof buffer));
+        return std::string(buffer, encode_chunk(text, 0, length, strict, buffer));
     }
     std::string out;
     out.reserve(utf8_bound(text, length));
@@ -191,7 +208,7 @@ std::string utf16_to_utf8(char16_t const* text, std::size_t length, bool strict)
         if (end < length && U16_IS_LEAD(text[end - 1])) {
             --end;
         }
-        out.append(buffer, encode_chunk(text, i, end, strict, buffer, sizeof buffer));
+        out.append(buffer, encode_chunk(text, i, end, strict, buffer));
         i = end;
     }
     return out;
