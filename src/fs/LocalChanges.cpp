@@ -13,31 +13,31 @@
 
 namespace opc {
 
-namespace vfs = vela::filesystem;
+namespace host = vela::filesystem;
 namespace errc = boost::system::errc;
 using detail::guardedHostCall;
-using Status = vfs::file_status;
+using Status = host::file_status;
 
 void LocalFileSystemOps::doCreateFolder(const std::u16string& path, std::string& detail, error_code& ec) {
-    guardedHostCall(detail, ec, [&] { vfs::create_directory(vfs::path(path)); });
+    guardedHostCall(detail, ec, [&] { host::create_directory(host::path(path)); });
 }
 
 void LocalFileSystemOps::doCreateFolders(const std::u16string& path, std::string& detail, error_code& ec) {
-    guardedHostCall(detail, ec, [&] { vfs::create_directories(vfs::path(path)); });
+    guardedHostCall(detail, ec, [&] { host::create_directories(host::path(path)); });
 }
 
 void LocalFileSystemOps::doCreateSymlink(const std::u16string& target, const std::u16string& link,
                                          std::string& detail, error_code& ec) {
     guardedHostCall(detail, ec,
-                    [&] { vfs::create_symlink(vfs::path(target), vfs::path(link), Status::regular_file); });
+                    [&] { host::create_symlink(host::path(target), host::path(link), Status::regular_file); });
 }
 
 void LocalFileSystemOps::doCopy(const std::u16string& source, const std::u16string& destination, ExistsMode mode,
                                 std::string& detail, error_code& ec) {
     guardedHostCall(detail, ec, [&] {
-        vfs::path const from(source);
-        vfs::path const to(destination);
-        std::uint32_t const type = vfs::symlink_status(from).type();
+        host::path const from(source);
+        host::path const to(destination);
+        std::uint32_t const type = host::symlink_status(from).type();
         if (type & Status::file_not_found) {
             detail = "Source does not exist: " + toUDEString(source);
             ec = errc::make_error_code(errc::no_such_file_or_directory);
@@ -46,23 +46,23 @@ void LocalFileSystemOps::doCopy(const std::u16string& source, const std::u16stri
         switch (type & Status::file_type_mask) {
         case Status::regular_file:
             // NoOverwrite and FailIfExists alike: an existing file is the host's EEXIST.
-            vfs::copy_file(from, to, mode == Overwrite ? 1 : 0);
+            host::copy_file(from, to, mode == Overwrite ? 1 : 0);
             break;
         case Status::directory_file: {
-            bool const destinationExists = (vfs::symlink_status(to).type() & Status::file_not_found) == 0;
+            bool const destinationExists = (host::symlink_status(to).type() & Status::file_not_found) == 0;
             if (destinationExists && mode == FailIfExists) {
                 detail = "Destination exists: " + toUDEString(destination);
                 ec = errc::make_error_code(errc::file_exists);
                 return;
             }
             if (destinationExists && mode == Overwrite)
-                vfs::remove_all(to);
+                host::remove_all(to);
             // NoOverwrite: the existing folder is merged into.
-            vfs::copy_directory(from, to);
+            host::copy_directory(from, to);
             break;
         }
         case Status::symlink_file:
-            vfs::copy_symlink(from, to);
+            host::copy_symlink(from, to);
             break;
         default:
             // Sockets, devices and pipes are left alone, without an error.
@@ -75,18 +75,18 @@ void LocalFileSystemOps::doRename(const std::u16string& from, const std::u16stri
                                   error_code& ec) {
     guardedHostCall(detail, ec, [&] {
         if (from.empty() || to.empty())
-            throw vfs::InvalidArgument("vela:filesystem:InvalidArgument", "Empty path not permitted");
+            throw host::InvalidArgument("vela:filesystem:InvalidArgument", "Empty path not permitted");
         // Plain rename: no copy-and-delete fallback across file systems.
-        vfs::rename(vfs::path(from), vfs::path(to), vfs::rename_options{});
+        host::rename(host::path(from), host::path(to), host::rename_options{});
     });
 }
 
 void LocalFileSystemOps::doRemove(const std::u16string& path, std::string& detail, error_code& ec) {
-    guardedHostCall(detail, ec, [&] { vfs::remove(vfs::path(path)); });
+    guardedHostCall(detail, ec, [&] { host::remove(host::path(path)); });
 }
 
 void LocalFileSystemOps::doRemoveAll(const std::u16string& path, std::string& detail, error_code& ec) {
-    guardedHostCall(detail, ec, [&] { vfs::remove_all(vfs::path(path)); });
+    guardedHostCall(detail, ec, [&] { host::remove_all(host::path(path)); });
 }
 
 void LocalFileSystemOps::doReplaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,

@@ -10,7 +10,7 @@
 
 namespace opc {
 
-namespace vfs = vela::filesystem;
+namespace host = vela::filesystem;
 using detail::guardedHostCall;
 
 LocalFileSystemOps::LocalFileSystemOps() = default;
@@ -44,13 +44,13 @@ std::u16string LocalFileSystemOps::doNormalizePath(const std::u16string& path, s
 std::u16string LocalFileSystemOps::doAppendPath(const std::u16string& path, const std::u16string& child,
                                                 std::string& detail, error_code& ec) {
     return guardedHostCall(std::u16string(), detail, ec, [&] {
-        vfs::path joined(path); // empty text: empty path, no native-form call
+        host::path joined(path); // empty text: empty path, no native-form call
         if (!child.empty() && child.front() == u'/') {
             // Exactly one leading "/" is dropped; "/" alone leaves the base as it is.
             if (child.size() > 1)
-                joined = vfs::detail::concatenate_pathname(joined, child.substr(1));
+                joined = host::detail::concatenate_pathname(joined, child.substr(1));
         } else if (!child.empty()) {
-            joined = vfs::detail::concatenate_pathname(joined, child);
+            joined = host::detail::concatenate_pathname(joined, child);
         }
         return joined.generic_string();
     });
@@ -62,7 +62,7 @@ bool LocalFileSystemOps::doGetLocalPath(const std::u16string& path, std::u16stri
 }
 
 bool LocalFileSystemOps::doIsAbsolutePath(const std::u16string& path) {
-    return vfs::detail::is_absolute(vfs::path(path));
+    return host::detail::is_absolute(host::path(path));
 }
 
 } // namespace opc

@@ -14,21 +14,21 @@
 
 namespace opc {
 
-namespace vfs = vela::filesystem;
+namespace host = vela::filesystem;
 using detail::guardedHostCall;
-using Status = vfs::file_status;
+using Status = host::file_status;
 
 namespace {
 
 std::uint32_t typeOf(std::u16string const& path) {
-    return vfs::symlink_status(vfs::path(path)).type() & Status::file_type_mask;
+    return host::symlink_status(host::path(path)).type() & Status::file_type_mask;
 }
 
 // The status of a path that must exist; a missing one is reported as PathNotFound.
 Status existingStatus(std::u16string const& path) {
-    Status status = vfs::symlink_status(vfs::path(path));
+    Status status = host::symlink_status(host::path(path));
     if (status.type() & Status::file_not_found)
-        throw vfs::PathNotFound("vela:filesystem:PathNotFound");
+        throw host::PathNotFound("vela:filesystem:PathNotFound");
     return status;
 }
 
@@ -36,7 +36,7 @@ Status existingStatus(std::u16string const& path) {
 
 bool LocalFileSystemOps::doExists(const std::u16string& path, std::string& detail, error_code& ec) {
     return guardedHostCall(false, detail, ec, [&] {
-        return (vfs::symlink_status(vfs::path(path)).type() & Status::file_not_found) == 0;
+        return (host::symlink_status(host::path(path)).type() & Status::file_not_found) == 0;
     });
 }
 
@@ -68,9 +68,9 @@ void LocalFileSystemOps::doSetPermissions(const std::u16string& path, Perms::Per
         return;
     guardedHostCall(detail, ec, [&] {
         if (path.empty())
-            throw vfs::InvalidArgument("vela:filesystem:InvalidArgument", "Empty path not permitted");
+            throw host::InvalidArgument("vela:filesystem:InvalidArgument", "Empty path not permitted");
         // On the path itself: a final link is not followed.
-        vfs::permissions(vfs::path(path), std::uint32_t(perms) | Status::perms_symlink);
+        host::permissions(host::path(path), std::uint32_t(perms) | Status::perms_symlink);
     });
 }
 
@@ -84,7 +84,7 @@ void LocalFileSystemOps::doSetLastModifiedTime(const std::u16string& path, ptime
                                                error_code& ec) {
     if (time.is_not_a_date_time())
         return;
-    guardedHostCall(detail, ec, [&] { vfs::last_write_time(vfs::path(path), time); });
+    guardedHostCall(detail, ec, [&] { host::last_write_time(host::path(path), time); });
 }
 
 std::uint64_t LocalFileSystemOps::doGetSizeInBytes(const std::u16string& path, std::string& detail,
@@ -93,7 +93,7 @@ std::uint64_t LocalFileSystemOps::doGetSizeInBytes(const std::u16string& path, s
         Status const status = existingStatus(path);
         // Folders, links and every other kind are "not a file" alike.
         if ((status.type() & Status::file_type_mask) != Status::regular_file)
-            throw vfs::FileIsDirectory("vela:filesystem:FileIsDirectory");
+            throw host::FileIsDirectory("vela:filesystem:FileIsDirectory");
         return status.size();
     });
 }
@@ -102,7 +102,7 @@ std::u16string LocalFileSystemOps::doGetLinkTarget(const std::u16string& path, s
                                                    error_code& ec) {
     return guardedHostCall(std::u16string(), detail, ec, [&] {
         // As stored in the link, not resolved against the link's folder.
-        return normalizePath(vfs::read_symlink(vfs::path(path)).native());
+        return normalizePath(host::read_symlink(host::path(path)).native());
     });
 }
 
@@ -114,7 +114,7 @@ void LocalFileSystemOps::doGetFiles(const std::u16string& folder, std::vector<st
     // have replaced it.
     bool const normalizeEntries = typeid(*this) != typeid(LocalFileSystemOps);
     guardedHostCall(detail, ec, [&] {
-        for (vfs::directory_iterator it{vfs::path(folder)}; it.is_open(); ++it) {
+        for (host::directory_iterator it{host::path(folder)}; it.is_open(); ++it) {
             std::uint32_t const type = it->status().type() & Status::file_type_mask;
             if (type == Status::regular_file || type == Status::symlink_file) {
                 files.push_back(normalizeEntries ? normalizePath(it->full_pathname()) : it->full_pathname());

@@ -14,7 +14,7 @@
 
 namespace opc {
 
-namespace vfs = vela::filesystem;
+namespace host = vela::filesystem;
 
 namespace {
 
@@ -66,7 +66,7 @@ Handle openStream(std::u16string const& path, unsigned mode, std::string& detail
 std::shared_ptr<std::istream> LocalFileSystemOps::doCreateInputStream(const std::u16string& path, unsigned mode,
                                                                       std::string& detail, error_code& ec) {
     return detail::guardedHostCall(std::shared_ptr<std::istream>(), detail, ec, [&] {
-        return openStream<vfs::basic_ifstream<char>, std::shared_ptr<std::istream>>(path, mode | OpenMode::In,
+        return openStream<host::basic_ifstream<char>, std::shared_ptr<std::istream>>(path, mode | OpenMode::In,
                                                                                      detail, ec);
     });
 }
@@ -74,7 +74,7 @@ std::shared_ptr<std::istream> LocalFileSystemOps::doCreateInputStream(const std:
 std::shared_ptr<std::ostream> LocalFileSystemOps::doCreateOutputStream(const std::u16string& path, unsigned mode,
                                                                        std::string& detail, error_code& ec) {
     return detail::guardedHostCall(std::shared_ptr<std::ostream>(), detail, ec, [&] {
-        auto stream = openStream<vfs::basic_ofstream<char>, std::shared_ptr<vfs::basic_ofstream<char>>>(
+        auto stream = openStream<host::basic_ofstream<char>, std::shared_ptr<host::basic_ofstream<char>>>(
             path, mode | OpenMode::Out, detail, ec);
         if (stream)
             stream->set_failure_handler(throwWriteFailure);

@@ -11,7 +11,7 @@ namespace opc::detail {
 
 namespace {
 
-namespace vfs = vela::filesystem;
+namespace host = vela::filesystem;
 namespace errc = boost::system::errc;
 
 // A path for a detail text. A path that cannot be converted strictly (a lone surrogate, the
@@ -26,7 +26,7 @@ std::string pathText(std::u16string const& path) {
 }
 
 // The host text, then ": " and the path when the exception names one.
-std::string hostText(vfs::FsysExceptionBase const& e) {
+std::string hostText(host::FsysExceptionBase const& e) {
     std::string text = e.what();
     if (!e.path().empty()) {
         text += ": ";
@@ -35,7 +35,7 @@ std::string hostText(vfs::FsysExceptionBase const& e) {
     return text;
 }
 
-void report(vfs::FsysExceptionBase const& e, boost::system::error_code code, std::string& detail,
+void report(host::FsysExceptionBase const& e, boost::system::error_code code, std::string& detail,
             boost::system::error_code& ec) {
     detail = hostText(e);
     ec = code;
@@ -47,29 +47,29 @@ void translateHostException(std::string& detail, boost::system::error_code& ec) 
     // The order matters: every host type derives from FsysExceptionBase.
     try {
         throw;
-    } catch (vfs::AccessDenied const& e) {
+    } catch (host::AccessDenied const& e) {
         report(e, errc::make_error_code(errc::permission_denied), detail, ec);
-    } catch (vfs::PathNotFound const& e) {
+    } catch (host::PathNotFound const& e) {
         report(e, errc::make_error_code(errc::no_such_file_or_directory), detail, ec);
-    } catch (vfs::FileExistsError const& e) {
+    } catch (host::FileExistsError const& e) {
         report(e, errc::make_error_code(errc::file_exists), detail, ec);
-    } catch (vfs::FileNameTooLarge const& e) {
+    } catch (host::FileNameTooLarge const& e) {
         report(e, errc::make_error_code(errc::filename_too_long), detail, ec);
-    } catch (vfs::NotDirectoryError const& e) {
+    } catch (host::NotDirectoryError const& e) {
         report(e, errc::make_error_code(errc::not_a_directory), detail, ec);
-    } catch (vfs::DirectoryNotEmpty const& e) {
+    } catch (host::DirectoryNotEmpty const& e) {
         report(e, errc::make_error_code(errc::directory_not_empty), detail, ec);
-    } catch (vfs::FileIsDirectory const& e) {
+    } catch (host::FileIsDirectory const& e) {
         report(e, errc::make_error_code(errc::is_a_directory), detail, ec);
-    } catch (vfs::InvalidOperation const& e) {
+    } catch (host::InvalidOperation const& e) {
         report(e, errc::make_error_code(errc::operation_not_supported), detail, ec);
-    } catch (vfs::InvalidArgument const& e) {
+    } catch (host::InvalidArgument const& e) {
         report(e, errc::make_error_code(errc::invalid_argument), detail, ec);
-    } catch (vfs::FileNameConversionFailure const& e) {
+    } catch (host::FileNameConversionFailure const& e) {
         report(e, errc::make_error_code(errc::invalid_argument), detail, ec);
-    } catch (vfs::SystemError const& e) {
+    } catch (host::SystemError const& e) {
         report(e, boost::system::error_code(e.error_number(), boost::system::system_category()), detail, ec);
-    } catch (vfs::FsysExceptionBase const& e) {
+    } catch (host::FsysExceptionBase const& e) {
         report(e, errc::make_error_code(errc::io_error), detail, ec);
     } catch (boost::filesystem::filesystem_error const& e) {
         detail = e.what();

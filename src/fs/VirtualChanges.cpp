@@ -12,7 +12,7 @@
 namespace opc {
 namespace {
 
-namespace vfs = stratum::storage::vfs;
+namespace store = stratum::storage::vfs;
 namespace errc = boost::system::errc;
 namespace provider = stratum::storage::provider;
 
@@ -22,21 +22,21 @@ constexpr std::uint32_t kReplaceDestination = 1;
 constexpr std::uint32_t kRemoveFileOrEmptyFolder = 0;
 constexpr std::uint32_t kRemoveWithContents = 1;
 
-vfs::FileOrFolder item(std::u16string const& path, vfs::StorageSystemReference const& storage) {
-    return vfs::makeFileOrFolder(vfs::AbsoluteIRI(path), storage);
+store::FileOrFolder item(std::u16string const& path, store::StorageSystemReference const& storage) {
+    return store::makeFileOrFolder(store::AbsoluteIRI(path), storage);
 }
 
 // The source as it is in storage, and a destination object of the same kind (a File for a
 // file, a Folder for a folder) whatever the destination IRI looks like.
-std::pair<vfs::FileOrFolder, vfs::FileOrFolder> pairOf(std::u16string const& source,
+std::pair<store::FileOrFolder, store::FileOrFolder> pairOf(std::u16string const& source,
                                                        std::u16string const& destination,
-                                                       vfs::StorageSystemReference const& storage) {
-    vfs::AbsoluteIRI const from(source);
-    vfs::AbsoluteIRI const to(destination);
-    vfs::FileOrFolder src = vfs::makeFileOrFolder(from, storage);
-    if (std::holds_alternative<vfs::File>(src))
-        return {std::move(src), vfs::FileOrFolder(vfs::File(to, storage))};
-    return {std::move(src), vfs::FileOrFolder(vfs::Folder(to, storage))};
+                                                       store::StorageSystemReference const& storage) {
+    store::AbsoluteIRI const from(source);
+    store::AbsoluteIRI const to(destination);
+    store::FileOrFolder src = store::makeFileOrFolder(from, storage);
+    if (std::holds_alternative<store::File>(src))
+        return {std::move(src), store::FileOrFolder(store::File(to, storage))};
+    return {std::move(src), store::FileOrFolder(store::Folder(to, storage))};
 }
 
 } // namespace
@@ -44,11 +44,11 @@ std::pair<vfs::FileOrFolder, vfs::FileOrFolder> pairOf(std::u16string const& sou
 using detail::guarded;
 
 void VirtualFileSystemOps::doCreateFolder(const std::u16string& path, std::string& detail, error_code& ec) {
-    guarded(detail, ec, [&] { vfs::Folder(vfs::AbsoluteIRI(path), m_storage).createFolder(); });
+    guarded(detail, ec, [&] { store::Folder(store::AbsoluteIRI(path), m_storage).createFolder(); });
 }
 
 void VirtualFileSystemOps::doCreateFolders(const std::u16string& path, std::string& detail, error_code& ec) {
-    guarded(detail, ec, [&] { vfs::Folder(vfs::AbsoluteIRI(path), m_storage).createFolderRecursive(); });
+    guarded(detail, ec, [&] { store::Folder(store::AbsoluteIRI(path), m_storage).createFolderRecursive(); });
 }
 
 void VirtualFileSystemOps::doCreateSymlink(const std::u16string&, const std::u16string&, std::string& detail,
@@ -61,7 +61,7 @@ void VirtualFileSystemOps::doCopy(const std::u16string& source, const std::u16st
                                   std::string& detail, error_code& ec) {
     guarded(detail, ec, [&] {
         auto const [from, to] = pairOf(source, destination, m_storage);
-        vfs::copy(from, to, provider::ReplacementPolicy(mode == Overwrite ? kReplaceDestination : kKeepDestination));
+        store::copy(from, to, provider::ReplacementPolicy(mode == Overwrite ? kReplaceDestination : kKeepDestination));
     });
 }
 
@@ -70,17 +70,17 @@ void VirtualFileSystemOps::doRename(const std::u16string& from, const std::u16st
     // Unlike copy, a rename always replaces an existing destination.
     guarded(detail, ec, [&] {
         auto const [source, destination] = pairOf(from, to, m_storage);
-        vfs::move(source, destination, provider::ReplacementPolicy(kReplaceDestination));
+        store::move(source, destination, provider::ReplacementPolicy(kReplaceDestination));
     });
 }
 
 void VirtualFileSystemOps::doRemove(const std::u16string& path, std::string& detail, error_code& ec) {
     guarded(detail, ec,
-            [&] { vfs::remove(item(path, m_storage), vfs::FolderRemovalPolicy(kRemoveFileOrEmptyFolder)); });
+            [&] { store::remove(item(path, m_storage), store::FolderRemovalPolicy(kRemoveFileOrEmptyFolder)); });
 }
 
 void VirtualFileSystemOps::doRemoveAll(const std::u16string& path, std::string& detail, error_code& ec) {
-    guarded(detail, ec, [&] { vfs::remove(item(path, m_storage), vfs::FolderRemovalPolicy(kRemoveWithContents)); });
+    guarded(detail, ec, [&] { store::remove(item(path, m_storage), store::FolderRemovalPolicy(kRemoveWithContents)); });
 }
 
 void VirtualFileSystemOps::doReplaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,

@@ -11,7 +11,7 @@
 namespace opc {
 namespace {
 
-namespace vfs = stratum::storage::vfs;
+namespace store = stratum::storage::vfs;
 namespace hostfs = vela::filesystem;
 
 // A host path object from the native form of `text`; an empty text gives an empty path.
@@ -23,7 +23,7 @@ hostfs::path hostPath(std::u16string const& text) {
 
 // The canonical text of the "file" IRI for a local path.
 std::u16string fileIRIText(std::u16string const& localPath) {
-    return vfs::toAbsoluteIRI(u"file", hostPath(localPath)).toString();
+    return store::toAbsoluteIRI(u"file", hostPath(localPath)).toString();
 }
 
 } // namespace
@@ -41,8 +41,8 @@ std::u16string VirtualFileSystemOps::doGetTempName(const std::u16string& folder,
     std::u16string candidate;
     bool const made = guarded(detail, ec, false, [&] {
         std::u16string const folderIRI =
-            folder.empty() ? fileIRIText(util::getTempDir()) : vfs::AbsoluteIRI(folder).toString();
-        vfs::AbsoluteIRI const base(folderIRI);
+            folder.empty() ? fileIRIText(util::getTempDir()) : store::AbsoluteIRI(folder).toString();
+        store::AbsoluteIRI const base(folderIRI);
         std::u16string const scheme = base.getScheme();
         std::u16string const folderPath = base.getPath();
         // Keep the folder's scheme; the name inside comes from the host's temporary-name routine.
@@ -50,7 +50,7 @@ std::u16string VirtualFileSystemOps::doGetTempName(const std::u16string& folder,
             std::u16string const name = hostfs::tmpnam(folderPath, u".", u".tmp");
             std::u16string const generic =
                 hostfs::detail::make_generic_form(hostfs::detail::make_native_form(name, true));
-            candidate = vfs::toAbsoluteIRI(scheme, hostPath(generic)).toString();
+            candidate = store::toAbsoluteIRI(scheme, hostPath(generic)).toString();
         } while (doExists(candidate, detail, ec));
         return true;
     });
@@ -60,18 +60,18 @@ std::u16string VirtualFileSystemOps::doGetTempName(const std::u16string& folder,
 std::u16string VirtualFileSystemOps::doGetParentPath(const std::u16string& path, std::string& detail,
                                                      error_code& ec) {
     return guarded(detail, ec, std::u16string(), [&] {
-        vfs::AbsoluteIRI const iri(path);
+        store::AbsoluteIRI const iri(path);
         return iri.hasParent() ? iri.getParent().toString() : std::u16string();
     });
 }
 
 // The file name and extension let an invalid IRI's exception pass to the caller unchanged.
 std::u16string VirtualFileSystemOps::doGetFilename(const std::u16string& path, std::string&, error_code&) {
-    return vfs::AbsoluteIRI(path).getName();
+    return store::AbsoluteIRI(path).getName();
 }
 
 std::u16string VirtualFileSystemOps::doGetExtension(const std::u16string& path, std::string&, error_code&) {
-    std::u16string const name = vfs::AbsoluteIRI(path).getName();
+    std::u16string const name = store::AbsoluteIRI(path).getName();
     auto const dot = name.rfind(u'.');
     return dot == std::u16string::npos ? std::u16string() : name.substr(dot + 1);
 }
@@ -79,26 +79,26 @@ std::u16string VirtualFileSystemOps::doGetExtension(const std::u16string& path, 
 std::u16string VirtualFileSystemOps::doAppendPath(const std::u16string& path, const std::u16string& child,
                                                   std::string& detail, error_code& ec) {
     return guarded(detail, ec, std::u16string(), [&] {
-        vfs::AbsoluteIRI const base(path);
+        store::AbsoluteIRI const base(path);
         std::u16string const relative = !child.empty() && child.front() == u'/' ? child.substr(1) : child;
-        return vfs::AbsoluteIRI(base, relative).toString();
+        return store::AbsoluteIRI(base, relative).toString();
     });
 }
 
 std::u16string VirtualFileSystemOps::doNormalizePath(const std::u16string& path, std::string& detail,
                                                      error_code& ec) {
     return guarded(detail, ec, std::u16string(), [&] {
-        if (vfs::hasIRIPrefix(path))
-            return vfs::AbsoluteIRI(path).toString();
-        return vfs::AbsoluteIRI(fileIRIText(path)).toString();
+        if (store::hasIRIPrefix(path))
+            return store::AbsoluteIRI(path).toString();
+        return store::AbsoluteIRI(fileIRIText(path)).toString();
     });
 }
 
 bool VirtualFileSystemOps::doGetLocalPath(const std::u16string& path, std::u16string& localPath) {
-    vfs::AbsoluteIRI const iri(path);
+    store::AbsoluteIRI const iri(path);
     // Only the scheme written exactly "file" has a local form; "FILE" does not.
     if (iri.getScheme() == u"file") {
-        localPath = vfs::fromAbsoluteIRI(iri);
+        localPath = store::fromAbsoluteIRI(iri);
         return true;
     }
     localPath.clear();
@@ -106,10 +106,10 @@ bool VirtualFileSystemOps::doGetLocalPath(const std::u16string& path, std::u16st
 }
 
 bool VirtualFileSystemOps::doIsAbsolutePath(const std::u16string& path) {
-    if (!vfs::hasIRIPrefix(path))
+    if (!store::hasIRIPrefix(path))
         return false;
     try {
-        vfs::AbsoluteIRI const iri(path);
+        store::AbsoluteIRI const iri(path);
         return true;
     } catch (...) {
         return false;

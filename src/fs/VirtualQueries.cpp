@@ -11,10 +11,10 @@
 namespace opc {
 namespace {
 
-namespace vfs = stratum::storage::vfs;
+namespace store = stratum::storage::vfs;
 namespace errc = boost::system::errc;
 
-// The answers of vfs::exists.
+// The answers of store::exists.
 constexpr int kFile = 0;
 constexpr int kFolder = 1;
 constexpr int kNothing = 2;
@@ -23,12 +23,12 @@ constexpr Perms::Perms_tag kWritable = Perms::Perms_tag(0644);
 constexpr Perms::Perms_tag kReadOnly = Perms::Perms_tag(0444);
 constexpr Perms::Perms_tag kAnyWrite = Perms::OwnerWrite | Perms::GroupWrite | Perms::OthersWrite;
 
-int existence(std::u16string const& path, vfs::StorageSystemReference const& storage) {
-    return static_cast<int>(vfs::exists(vfs::AbsoluteIRI(path), storage));
+int existence(std::u16string const& path, store::StorageSystemReference const& storage) {
+    return static_cast<int>(store::exists(store::AbsoluteIRI(path), storage));
 }
 
-vfs::FileOrFolder item(std::u16string const& path, vfs::StorageSystemReference const& storage) {
-    return vfs::makeFileOrFolder(vfs::AbsoluteIRI(path), storage);
+store::FileOrFolder item(std::u16string const& path, store::StorageSystemReference const& storage) {
+    return store::makeFileOrFolder(store::AbsoluteIRI(path), storage);
 }
 
 } // namespace
@@ -52,30 +52,30 @@ bool VirtualFileSystemOps::doIsSymlink(const std::u16string&, std::string&, erro
 Perms::Perms_tag VirtualFileSystemOps::doGetPermissions(const std::u16string& path, std::string& detail,
                                                         error_code& ec) {
     return guarded(detail, ec, Perms::PermsUnknown,
-                   [&] { return vfs::isWritable(item(path, m_storage)) ? kWritable : kReadOnly; });
+                   [&] { return store::isWritable(item(path, m_storage)) ? kWritable : kReadOnly; });
 }
 
 void VirtualFileSystemOps::doSetPermissions(const std::u16string& path, Perms::Perms_tag perms,
                                             std::string& detail, error_code& ec) {
-    guarded(detail, ec, [&] { vfs::setWritable(item(path, m_storage), (perms & kAnyWrite) != 0); });
+    guarded(detail, ec, [&] { store::setWritable(item(path, m_storage), (perms & kAnyWrite) != 0); });
 }
 
 FileSystemOps::ptime VirtualFileSystemOps::doGetLastModifiedTime(const std::u16string& path, std::string& detail,
                                                                  error_code& ec) {
     return guarded(detail, ec, ptime(boost::posix_time::not_a_date_time),
-                   [&] { return vfs::getLastModified(item(path, m_storage)); });
+                   [&] { return store::getLastModified(item(path, m_storage)); });
 }
 
 void VirtualFileSystemOps::doSetLastModifiedTime(const std::u16string& path, ptime time, std::string& detail,
                                                  error_code& ec) {
-    guarded(detail, ec, [&] { vfs::setLastModified(item(path, m_storage), time); });
+    guarded(detail, ec, [&] { store::setLastModified(item(path, m_storage), time); });
 }
 
 std::uint64_t VirtualFileSystemOps::doGetSizeInBytes(const std::u16string& path, std::string& detail,
                                                      error_code& ec) {
     // A folder goes to File all the same; the storage decides what that means.
     return guarded(detail, ec, std::uint64_t(0), [&] {
-        return static_cast<std::uint64_t>(vfs::File(vfs::AbsoluteIRI(path), m_storage).getAttributes().getSize());
+        return static_cast<std::uint64_t>(store::File(store::AbsoluteIRI(path), m_storage).getAttributes().getSize());
     });
 }
 
@@ -88,15 +88,15 @@ std::u16string VirtualFileSystemOps::doGetLinkTarget(const std::u16string&, std:
 void VirtualFileSystemOps::doGetFiles(const std::u16string& folder, std::vector<std::u16string>& files,
                                       bool recursive, std::string& detail, error_code& ec) {
     guarded(detail, ec, [&] {
-        vfs::AbsoluteIRI const iri(folder);
+        store::AbsoluteIRI const iri(folder);
         // A missing folder and a file are reported as the storage reports a missing item.
-        if (static_cast<int>(vfs::exists(iri, m_storage)) != kFolder)
-            throw vfs::Exception(vfs::ErrorCode::NotFound, iri);
-        vfs::Folder const dir(iri, m_storage);
+        if (static_cast<int>(store::exists(iri, m_storage)) != kFolder)
+            throw store::Exception(store::ErrorCode::NotFound, iri);
+        store::Folder const dir(iri, m_storage);
         auto const listing = recursive ? dir.listAllRecursive(u"") : dir.listAll(u"");
         for (auto it = listing.begin(); it != listing.end(); ++it) {
             auto const entry = it->getFileOrFolder();
-            if (auto const* file = std::get_if<vfs::File>(&entry))
+            if (auto const* file = std::get_if<store::File>(&entry))
                 files.push_back(file->getIRI().toString());
         }
     });

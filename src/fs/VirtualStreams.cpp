@@ -14,7 +14,7 @@
 namespace opc {
 namespace {
 
-namespace vfs = stratum::storage::vfs;
+namespace store = stratum::storage::vfs;
 
 // Called inside the handler of a write the storage refused: throws it on as the library's own
 // exception, through the back end's one translation.
@@ -29,10 +29,10 @@ namespace vfs = stratum::storage::vfs;
 // allocation with its count. A stream that opens failed is dropped and reported as io_error
 // without a detail text (the storage said nothing more).
 template <class S, class Handle, class... Extra>
-Handle open(std::u16string const& path, unsigned mode, vfs::StorageSystemReference const& storage,
+Handle open(std::u16string const& path, unsigned mode, store::StorageSystemReference const& storage,
             std::string& detail, boost::system::error_code& ec, Extra... extra) {
     return detail::guarded(detail, ec, Handle(), [&]() -> Handle {
-        vfs::File const file(vfs::AbsoluteIRI(path), storage);
+        store::File const file(store::AbsoluteIRI(path), storage);
         auto stream = std::make_shared<S>(file, mode, extra...);
         if (stream->fail()) {
             ec = boost::system::errc::make_error_code(boost::system::errc::io_error);
@@ -46,13 +46,13 @@ Handle open(std::u16string const& path, unsigned mode, vfs::StorageSystemReferen
 
 std::shared_ptr<std::istream> VirtualFileSystemOps::doCreateInputStream(const std::u16string& path, unsigned mode,
                                                                         std::string& detail, error_code& ec) {
-    return open<vfs::ifstream, std::shared_ptr<std::istream>>(path, mode, m_storage, detail, ec);
+    return open<store::ifstream, std::shared_ptr<std::istream>>(path, mode, m_storage, detail, ec);
 }
 
 std::shared_ptr<std::ostream> VirtualFileSystemOps::doCreateOutputStream(const std::u16string& path, unsigned mode,
                                                                          std::string& detail, error_code& ec) {
-    return open<vfs::ofstream, std::shared_ptr<std::ostream>>(path, mode, m_storage, detail, ec,
-                                                              vfs::ofstream::FailureHandler(throwWriteFailure));
+    return open<store::ofstream, std::shared_ptr<std::ostream>>(path, mode, m_storage, detail, ec,
+                                                              store::ofstream::FailureHandler(throwWriteFailure));
 }
 
 } // namespace opc

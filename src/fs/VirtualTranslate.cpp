@@ -11,7 +11,7 @@ namespace opc::detail {
 namespace {
 
 namespace errc = boost::system::errc;
-namespace vfs = stratum::storage::vfs;
+namespace store = stratum::storage::vfs;
 
 // Storage error code (by number) to the generic error it stands for.
 constexpr std::array<errc::errc_t, 12> kStorageErrors = {
@@ -48,13 +48,13 @@ std::string narrow(std::u16string const& text) {
 void translateStorageException(std::string& detail, boost::system::error_code& ec) noexcept {
     try {
         throw;
-    } catch (vfs::InvalidIRIException const& e) {
+    } catch (store::InvalidIRIException const& e) {
         detail = std::string(e.what()) + ": " + narrow(e.getInvalidIRIString());
         ec = errc::make_error_code(errc::bad_address);
-    } catch (vfs::UnsupportedIRISchemeException const& e) {
+    } catch (store::UnsupportedIRISchemeException const& e) {
         detail = std::string(e.what()) + ": " + narrow(e.getScheme());
         ec = errc::make_error_code(errc::address_family_not_supported);
-    } catch (vfs::Exception const& e) {
+    } catch (store::Exception const& e) {
         detail = e.getMessage();
         std::u16string const location = e.getLocation().toString();
         if (!location.empty())
