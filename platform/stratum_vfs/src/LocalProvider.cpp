@@ -1,8 +1,9 @@
 // The `file` scheme: the local disk through the host file-system layer. An IRI's decoded path
-// is the host path. Links are never followed: a symbolic link is reported as a file.
+// is the host path. Links are never followed: a symbolic link is reported as a file. Durable
+// renames and write-through output are the host layer's; this file adds the storage contract
+// (kinds, the one translation of host failures into storage exceptions).
 #include <stratum/storage/vfs/Exception.hpp>
 
-#include "LocalHost.hpp"
 #include "Providers.hpp"
 
 #include <vela/filesystem/directory_iterator.hpp>
@@ -42,9 +43,9 @@ ErrorCode codeForErrno(int number) {
 constexpr std::uint32_t ownerWrite = 0200;
 constexpr std::uint32_t anyWrite = 0222;
 
-} // namespace
-
-void translateHostException(AbsoluteIRI const& iri) {
+// Called inside a catch handler: throws the storage `Exception` matching the host failure in
+// flight, located at `iri` (a storage `Exception` passes unchanged).
+[[noreturn]] void translateHostException(AbsoluteIRI const& iri) {
     try {
         throw;
     } catch (Exception const&) {
@@ -72,24 +73,15 @@ void translateHostException(AbsoluteIRI const& iri) {
     }
 }
 
-void throwHostErrno(int number, AbsoluteIRI const& iri) {
+// Runs `work`, turning any host failure into a storage exception at `iri`.
+template <class Work>
+auto guarded(AbsoluteIRI const& iri, Work&& work) -> decltype(work()) {
     try {
-        fs::throw_from_errno(number, iri.getPath());
+        return work();
     } catch (...) {
         translateHostException(iri);
     }
 }
-
-std::string accessPath(AbsoluteIRI const& iri) {
-    errno = 0;
-    std::string access = fs::detail::stream_access_form(iri.getPath());
-    if (access.empty()) {
-        throwHostErrno(errno != 0 ? errno : EINVAL, iri);
-    }
-    return access;
-}
-
-namespace {
 
 fs::path hostPath(AbsoluteIRI const& iri) { return fs::path(iri.getPath()); }
 
@@ -99,6 +91,36 @@ ItemKind kindOf(fs::file_status const& status) {
     }
     return (status.type() & fs::file_status::directory_file) ? provider::FolderItem : provider::FileItem;
 }
+
+// The host layer's write-through buffer, handed on operation by operation: every write goes to
+// the kernel at once and a refused one throws the storage exception for it from that write.
+class LocalOutput final : public provider::OutputBuffer {
+public:
+    LocalOutput(AbsoluteIRI const& iri, std::ios_base::openmode mode) {
+        std::string const access = fs::detail::stream_access_form(iri.getPath());
+        if (access.empty() || !host_.open(access, mode, iri.getPath())) {
+            int const error = errno;
+            guarded(iri, [&] { fs::throw_from_errno(error, iri.getPath()); });
+        }
+        host_.set_failure_handler([iri] { translateHostException(iri); });
+    }
+
+    void close() override { host_.close(); }
+
+protected:
+    std::streamsize xsputn(char const* data, std::streamsize size) override { return host_.sputn(data, size); }
+    int_type overflow(int_type c) override {
+        return traits_type::eq_int_type(c, traits_type::eof()) ? traits_type::not_eof(c)
+                                                               : host_.sputc(traits_type::to_char_type(c));
+    }
+    pos_type seekoff(off_type offset, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
+        return host_.pubseekoff(offset, dir, which);
+    }
+    pos_type seekpos(pos_type pos, std::ios_base::openmode which) override { return host_.pubseekpos(pos, which); }
+
+private:
+    fs::detail::write_through_buf host_;
+};
 
 class LocalProvider final : public provider::StorageProvider {
 public:
@@ -163,8 +185,17 @@ public:
         guarded(iri, [&] { fs::remove_all(hostPath(iri)); });
     }
 
+    // The host rename syncs the data, exchanges with an existing `to`, syncs the folders and
+    // narrows the incoming modes. A failure is located at the name the host reports it for.
     void rename(AbsoluteIRI const& from, AbsoluteIRI const& to) override {
-        renameDurably(from, to);
+        fs::path const source = hostPath(from);
+        try {
+            fs::rename(source, hostPath(to));
+        } catch (fs::FsysExceptionBase const& e) {
+            translateHostException(e.path() == source.native() ? from : to);
+        } catch (...) {
+            translateHostException(to);
+        }
     }
 
     std::unique_ptr<std::streambuf> openInput(AbsoluteIRI const& iri) override {
@@ -180,7 +211,7 @@ public:
     }
 
     std::unique_ptr<provider::OutputBuffer> openOutput(AbsoluteIRI const& iri, std::ios_base::openmode mode) override {
-        return openLocalOutput(iri, mode);
+        return std::make_unique<LocalOutput>(iri, mode);
     }
 
     // The host copy creates `to` exclusively (never through a link) and copies the permission

@@ -106,8 +106,8 @@ std::streamsize write_through_buf::xsputn(char const* data, std::streamsize size
         return 0;
     for (std::streamsize done = 0; done < size;) {
         ssize_t const put = sys::retry([&] { return ::write(m_fd, data + done, std::size_t(size - done)); });
-        if (put < 0)
-            fail(errno);
+        if (put <= 0)
+            fail(put < 0 ? errno : EIO); // a file that takes nothing will not take it later either
         done += put;
     }
     return size;

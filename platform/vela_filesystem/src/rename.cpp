@@ -101,12 +101,18 @@ void move_into_place(std::string const& from, std::string const& to, std::u16str
         sync_data(file, from, from_name);
 
     // 2. No moment with the destination wider than before: take away the bits the replaced file
-    //    (or the file behind a link there) lacks.
+    //    (or the file behind a link there) lacks. Bits that cannot be read cannot be kept
+    //    within, so that refuses the rename; a link that leads nowhere replaces no bits.
     mode_t const before = source.st_mode & 07777;
     mode_t after = before;
-    if (how.narrow && how.replace && regular && present && ::stat(to.c_str(), &behind) == 0 &&
-        S_ISREG(behind.st_mode))
-        after = before & behind.st_mode;
+    if (how.narrow && how.replace && regular && present) {
+        if (::stat(to.c_str(), &behind) == 0) {
+            if (S_ISREG(behind.st_mode))
+                after = before & behind.st_mode;
+        } else if (errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {
+            throw_from_errno(errno, to_name);
+        }
+    }
     if (after != before)
         set_mode(file, from, after, from_name);
 

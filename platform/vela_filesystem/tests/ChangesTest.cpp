@@ -317,17 +317,24 @@ TEST(Denied, UnreadableFolderFileAndStreamAsNobody) {
     ::chmod(s.at("secret").c_str(), 0600);
     ASSERT_EQ(::mkdir(s.at("kept").c_str(), 0755), 0); // nobody may list it, not empty it
     std::ofstream(s.at("kept/f")) << "x";
+    // A link to a file whose bits nobody may read: replacing it cannot be kept within them.
+    std::ofstream(s.at("closed/private")) << "x";
+    ::symlink(s.at("closed/private").c_str(), s.at("guarded").c_str());
+    std::ofstream(s.at("wide")) << "x";
+    ::chown(s.at("wide").c_str(), 65534, 65534);
     std::u16string const closed = s.u("closed"), secret = s.u("secret"), copy = s.u("copy"), kept = s.u("kept"),
-                         kept_f = s.u("kept/f");
+                         kept_f = s.u("kept/f"), wide = s.u("wide"), guarded = s.u("guarded");
     using vela_test::thrown_path;
     int const failed = vela_test::as_nobody([&] { // a bit per failed check
         errno = 0;
         bool const stream_denied = vfs::ifstream(secret).fail() && errno == EACCES;
         return int(thrown_path<vfs::AccessDenied>([&] { vfs::directory_iterator it(closed); }) != closed) +
                2 * (thrown_path<vfs::AccessDenied>([&] { vfs::copy_file(secret, copy, 0); }) != secret) +
-               4 * !stream_denied + 8 * (thrown_path<vfs::AccessDenied>([&] { vfs::remove_all(kept); }) != kept_f);
+               4 * !stream_denied + 8 * (thrown_path<vfs::AccessDenied>([&] { vfs::remove_all(kept); }) != kept_f) +
+               16 * (thrown_path<vfs::AccessDenied>([&] { vfs::rename(wide, guarded); }) != guarded);
     });
     EXPECT_EQ(failed, 0);
+    EXPECT_TRUE(S_ISLNK(mode_of(s.at("guarded"))));
     EXPECT_FALSE(vfs::exists(copy));
     EXPECT_EQ(read_all(s.at("kept/f")), "x");
 }
