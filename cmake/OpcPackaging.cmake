@@ -17,20 +17,23 @@ set(CPACK_COMPONENTS_ALL Runtime Development)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${OPC_PACKAGE_MAINTAINER}")
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+# Debug information stays in the build folder, as Debian's own library packages leave it out.
+set(CPACK_STRIP_FILES ON)
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME "${OPC_DEB_RUNTIME}")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "${PROJECT_DESCRIPTION} (shared libraries)
- File-system operations over the local disk and storage named by IRIs, byte streams,
- temporary-file guards and the commit of a package over an old one with a backup.")
+File-system operations over the local disk and storage named by IRIs, byte streams,
+temporary-file guards and the commit of a package over an old one with a backup.")
 # Depends on the Boost and ICU runtime packages, as dpkg-shlibdeps finds them.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
+# A shlibs file, so that programs packaged against these libraries depend on libopccore0.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libopccore-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "${PROJECT_DESCRIPTION} (development files)
- Headers, the CMake package (find_package(opccore)), opccore.pc and the API reference.")
+Headers, the CMake package (find_package(opccore)), opccore.pc and the API reference.")
 # The installed headers and CMake package use Boost's and ICU's headers and CMake files.
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "${OPC_DEB_RUNTIME} (= ${PROJECT_VERSION}-1), libboost-system1.74-dev, libboost-date-time1.74-dev, libboost-filesystem1.74-dev, libboost-iostreams1.74-dev, libicu-dev")
