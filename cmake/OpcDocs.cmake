@@ -1,4 +1,4 @@
-# The target `docs`: the API reference of include/ as HTML, built by Doxygen. A warning fails it.
+# The target `docs`: the README and the API reference of include/ as HTML, built by Doxygen. A warning fails it.
 # With OPC_BUILD_DOCS it is part of the default build and installed under share/doc/opccore.
 
 find_program(OPC_DOXYGEN doxygen)
@@ -21,7 +21,7 @@ add_custom_command(OUTPUT "${OPC_DOCS_DIR}/docs.stamp"
   COMMAND "${CMAKE_COMMAND}" -E rm -rf "${OPC_DOCS_DIR}"
   COMMAND ${run_doxygen}
   COMMAND "${CMAKE_COMMAND}" -E touch "${OPC_DOCS_DIR}/docs.stamp"
-  DEPENDS ${opc_public_headers} "${PROJECT_BINARY_DIR}/Doxyfile"
+  DEPENDS ${opc_public_headers} "${PROJECT_SOURCE_DIR}/README.md" "${PROJECT_BINARY_DIR}/Doxyfile"
   COMMENT "API reference (Doxygen, warnings are errors)"
   VERBATIM)
 
