@@ -1,5 +1,14 @@
 # Helpers shared by the library, its platform layers and their tests.
 
+# opc_find_package(<package> <group> [find_package arguments...])
+# find_package that, when the package is missing, names the command that installs it.
+macro(opc_find_package name group)
+  find_package(${name} ${ARGN})
+  if(NOT ${name}_FOUND)
+    message(FATAL_ERROR "${name} is missing: run ./scripts/setup-deps.sh ${group}")
+  endif()
+endmacro()
+
 function(opc_set_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic)
   if(OPC_WERROR)
@@ -9,22 +18,20 @@ endfunction()
 
 # opc_add_layer(NAME <target> DIR <dir> [LINK_PUBLIC ...] [LINK_PRIVATE ...])
 # A shared platform layer: sources under <dir>/src, public headers under <dir>/include,
-# hidden visibility, installed into the opccore export set.
+# hidden visibility, installed into the opccore export set with its headers under include/opccore.
 function(opc_add_layer)
   cmake_parse_arguments(L "" "NAME;DIR" "LINK_PUBLIC;LINK_PRIVATE" ${ARGN})
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${L_DIR}/src/*.cpp")
   add_library(${L_NAME} SHARED ${sources})
   add_library(opccore::${L_NAME} ALIAS ${L_NAME})
   target_include_directories(${L_NAME} PUBLIC
-    "$<BUILD_INTERFACE:${L_DIR}/include>" "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>"
+    "$<BUILD_INTERFACE:${L_DIR}/include>" "$<INSTALL_INTERFACE:${OPC_INSTALL_LAYER_INCLUDEDIR}>"
     PRIVATE "${L_DIR}/src")
   target_link_libraries(${L_NAME} PUBLIC ${L_LINK_PUBLIC} PRIVATE ${L_LINK_PRIVATE})
   set_target_properties(${L_NAME} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
   opc_set_warnings(${L_NAME})
-  install(TARGETS ${L_NAME} EXPORT opccoreTargets
-          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-          INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-  install(DIRECTORY "${L_DIR}/include/" DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  opc_install_library(${L_NAME})
+  install(DIRECTORY "${L_DIR}/include/" DESTINATION ${OPC_INSTALL_LAYER_INCLUDEDIR} COMPONENT Development)
 endfunction()
 
 # opc_add_test_folder(PREFIX <prefix> DIR <dir> LINK <libs...>)

@@ -1,15 +1,34 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the project needs, and only when one is missing.
+# Installs the Debian packages a task needs, and only those that are missing.
+#
+#   setup-deps.sh [group...]    groups: build (the default), test, bench, docs, package, all
+#
+# build: compile the library and the examples; test: the unit tests; bench: the benchmarks;
+# docs: the API reference; package: the .deb files. apt's own progress is shown.
 set -euo pipefail
 
-packages=(
-  g++ cmake ninja-build pkg-config
-  libboost-system1.74-dev libboost-date-time1.74-dev
-  libboost-filesystem1.74-dev libboost-iostreams1.74-dev
-  libicu-dev zlib1g-dev tzdata
-  libgtest-dev libgmock-dev libbenchmark-dev
-  strace
+declare -A groups=(
+  [build]="g++ cmake ninja-build pkg-config libboost-system1.74-dev libboost-date-time1.74-dev
+           libboost-filesystem1.74-dev libboost-iostreams1.74-dev libicu-dev tzdata"
+  [test]="libgtest-dev libgmock-dev strace"
+  [bench]="libbenchmark-dev"
+  [docs]="doxygen"
+  [package]="dpkg-dev file"
 )
+
+wanted=("$@")
+[ ${#wanted[@]} -eq 0 ] && wanted=(build)
+[ "${wanted[*]}" = all ] && wanted=(build test bench docs package)
+
+packages=()
+for g in "${wanted[@]}"; do
+  if [ -z "${groups[$g]+set}" ]; then
+    echo "setup-deps.sh: unknown group '$g'; the groups are: build test bench docs package all" >&2
+    exit 2
+  fi
+  # shellcheck disable=SC2206 # the lists are plain words
+  packages+=(${groups[$g]})
+done
 
 missing=()
 for p in "${packages[@]}"; do
@@ -17,12 +36,26 @@ for p in "${packages[@]}"; do
     missing+=("$p")
   fi
 done
-
 [ ${#missing[@]} -eq 0 ] && exit 0
 
+if ! command -v apt-get >/dev/null; then
+  echo "setup-deps.sh: apt-get not found; install these packages by hand: ${missing[*]}" >&2
+  exit 1
+fi
 sudo=""
-[ "$(id -u)" -ne 0 ] && sudo="sudo"
-echo "Installing: ${missing[*]}"
+if [ "$(id -u)" -ne 0 ]; then
+  if ! command -v sudo >/dev/null; then
+    echo "setup-deps.sh: missing ${missing[*]}; run as root: ./scripts/setup-deps.sh ${wanted[*]}" >&2
+    exit 1
+  fi
+  sudo="sudo"
+fi
+
+echo "== Installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq
-$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+$sudo apt-get update
+# -q: one line per package fetched, unpacked and set up, without the redrawn progress bars.
+if ! $sudo apt-get install -y -q --no-install-recommends "${missing[@]}"; then
+  echo "setup-deps.sh: apt-get could not install: ${missing[*]} (these names are Debian 12's)" >&2
+  exit 1
+fi

@@ -2,12 +2,12 @@
 # Installs what is missing, then builds and runs every test twice: a normal build and one with
 # AddressSanitizer and UndefinedBehaviorSanitizer. A third build with ThreadSanitizer builds
 # and runs only the tests that start threads (CTest label "threads"); any report fails it.
-# Warnings are errors. Last, the installed package is checked by building a consumer project
-# against it.
+# Warnings are errors, and so are the API reference's (built with the normal build). Last, the
+# installed package and the .deb files are checked by building a consumer project against them.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 cd "$root"
-./scripts/setup-deps.sh
+./scripts/setup-deps.sh all
 
 jobs=$(nproc)
 
@@ -23,7 +23,8 @@ build_and_test() {
 }
 
 echo "== Normal build"
-build_and_test build/release -DOPC_SANITIZE=OFF -DOPC_BUILD_BENCH=ON
+build_and_test build/release -DOPC_SANITIZE=OFF -DOPC_BUILD_BENCH=ON -DOPC_BUILD_DOCS=ON \
+  -DCMAKE_INSTALL_PREFIX=/usr
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
@@ -38,5 +39,5 @@ cmake --build build/tsan --parallel "$jobs" --target opc_threaded_tests
 ctest --test-dir build/tsan --label-regex threads --no-tests=error --parallel "$jobs" --output-on-failure --timeout 900
 unset TSAN_OPTIONS
 
-echo "== Installed package"
+echo "== Installed package and .deb files"
 ./scripts/check-install.sh build/release

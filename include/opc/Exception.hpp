@@ -16,6 +16,7 @@ namespace opc {
 /// must not use `code().failed()` to tell a real exception from none.
 class OPC_API Exception : public std::runtime_error {
 public:
+    /// `what()` gives `message`; `code()` gives `code`.
     Exception(std::string const& message, boost::system::error_code code);
 
     /// The error code given at construction.

@@ -64,6 +64,7 @@ public:
 /// current get position.
 class OPC_API StdIStreamAdaptor : public InputStream {
 public:
+    /// Wraps `stream`, which must outlive the adaptor.
     explicit StdIStreamAdaptor(std::istream& stream) : m_stream(stream) {}
 
     /// When closed: clears the stream's state flags, seeks it to offset 0 and marks the adaptor
@@ -89,6 +90,7 @@ private:
 /// An `OutputStream` over a standard output stream that the caller keeps alive.
 class OPC_API StdOStreamAdaptor : public OutputStream {
 public:
+    /// Wraps `stream`, which must outlive the adaptor.
     explicit StdOStreamAdaptor(std::ostream& stream) : m_stream(stream) {}
 
     /// One unformatted block write; returns `tellp()` after minus `tellp()` before, as a signed
@@ -114,6 +116,7 @@ private:
 /// the size is read on every call). Starts open at position 0.
 class OPC_API ByteArrayInAdaptor : public InputStream {
 public:
+    /// Reads `bytes`, which must outlive the adaptor.
     explicit ByteArrayInAdaptor(std::vector<unsigned char> const& bytes) : m_bytes(bytes) {}
 
     /// When closed: rewinds to position 0 and marks open. When already open: does nothing.
@@ -138,6 +141,7 @@ private:
 /// at the vector's size, so the adaptor appends to what the vector already holds.
 class OPC_API ByteArrayOutAdaptor : public OutputStream {
 public:
+    /// Appends to `bytes`, which must outlive the adaptor.
     explicit ByteArrayOutAdaptor(std::vector<unsigned char>& bytes) : m_bytes(bytes), m_position(bytes.size()) {}
 
     /// Makes the vector exactly (position + size) bytes long (zero-filling a gap, cutting off
@@ -187,9 +191,10 @@ public:
 /// stream that the caller keeps alive.
 class OPC_API InputStreamSource {
 public:
-    using char_type = char;
-    using category = boost::iostreams::source_tag;
+    using char_type = char;                        ///< Bytes, as Boost.Iostreams counts them.
+    using category = boost::iostreams::source_tag; ///< A Source.
 
+    /// Reads from `stream`.
     explicit InputStreamSource(InputStream& stream) : m_stream(stream) {}
 
     /// -1 (end of sequence) when the stream is done, without reading; otherwise exactly what
@@ -204,9 +209,11 @@ private:
 /// to a stream that the caller keeps alive.
 class OPC_API OutputStreamSink {
 public:
-    using char_type = char;
+    using char_type = char; ///< Bytes, as Boost.Iostreams counts them.
+    /// A flushable Sink.
     struct category : boost::iostreams::sink_tag, boost::iostreams::flushable_tag {};
 
+    /// Writes to `stream`.
     explicit OutputStreamSink(OutputStream& stream) : m_stream(stream) {}
 
     /// Exactly what the stream's `write` returns.

@@ -27,6 +27,7 @@ namespace opc {
 /// as the storage system allows concurrent calls.
 class OPC_API VirtualFileSystemOps : public FileSystemOps {
 public:
+    /// The storage system the IRIs are resolved in.
     using StorageSystemReference = stratum::storage::vfs::StorageSystemReference;
 
     /// Keeps a copy of the reference for the object's whole life.
@@ -81,14 +82,15 @@ protected:
 
     /// A storage stream opened with `mode` exactly as given (no bits added). A stream that
     /// opens in a failed state gives `io_error` and no detail text.
+    std::shared_ptr<std::istream> doCreateInputStream(const std::u16string& path, unsigned mode,
+                                                      std::string& detail, error_code& ec) override;
+    /// Opens as `doCreateInputStream` does.
     /// The output stream writes through: each write operation hands its bytes to the storage
     /// before it returns, and a write the storage refuses (full, file too large, I/O error, a
     /// `memory:` file removed or made read-only meanwhile) throws `opc::Exception`
     /// "write failed: " and the translated detail, with the translated code, from that
     /// operation (its bad bit is set). Closing the stream (the last holder letting go) cannot
     /// lose bytes: none are held back.
-    std::shared_ptr<std::istream> doCreateInputStream(const std::u16string& path, unsigned mode,
-                                                      std::string& detail, error_code& ec) override;
     std::shared_ptr<std::ostream> doCreateOutputStream(const std::u16string& path, unsigned mode,
                                                        std::string& detail, error_code& ec) override;
     void doCreateFolder(const std::u16string& path, std::string& detail, error_code& ec) override;
