@@ -1,6 +1,7 @@
-// The commit under process death: killed at random moments, the target is always one whole
-// package; and under strace, the temporary file is flushed before the rename and the folder
-// after it.
+// The commit where only a whole process can show it: killed at random moments, under strace
+// (flush order, every failing system call) and on a disk that fills up. Each commit runs in a
+// child, for every pair of back ends whose target lives on a disk; after it the target holds
+// the old package or the new one, whole, and a commit that reported failure left the old one.
 
 #include "support/HostFolder.hpp"
 
@@ -11,117 +12,153 @@
 
 #include <gtest/gtest.h>
 
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdlib>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <iostream>
+#include <functional>
 #include <random>
+#include <set>
 #include <sstream>
-#include <vector>
 
 namespace opc::test {
 namespace {
 
-// When this variable is set ("<source kind>\n<target>\n<source>"), the test binary is the
-// child that the traced tests run under strace: it commits once and exits before any test runs,
-// with 0 after a commit, 3 after an opc::Exception, 4 after anything else. The source kind is
-// "local", "memory" (the source file's bytes are first written to memory storage, so the commit
-// streams them across back ends) or "file" (the target is reached through a file IRI).
-char const* const ChildVariable = "OPC_COMMIT_TRACED_CHILD";
+namespace fs = std::filesystem;
 
+// Where the source is read from and the target written to: the host through the local back
+// end, memory storage (the source's bytes copied there first, so the commit streams them across
+// back ends), or the host through a file IRI.
+enum Kind { Local, Memory, File };
+char const* const KindNames[] = {"Local", "Memory", "File"};
+
+std::u16string pathIn(Kind kind, std::string const& file) {
+    return kind == Local ? u16(file) : kind == File ? u16("file://" + file) : u"memory:///" + u16(fs::path(file).filename());
+}
+
+// Commits `source` over `target` between back ends of the given kinds.
+void commitBetween(Kind from, Kind to, std::string const& target, std::string const& source, bool backup = false) {
+    stratum::storage::vfs::StorageSystemReference storage;
+    LocalFileSystemOps local;
+    VirtualFileSystemOps storageOps(storage);
+    auto ops = [&](Kind k) -> FileSystemOps& { return k == Local ? static_cast<FileSystemOps&>(local) : storageOps; };
+    if (from == Memory) {
+        std::string const content = readFile(source);
+        ops(Memory).createOutputStream(pathIn(Memory, source), OpenMode::WriteBinary)->write(content.data(), long(content.size()));
+    }
+    CommitOptions options;
+    options.removeBackup(!backup);
+    replaceFileWithBackup(ops(to), pathIn(to, target), ops(from), pathIn(from, source), options);
+}
+
+// Runs `job` in a child process and returns what it wrote to its channel ("" when nothing).
+std::string inChild(std::function<std::string()> const& job) {
+    int channel[2];
+    if (::pipe(channel) != 0)
+        return "pipe failed";
+    ::fflush(nullptr);
+    pid_t const child = ::fork();
+    if (child == 0) {
+        ::close(channel[0]);
+        std::string report;
+        try {
+            report = job();
+        } catch (std::exception const& e) {
+            report = std::string("set-up failed: ") + e.what();
+        }
+        std::_Exit(::write(channel[1], report.data(), report.size()) < 0 ? 2 : 0);
+    }
+    ::close(channel[1]);
+    std::string report;
+    char buffer[512];
+    for (ssize_t got; (got = ::read(channel[0], buffer, sizeof buffer)) > 0;)
+        report.append(buffer, static_cast<std::size_t>(got));
+    ::close(channel[0]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? report : report + " (child status " + std::to_string(status) + ")";
+}
+
+// When this variable holds "<source kind>\n<target kind>\n<target>\n<source>", the test binary
+// is the child run under strace: it commits once and exits before any test runs, with 0 after
+// a commit, 3 after an opc::Exception, 4 after anything else.
+char const* const ChildVariable = "OPC_COMMIT_TRACED_CHILD";
 struct TracedChild {
     TracedChild() {
-        char const* job = std::getenv(ChildVariable);
-        if (!job)
-            return;
-        std::istringstream lines(job);
-        std::string kind, target, source;
-        std::getline(lines, kind);
-        std::getline(lines, target);
-        std::getline(lines, source);
-        int status = 0;
-        try {
-            stratum::storage::vfs::StorageSystemReference storage;
-            LocalFileSystemOps local;
-            VirtualFileSystemOps storageOps(storage);
-            if (kind == "memory") {
-                std::string const content = readFile(source);
-                storageOps.createOutputStream(u"memory:///new.pkg", OpenMode::WriteBinary)
-                    ->write(content.data(), static_cast<std::streamsize>(content.size()));
-                replaceFileWithBackup(local, u16(target), storageOps, u"memory:///new.pkg", CommitOptions());
-            } else if (kind == "file") {
-                replaceFileWithBackup(storageOps, u16("file://" + target), local, u16(source), CommitOptions());
-            } else {
-                replaceFileWithBackup(local, u16(target), local, u16(source), CommitOptions());
+        if (char const* job = std::getenv(ChildVariable)) {
+            std::istringstream lines(job);
+            int from = 0, to = 0;
+            std::string target, source;
+            lines >> from >> to;
+            lines.ignore(1);
+            std::getline(lines, target);
+            std::getline(lines, source);
+            int status = 0;
+            try {
+                commitBetween(Kind(from), Kind(to), target, source);
+            } catch (Exception const&) {
+                status = 3;
+            } catch (...) {
+                status = 4;
             }
-        } catch (Exception const&) {
-            status = 3;
-        } catch (...) {
-            status = 4;
+            std::_Exit(status);
         }
-        std::_Exit(status);
     }
 } const tracedChild;
 
 TEST(CommitCrash, KilledCommitsLeaveTheOldOrTheNewPackageWhole) {
     HostFolder root;
-    std::string const dir = root.path().string();
-    std::string const target = dir + "/p.pkg";
-    std::string const contents[2] = {pattern(1 << 20, 3), pattern(1 << 20, 4)};
-    std::string const sources[2] = {dir + "/a.src", dir + "/b.src"};
+    std::string const dir = root.path().string(), target = dir + "/p.pkg";
+    std::string const contents[2] = {pattern(1 << 20, 3), pattern(1 << 20, 4)}, sources[2] = {dir + "/a", dir + "/b"};
     for (int i = 0; i < 2; ++i)
         writeFile(sources[i], contents[i]);
     writeFile(target, contents[0]);
-
     std::mt19937 random(20261123);
-    std::uniform_int_distribution<int> delayMicros(0, 40000);
-    int seen[2] = {0, 0};
     for (int round = 0; round < 200; ++round) {
         ::fflush(nullptr);
         pid_t const child = ::fork();
         ASSERT_GE(child, 0);
-        if (child == 0) { // commit the other package, then back, for ever, with a backup each time
+        if (child == 0) { // the other package, then back, for ever, with a backup each time
             try {
-                LocalFileSystemOps ops;
-                CommitOptions options;
-                options.removeBackup(false);
                 for (unsigned n = 1;; ++n)
-                    replaceFileWithBackup(ops, u16(target), ops, u16(sources[n % 2]), options);
+                    commitBetween(Local, Local, target, sources[n % 2], true);
             } catch (...) {
             }
             std::_Exit(3);
         }
-        ::usleep(static_cast<useconds_t>(delayMicros(random)));
+        ::usleep(static_cast<useconds_t>(random() % 40000));
         ::kill(child, SIGKILL);
         int status = 0;
         ASSERT_EQ(::waitpid(child, &status, 0), child);
         ASSERT_TRUE(WIFSIGNALED(status)) << "the committing child stopped by itself in round " << round;
-
-        // Leftover temporary files of killed commits are allowed; only the target is judged.
-        std::string const now = readFile(target);
-        bool const isNew = now == contents[1];
-        ASSERT_TRUE(isNew || now == contents[0]) << "round " << round << ": " << now.size() << " bytes of neither";
-        ++seen[isNew];
-        if (isNew) // start every round from the first package, so each kill can show either
+        std::string const now = readFile(target); // leftover temporary files are allowed
+        ASSERT_TRUE(now == contents[1] || now == contents[0]) << "round " << round << ": " << now.size() << " bytes";
+        if (now == contents[1]) // each round starts from the first package, so a kill can show either
             writeFile(target, contents[0]);
     }
-    std::cout << "kills: 200, old " << seen[0] << ", new " << seen[1] << "\n";
 }
 
 int shell(std::string const& command) {
     int const status = std::system(command.c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
-
 bool contains(std::string const& line, std::string const& piece) { return line.find(piece) != std::string::npos; }
 bool succeeded(std::string const& line) { return line.size() >= 3 && line.compare(line.size() - 3, 3, "= 0") == 0; }
 
+struct Pair {
+    Kind from, to;
+};
+std::string pairName(Pair p) { return std::string(KindNames[p.from]) + "To" + KindNames[p.to]; }
+
 // Runs the traced child once under strace with `options`; the trace goes to `trace`.
-class Traced : public ::testing::TestWithParam<char const*> {
+class Traced : public ::testing::TestWithParam<Pair> {
 protected:
     HostFolder root;
     std::string const dir = root.path().string();
@@ -129,24 +166,18 @@ protected:
     std::string const oldContent = pattern(100000, 5), newContent = pattern(100000, 6);
 
     void SetUp() override {
-        if (shell("command -v strace >/dev/null 2>&1") != 0)
-            GTEST_SKIP() << "strace is not installed";
         if (shell("strace -o /dev/null true >/dev/null 2>&1") != 0)
-            GTEST_SKIP() << "tracing is not permitted here (ptrace refused)";
+            GTEST_SKIP() << "strace is missing, or tracing is not permitted here";
         writeFile(source, newContent);
     }
-
     int commitUnder(std::string const& options) {
         writeFile(target, oldContent, 0640);
-        std::vector<char> self(4096);
-        if (::readlink("/proc/self/exe", self.data(), self.size() - 1) <= 0)
-            return -1;
-        std::string const command = std::string(ChildVariable) + "=\"$(printf '%s\\n%s\\n%s' '" + GetParam() +
-                                    "' '" + target + "' '" + source + "')\" strace -f -y -qq " + options + " -o '" +
-                                    trace + "' '" + self.data() + "' >/dev/null 2>&1";
-        return shell(command);
+        std::string const job = std::to_string(GetParam().from) + " " + std::to_string(GetParam().to) + "\n" + target + "\n" + source;
+        ::setenv(ChildVariable, job.c_str(), 1);
+        int const status = shell("strace -f -y -qq " + options + " -o '" + trace + "' /proc/" + std::to_string(::getpid()) + "/exe >/dev/null 2>&1");
+        ::unsetenv(ChildVariable);
+        return status;
     }
-
     std::vector<std::string> traceLines() const {
         std::ifstream in(trace);
         std::vector<std::string> lines;
@@ -160,27 +191,21 @@ TEST_P(Traced, NewDataIsFlushedBeforeTheRenameAndTheFolderAfter) {
     ASSERT_EQ(commitUnder("-e trace=fdatasync,fsync,rename,renameat,renameat2,openat"), 0);
     ASSERT_EQ(readFile(target), newContent);
     std::vector<std::string> const lines = traceLines();
-
-    // The successful rename onto the target; its first quoted path is the temporary file.
-    std::size_t renameAt = lines.size();
+    std::size_t renameAt = lines.size(); // the successful rename onto the target; its first path is the temporary file
     std::string temporary;
-    for (std::size_t i = 0; i < lines.size(); ++i) {
-        std::string const& line = lines[i];
-        if (!contains(line, " rename") || !contains(line, ", \"" + target + "\"") || !succeeded(line))
-            continue;
-        auto const open = line.find('"');
-        temporary = line.substr(open + 1, line.find('"', open + 1) - open - 1);
-        renameAt = i;
-    }
+    for (std::size_t i = 0; i < lines.size(); ++i)
+        if (contains(lines[i], " rename") && contains(lines[i], ", \"" + target + "\"") && succeeded(lines[i])) {
+            auto const open = lines[i].find('"');
+            temporary = lines[i].substr(open + 1, lines[i].find('"', open + 1) - open - 1);
+            renameAt = i;
+        }
     ASSERT_LT(renameAt, lines.size()) << "no rename onto the target in the trace";
     EXPECT_EQ(temporary.rfind(dir + "/", 0), 0u) << temporary << " is not beside the target";
     ASSERT_NE(temporary, source) << "the new file itself must not be renamed";
-
-    // A successful fsync or fdatasync of a descriptor that strace shows open on `path`.
     auto syncs = [&](std::string const& path, std::size_t from, std::size_t to) {
         for (std::size_t i = from; i < to; ++i)
-            if ((contains(lines[i], " fsync(") || contains(lines[i], " fdatasync(")) &&
-                contains(lines[i], "<" + path + ">)") && succeeded(lines[i]))
+            if ((contains(lines[i], " fsync(") || contains(lines[i], " fdatasync(")) && contains(lines[i], "<" + path + ">)") &&
+                succeeded(lines[i]))
                 return true;
         return false;
     };
@@ -189,37 +214,104 @@ TEST_P(Traced, NewDataIsFlushedBeforeTheRenameAndTheFolderAfter) {
 }
 
 // Every write, sync, rename and close on the package's folder fails in turn with EIO (calls
-// elsewhere, such as the loader's, are left alone: a fault there is no test of the commit). A
-// commit that reports success has put the new package in place; one that throws has left the
-// old one, mode included; nothing else ever happens.
+// elsewhere, such as the loader's, are no test of the commit). Success means the new package,
+// failure the old one, mode included.
 TEST_P(Traced, EveryFailingSystemCallLeavesTheOldOrTheNewPackage) {
     int runs = 0;
-    for (char const* call : {"write", "fdatasync", "fsync", "rename", "renameat2", "close"}) {
-        // Which calls of this kind touch the folder: their numbers stay the same from run to run.
-        ASSERT_EQ(commitUnder(std::string("-e trace=") + call), 0);
+    for (std::string const call : {"write", "fdatasync", "fsync", "rename", "renameat2", "close"}) {
+        ASSERT_EQ(commitUnder("-e trace=" + call), 0); // which calls touch the folder: stable between runs
         std::vector<std::string> const plain = traceLines();
         for (std::size_t n = 1; n <= plain.size(); ++n) {
             if (!contains(plain[n - 1], dir))
                 continue;
             SCOPED_TRACE(plain[n - 1]);
-            int const status = commitUnder(std::string("-e trace=") + call + " -e inject=" + call +
-                                           ":error=EIO:when=" + std::to_string(n));
+            int const status = commitUnder("-e trace=" + call + " -e inject=" + call + ":error=EIO:when=" + std::to_string(n));
             std::vector<std::string> const lines = traceLines();
             ASSERT_TRUE(n <= lines.size() && contains(lines[n - 1], "(INJECTED)")) << "the run took another path";
             ASSERT_TRUE(status == 0 || status == 3) << "exit status " << status;
-            EXPECT_EQ(readFile(target) == (status == 0 ? newContent : oldContent), true)
-                << (status == 0 ? "reported success without the new package"
-                                : "reported failure without the old package");
+            EXPECT_TRUE(readFile(target) == (status == 0 ? newContent : oldContent)) << "status " << status;
             EXPECT_EQ(modeOf(target), 0640);
             ++runs;
         }
     }
-    std::cout << GetParam() << ": " << runs << " failing calls\n";
     EXPECT_GT(runs, 4);
 }
 
-INSTANTIATE_TEST_SUITE_P(Commit, Traced, ::testing::Values("local", "memory", "file"),
-                         [](auto const& info) { return std::string(info.param); });
+INSTANTIATE_TEST_SUITE_P(Commit, Traced, ::testing::Values(Pair{Local, Local}, Pair{Memory, Local}, Pair{Local, File}),
+                         [](auto const& info) { return pairName(info.param); });
+
+// The storage fills up while the new package is written: RLIMIT_FSIZE for anyone, a 512 KiB
+// tmpfs in a private mount namespace as root. The commit throws with the storage's code and
+// leaves the old package byte for byte with its mode; beside it only a backup and a partly
+// written temporary file may stay, and nothing changes around its folder.
+struct DiskCase {
+    Pair pair;
+    bool tmpfs, backup;
+};
+
+std::string commitOnFullDisk(DiskCase const& c, std::string const& root) {
+    std::string const dir = root + "/target", target = dir + "/p.pkg", source = root + "/new.pkg";
+    fs::create_directories(dir);
+    if (c.tmpfs && (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0))
+        return "no private mount";
+    if (c.tmpfs && ::mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=512k") != 0)
+        return std::string("mount: ") + std::strerror(errno);
+    std::string const oldContent = pattern(100 * 1024, 7);
+    writeFile(target, oldContent, 0640);
+    writeFile(source, pattern(900 * 1024, 8), 0644);
+    auto names = [](std::string const& folder) {
+        std::set<std::string> names;
+        for (auto const& e : fs::directory_iterator(folder))
+            names.insert(e.path().filename().string());
+        return names;
+    };
+    std::set<std::string> const before = names(root);
+    struct rlimit const limit = {64 * 1024, 64 * 1024};
+    if (!c.tmpfs && (::signal(SIGXFSZ, SIG_IGN) == SIG_ERR || ::setrlimit(RLIMIT_FSIZE, &limit) != 0))
+        return "setrlimit failed";
+    std::ostringstream wrong;
+    try {
+        commitBetween(c.pair.from, c.pair.to, target, source, c.backup);
+        wrong << "the commit returned normally; ";
+    } catch (Exception const& e) {
+        if (std::string(e.what()).rfind("Could not commit changes:  ", 0) != 0 || e.code().value() != (c.tmpfs ? ENOSPC : EFBIG))
+            wrong << "'" << e.what() << "' code " << e.code().value() << "; ";
+    }
+    if (readFile(target) != oldContent || modeOf(target) != 0640)
+        wrong << "the target changed: " << readFile(target).size() << " bytes, mode " << std::oct << modeOf(target) << "; ";
+    for (auto const& name : names(dir))
+        if (name != "p.pkg" && name.rfind("p.pkg.bak", 0) != 0 && !(name.front() == '.' && fs::path(name).extension() == ".tmp"))
+            wrong << "left behind: " << name << "; ";
+    if (names(root) != before)
+        wrong << "the folder around the target changed; ";
+    return wrong.str();
+}
+
+class CommitDiskFull : public ::testing::TestWithParam<DiskCase> {};
+
+TEST_P(CommitDiskFull, FailsAndLeavesTheOldPackageWhole) {
+    if (GetParam().tmpfs && ::geteuid() != 0)
+        GTEST_SKIP() << "mounting a small tmpfs needs root; the file-size limit cases cover this user";
+    HostFolder root;
+    std::string const report = inChild([&] { return commitOnFullDisk(GetParam(), root.path().string()); });
+    if (report == "no private mount")
+        GTEST_SKIP() << "this machine refuses a private mount namespace";
+    EXPECT_EQ(report, "");
+}
+
+std::vector<DiskCase> diskCases() {
+    std::vector<DiskCase> cases;
+    for (Pair p : {Pair{Local, Local}, Pair{Memory, Local}, Pair{File, Local}, Pair{Local, File}, Pair{Memory, File}})
+        for (bool tmpfs : {false, true})
+            for (bool backup : {false, true})
+                cases.push_back({p, tmpfs, backup});
+    return cases;
+}
+
+INSTANTIATE_TEST_SUITE_P(Pairs, CommitDiskFull, ::testing::ValuesIn(diskCases()), [](auto const& info) {
+    DiskCase const& c = info.param;
+    return pairName(c.pair) + (c.tmpfs ? "Tmpfs" : "FileSize") + (c.backup ? "Backup" : "");
+});
 
 } // namespace
 } // namespace opc::test

@@ -2,12 +2,12 @@
 // fault injected at every call of the target back end in turn, for each pair of back ends.
 
 #include "support/HostFolder.hpp"
-#include "support/ScriptedOps.hpp"
 
 #include <opc/Commit.hpp>
 #include <opc/Exception.hpp>
 #include <opc/LocalFileSystemOps.hpp>
 #include <opc/VirtualFileSystemOps.hpp>
+#include <opc/testing/FaultInjectingOps.hpp>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -112,6 +112,32 @@ TEST_F(RealCommit, BackupOverwritesAStaleOneAndNeverFollowsALink) {
     EXPECT_THAT(announced, ElementsAre(u16(target + ".bak"), u16(target + ".bak2")));
 }
 
+// The public double fails a picked call as a back end fails, in both forms, and forwards the
+// rest with the back end's own failures unchanged.
+TEST_F(RealCommit, FaultInjectingOpsFailsAsABackEndDoes) {
+    opc::testing::FaultInjectingOps faulty(local);
+    std::u16string const picked = u16(dir + "/picked"), other = u16(dir + "/other");
+    auto const io = errc::make_error_code(errc::io_error);
+    faulty.failWhen([&](opc::testing::Call const& c) { return c.paths.front() == picked; }, io);
+    boost::system::error_code ec;
+    EXPECT_EQ(faulty.getPermissions(picked, ec), Perms::PermsUnknown);
+    EXPECT_EQ(ec, io);
+    auto message = [](auto&& f) -> std::string {
+        try {
+            f();
+        } catch (Exception const& e) {
+            return e.what() + (": " + e.code().message());
+        }
+        return "";
+    };
+    EXPECT_EQ(message([&] { faulty.exists(picked); }), "exists failed: " + io.message() + ": " + dir + "/picked: " + io.message());
+    EXPECT_EQ(message([&] { faulty.getSizeInBytes(other); }), message([&] { local.getSizeInBytes(other); }));
+    EXPECT_TRUE(faulty.isFolder(u16(dir)));
+    EXPECT_TRUE(faulty.fired());
+    EXPECT_EQ(faulty.callCount(), 4u);
+    EXPECT_EQ(faulty.callCount("exists"), 1u);
+}
+
 // The k-th call of the target back end fails, for every k until a run makes no k-th call. The
 // fault-free run tells when the rename happened. A source of the target's type is copied by the
 // target; of another type it is streamed across.
@@ -128,7 +154,7 @@ TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
     FaultCase const& c = GetParam();
     options.removeBackup(!c.backup);
     auto const injected = errc::make_error_code(errc::io_error);
-    ScriptedOps faulty(ops(c.target));
+    opc::testing::FaultInjectingOps faulty(ops(c.target));
     bool const sameType = (c.source == Kind::Local) == (c.target == Kind::Local);
     std::u16string const path = folder(c.target) + u"/p.pkg";
     std::u16string const from = c.source == Kind::Local ? u16(source) : u"memory:///s/new.pkg";
@@ -151,8 +177,10 @@ TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
         replaceFileWithBackup(faulty, path, sourceOps, from, options);
     };
     run(0);
-    std::vector<Op> const plan = faulty.ops();
-    std::size_t const renameAt = std::find(plan.begin(), plan.end(), Op::Rename) - plan.begin() + 1;
+    auto const& plan = faulty.calls();
+    std::size_t const renameAt =
+        std::find_if(plan.begin(), plan.end(), [](auto const& call) { return call.operation == "rename"; }) -
+        plan.begin() + 1;
     ASSERT_LE(renameAt, plan.size());
 
     for (std::size_t k = 1;; ++k) {
@@ -173,16 +201,16 @@ TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
             break;
         }
         ASSERT_LT(k, 200u) << "the commit never stops calling";
-        Op const failed = faulty.calls()[k - 1].op;
-        SCOPED_TRACE(publicName(failed));
+        std::string const failed = faulty.calls()[k - 1].operation;
+        SCOPED_TRACE(failed);
         // Ignored faults, and those a further backup name gets round, end in a whole commit.
         bool const afterRename = k > renameAt, replaced = !threw || afterRename;
         EXPECT_EQ(contentOf(c.target, path), replaced ? "new" : "old");
         int const mode = modeOf(c.target);
         // A refused final mode is ignored only while the owner can read and write; a read-only
         // target made writable is not restored when no temporary name comes.
-        bool const refused = afterRename && failed == Op::SetPermissions;
-        bool const noName = threw && (failed == Op::GetParentPath || failed == Op::GetTempName);
+        bool const refused = afterRename && failed == "setPermissions";
+        bool const noName = threw && (failed == "getParentPath" || failed == "getTempName");
         EXPECT_EQ(mode, refused ? mode | 0600 : noName ? c.mode | 0200 : c.mode);
         // Faults strike before the inner call and a failed rename removes its temporary file.
         for (auto const& name : names(c.target))
