@@ -398,6 +398,21 @@ TEST(CommitModel, AcrossBackEndTypesTheContentIsStreamed) {
         EXPECT_TRUE(c.operation != "createOutputStream" || (c.paths[0] == Tmp && c.value == OpenMode::WriteBinary));
     EXPECT_EQ(source.in.use_count(), 1);
     EXPECT_EQ(out.use_count(), 1);
+    // A back end that reports success without a stream is reported, not dereferenced.
+    for (char const* missing : {"createInputStream", "createOutputStream"}) {
+        World again;
+        again.files[P] = {"old"};
+        source.in = std::string(missing) == "createInputStream" ? nullptr : std::make_shared<std::istringstream>("x");
+        again.always["createOutputStream"] = [&](Call const&) { return World::Reply{}; };
+        try {
+            replaceFileWithBackup(again, P, source, N, CommitOptions());
+            ADD_FAILURE() << missing;
+        } catch (Exception const& e) {
+            EXPECT_EQ(e.what(), wrapped(std::string(missing) + " returned no stream", errc::io_error));
+            EXPECT_EQ(e.code(), code(errc::io_error));
+        }
+        EXPECT_EQ(again.files.at(P).content, "old");
+    }
 }
 
 } // namespace

@@ -318,24 +318,15 @@ TEST(CopyLoop, ByteArraysWithoutAllocationAndStandardStreamsAsTheyStand) {
     EXPECT_EQ(g_allocations, 0);
     EXPECT_EQ(target, data);
 
-    Log log;
     LimitedBuf buf(100, true);
     std::ostream os(&buf);
-    ScriptedInput dribble(log, Bytes(data.begin(), data.begin() + 50), {0, 20});
-    EXPECT_TRUE(StreamHelper::copyStreamToStream(dribble, os));
-    EXPECT_EQ(buf.str(), std::string(data.begin(), data.begin() + 50));
-    EXPECT_EQ(buf.syncs, 0);
-    EXPECT_EQ(log, (Log{"r16384:0", "i0", "r16384:20", "i0", "r16384:30", "i1"}));
-    log.clear(); // a write that over-claims counts as whole
-    ScriptedInput whole(log, Bytes(data.begin(), data.begin() + 20000), {});
-    ScriptedOutput overclaiming(log, {~0ul});
-    EXPECT_TRUE(StreamHelper::copyStreamToStream(whole, overclaiming));
-    EXPECT_EQ(log, (Log{"r16384:16384", "i0", "w16384:" + std::to_string(~0ul), "o0", "r16384:3616", "i1", "w3616:3616", "o0"}));
     std::istringstream is("0123456789");
     is.seekg(4);
-    std::ostringstream sink;
-    EXPECT_TRUE(StreamHelper::copyStreamToStream(is, sink));
-    EXPECT_EQ(sink.str(), "456789");
+    Log log;
+    ScriptedInput dribble(log, Bytes(data.begin(), data.begin() + 50), {0, 20});
+    EXPECT_TRUE(StreamHelper::copyStreamToStream(is, os) && StreamHelper::copyStreamToStream(dribble, os));
+    EXPECT_EQ(buf.str(), "456789" + std::string(data.begin(), data.begin() + 50));
+    EXPECT_EQ(buf.syncs, 0);
 }
 
 // A Source ends the sequence (-1) on a done stream without reading; an empty read is not the
