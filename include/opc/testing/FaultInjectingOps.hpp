@@ -85,13 +85,14 @@ protected:
     /// Called for every counted call that is not failed on purpose. A derived double answers
     /// the call by returning its result (and, to fail it, setting `ec` and `detail` as a back
     /// end does), or returns nothing to have it forwarded. A result of another type than the
-    /// operation's counts as an empty one. It may throw, as a misbehaving back end would. This
-    /// one forwards every call.
+    /// operation's counts as an empty one. It may throw, as a misbehaving back end would (that
+    /// reaches callers of the throwing forms; the noexcept error-code forms end the process).
+    /// This one forwards every call.
     virtual std::optional<Result> answer(Call const& call, std::string& detail, error_code& ec);
 
-    // The back-end operations: each counts its call, then fails it, lets `answer` answer it, or
-    // forwards it to the inner back end through its error-code form (the path-text operations,
-    // which have only the throwing form, through that).
+    // The back-end operations: each counts and logs its call, then fails it, lets `answer`
+    // answer it, or forwards it to the inner back end through its throwing form, so that an
+    // inner failure comes back with the back end's own detail and code (and the failure value).
     std::u16string doGetTempName(const std::u16string& folder, std::string& detail, error_code& ec) override;
     std::u16string doGetParentPath(const std::u16string& path, std::string& detail, error_code& ec) override;
     std::u16string doGetFilename(const std::u16string& path, std::string& detail, error_code& ec) override;
