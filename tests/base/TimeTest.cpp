@@ -62,6 +62,8 @@ TEST(TimeText, SpecialValuesAndRejectedTexts) {
              u"2023-02-29T00:00:00Z", // not a leap year
          })
         EXPECT_TRUE(opc::convertStringToTime(text).is_not_a_date_time()) << opc::toUDEString(text);
+    for (std::u16string const date : {u"2024-03-09", u"2024-03-09Z"}) // a bare date is midnight
+        EXPECT_EQ(opc::convertStringToTime(date), at(2024, 3, 9, 0, 0));
     pt::ptime const before = pt::second_clock::universal_time(), now = opc::getCurrentTime();
     EXPECT_LE(before, now);
     EXPECT_LE(now, pt::second_clock::universal_time());
