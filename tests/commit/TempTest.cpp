@@ -1,146 +1,103 @@
-// Temporary names and guards, on the real file system.
+// Temporary names and guards, on the real file system, in a private TMPDIR (with a doubled
+// slash to normalise).
+#include "support/HostFolder.hpp"
+
 #include <opc/Exception.hpp>
 #include <opc/util/Temp.hpp>
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <optional>
 #include <set>
 
-namespace fs = std::filesystem;
-using opc::util::getTempDir;
-using opc::util::getTempName;
-using opc::util::TempdirGuard;
-using opc::util::TempfileGuard;
-
+namespace opc::test {
 namespace {
 
-std::u16string widen(std::string const& s) { return std::u16string(s.begin(), s.end()); }
+namespace fs = std::filesystem;
+using util::TempdirGuard;
+using util::TempfileGuard;
+
 std::string narrow(std::u16string const& s) { return std::string(s.begin(), s.end()); }
 
-/// A private scratch folder used as TMPDIR (with a doubled slash to normalise) for each test.
 class TempTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::string pattern = "/tmp/opc-temp-test-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        m_dir = pattern;
-        if (char const* old = std::getenv("TMPDIR"))
-            m_oldTmpdir = old;
-        ::setenv("TMPDIR", (m_dir + "//").c_str(), 1);
-    }
-    void TearDown() override {
-        m_oldTmpdir ? (void)::setenv("TMPDIR", m_oldTmpdir->c_str(), 1) : (void)::unsetenv("TMPDIR");
-        std::error_code ec;
-        fs::remove_all(m_dir, ec);
-    }
-
-    std::string m_dir;
-    std::optional<std::string> m_oldTmpdir;
+    HostFolder root;
+    std::string const dir = root.path().string();
+    void SetUp() override { ::setenv("TMPDIR", (dir + "//").c_str(), 1); }
+    void TearDown() override { ::unsetenv("TMPDIR"); }
 };
 
-TEST_F(TempTest, TempDirIsTmpdirNormalizedElseTmp) {
-    EXPECT_EQ(narrow(getTempDir()), m_dir + "/");
-    ::setenv("TMPDIR", "", 1);
-    EXPECT_EQ(getTempDir(), u"/tmp");
-    ::unsetenv("TMPDIR");
-    EXPECT_EQ(getTempDir(), u"/tmp");
-}
-
-TEST_F(TempTest, NamesUseDefaultsAndAreFresh) {
+TEST_F(TempTest, TempDirAndFreshNamesWithDefaults) {
+    EXPECT_EQ(narrow(util::getTempDir()), dir + "/");
     std::set<std::string> seen;
     for (int i = 0; i < 200; ++i) {
-        fs::path const p(narrow(getTempName(u"", u"", u"")));
-        EXPECT_EQ(p.parent_path().string(), m_dir);
-        EXPECT_EQ(p.filename().string().front(), '.');
-        EXPECT_EQ(p.extension().string(), ".tmp");
-        EXPECT_FALSE(fs::exists(fs::symlink_status(p)));
-        EXPECT_TRUE(seen.insert(p.string()).second);
+        fs::path const p(narrow(util::getTempName(u"", u"", u"")));
+        EXPECT_EQ(p.parent_path().string() + p.filename().string().substr(0, 1) + p.extension().string(), dir + "..tmp");
+        EXPECT_TRUE(seen.insert(p.string()).second && !fs::exists(fs::symlink_status(p)));
     }
-    fs::create_directory(m_dir + "/sub");
-    std::string const given = narrow(getTempName(widen(m_dir + "/sub/"), u"pre-", u".work"));
-    EXPECT_EQ(fs::path(given).parent_path().string(), m_dir + "/sub");
-    EXPECT_EQ(fs::path(given).filename().string().rfind("pre-", 0), 0u);
-    EXPECT_EQ(fs::path(given).extension().string(), ".work");
-    EXPECT_EQ(given.find("//"), std::string::npos);
-}
-
-TEST_F(TempTest, FileGuardRemovesItsFileUnlessReleased) {
-    std::string name;
-    {
-        TempfileGuard guard(u"", u"", u"");
-        name = narrow(guard.getFileName());
-        EXPECT_EQ(fs::path(name).parent_path().string(), m_dir);
-        ASSERT_TRUE(fs::is_regular_file(name));
-        EXPECT_EQ(fs::file_size(name), 0u);
-        std::string const second = narrow(guard.generateTempFile(widen(m_dir), u"", u""));
-        EXPECT_NE(second, name);
-        EXPECT_TRUE(fs::is_regular_file(second));
-        fs::remove(second);
-    }
-    EXPECT_FALSE(fs::exists(name));
-    {
-        TempfileGuard guard(widen(m_dir), u"keep", u".bin");
-        name = narrow(guard.getFileName());
-        guard.release();
-        guard.release();
-        EXPECT_EQ(narrow(guard.getFileName()), name);
-    }
-    EXPECT_TRUE(fs::is_regular_file(name));
-    {
-        TempfileGuard guard(widen(m_dir), u"", u"");
-        fs::remove(narrow(guard.getFileName())); // someone else removed it: no error
-    }
-    try {
-        TempfileGuard guard(widen(m_dir + "/missing"), u"", u"");
-        FAIL() << "created in a missing folder";
-    } catch (opc::Exception const& e) {
-        EXPECT_STREQ(e.what(), "Temp file could not be created");
-        EXPECT_FALSE(e.code().failed());
+    fs::create_directory(dir + "/sub");
+    fs::path const given(narrow(util::getTempName(u16(dir + "/sub/"), u"pre-", u".work")));
+    EXPECT_EQ(given.string().rfind(dir + "/sub/pre-", 0), 0u) << given;
+    EXPECT_EQ(given.extension(), ".work");
+    for (char const* value : {static_cast<char const*>(""), static_cast<char const*>(nullptr)}) {
+        value ? ::setenv("TMPDIR", value, 1) : ::unsetenv("TMPDIR");
+        EXPECT_EQ(util::getTempDir(), u"/tmp");
     }
 }
 
-TEST_F(TempTest, FolderGuardRemovesTreeButNotLinkTargets) {
-    std::string const outside = m_dir + "/outside";
-    fs::create_directory(outside);
-    std::ofstream(outside + "/precious") << "keep";
-    std::string name;
+// Both guards: create, remove on destruction (a folder with everything inside, links never
+// followed), keep when released, stay quiet when the item is already gone, and refuse a
+// missing folder with their message and a cleared code.
+TEST_F(TempTest, GuardsRemoveTheirItemUnlessReleased) {
+    fs::create_directory(dir + "/outside");
+    writeFile(dir + "/outside/precious", "keep");
+    std::string file, folder;
     {
-        TempdirGuard guard(widen(m_dir), u"", u"");
-        name = narrow(guard.getDirectoryName());
-        ASSERT_TRUE(fs::is_directory(name));
-        EXPECT_EQ(fs::path(name).extension().string(), ".tmp");
-        fs::create_directories(name + "/a/b");
-        std::ofstream(name + "/a/b/file") << "x";
-        fs::create_directory_symlink(outside, name + "/a/to-dir");
-        fs::create_symlink(outside + "/precious", name + "/to-file");
-        fs::create_symlink(m_dir + "/nothing", name + "/dangling");
+        TempfileGuard fileGuard(u"", u"", u"");
+        TempdirGuard folderGuard(u16(dir), u"", u"");
+        file = narrow(fileGuard.getFileName());
+        folder = narrow(folderGuard.getDirectoryName());
+        ASSERT_EQ(fs::file_size(file), 0u);
+        EXPECT_EQ(fs::path(file).parent_path().string() + fs::path(folder).extension().string(), dir + ".tmp");
+        fs::create_directories(folder + "/a/b");
+        writeFile(folder + "/a/b/file", "x");
+        fs::create_directory_symlink(dir + "/outside", folder + "/a/to-dir");
+        fs::create_symlink(dir + "/outside/precious", folder + "/to-file");
+        fs::create_symlink(dir + "/nothing", folder + "/dangling");
+        std::string const second = narrow(fileGuard.generateTempFile(u16(dir), u"", u""));
+        EXPECT_TRUE(second != file && fs::is_regular_file(second));
     }
-    EXPECT_FALSE(fs::exists(fs::symlink_status(name)));
-    EXPECT_EQ(fs::file_size(outside + "/precious"), 4u);
+    EXPECT_FALSE(fs::exists(fs::symlink_status(file)) || fs::exists(fs::symlink_status(folder)));
+    EXPECT_EQ(readFile(dir + "/outside/precious"), "keep");
     {
-        TempdirGuard guard(widen(m_dir), u"kept-", u".d");
-        name = narrow(guard.getDirectoryName());
-        guard.release();
+        TempfileGuard fileGuard(u16(dir), u"keep", u".bin");
+        TempdirGuard folderGuard(u16(dir), u"kept-", u".d");
+        fileGuard.release();
+        fileGuard.release();
+        folderGuard.release();
+        file = narrow(fileGuard.getFileName());
+        folder = narrow(folderGuard.getDirectoryName());
     }
-    EXPECT_TRUE(fs::is_directory(name));
+    EXPECT_TRUE(fs::is_regular_file(file) && fs::is_directory(folder));
     {
-        TempdirGuard guard(widen(m_dir), u"", u"");
-        fs::remove(narrow(guard.getDirectoryName()));
+        TempfileGuard fileGuard(u16(dir), u"", u"");
+        TempdirGuard folderGuard(u16(dir), u"", u"");
+        fs::remove(narrow(fileGuard.getFileName()));
+        fs::remove(narrow(folderGuard.getDirectoryName()));
     }
-    try {
-        TempdirGuard guard(widen(m_dir + "/missing"), u"p", u".x");
-        FAIL() << "created in a missing folder";
-    } catch (opc::Exception const& e) {
-        std::string const what = e.what();
-        EXPECT_EQ(what.rfind("Temporary directory could not be created. No such file or directory: " + m_dir +
-                                 "/missing/p", 0), 0u) << what;
-        EXPECT_EQ(what.substr(what.size() - 2), ".x");
-        EXPECT_FALSE(e.code().failed());
-    }
+    auto refusal = [](auto make) -> std::string {
+        try {
+            make();
+        } catch (Exception const& e) {
+            return e.code().failed() ? "code set" : e.what();
+        }
+        return "created";
+    };
+    EXPECT_EQ(refusal([&] { TempfileGuard(u16(dir + "/missing"), u"", u""); }), "Temp file could not be created");
+    std::string const what = refusal([&] { TempdirGuard(u16(dir + "/missing"), u"p", u".x"); });
+    EXPECT_EQ(what.rfind("Temporary directory could not be created. No such file or directory: " + dir + "/missing/p", 0), 0u)
+        << what;
+    EXPECT_EQ(what.substr(what.size() - 2), ".x");
 }
 
 } // namespace
+} // namespace opc::test
