@@ -1,0 +1,152 @@
+// Path text of both back ends: tables of input and output, and generated paths checked
+// against std::filesystem. No file is touched except by the temporary-name checks.
+#include "support/Conformance.hpp"
+
+#include <opc/Exception.hpp>
+#include <opc/LocalFileSystemOps.hpp>
+#include <opc/Text.hpp>
+#include <opc/VirtualFileSystemOps.hpp>
+#include <opc/util/Temp.hpp>
+
+#include <stratum/storage/vfs/Exception.hpp>
+#include <stratum/storage/vfs/StorageSystem.hpp>
+
+#include <filesystem>
+#include <random>
+#include <set>
+
+namespace opc::test {
+namespace {
+
+namespace fs = std::filesystem;
+namespace vfs = stratum::storage::vfs;
+
+struct Row {
+    std::u16string path, filename, extension, parent, normal;
+};
+
+void expectRows(FileSystemOps& ops, std::vector<Row> const& rows) {
+    for (auto const& row : rows) {
+        SCOPED_TRACE(toUDEString(row.path));
+        EXPECT_EQ(ops.getFilename(row.path), row.filename);
+        EXPECT_EQ(ops.getExtension(row.path), row.extension);
+        EXPECT_EQ(ops.getParentPath(row.path), row.parent);
+        EXPECT_EQ(ops.normalizePath(row.path), row.normal);
+    }
+}
+
+// Fresh temporary names: in `folder` (a local path), starting with "." and ending in ".tmp".
+void expectTempNames(FileSystemOps& ops, std::u16string const& asked, fs::path const& folder) {
+    std::set<std::u16string> seen;
+    for (int i = 0; i < 10; ++i) {
+        std::u16string const name = ops.getTempName(asked), local;
+        std::u16string path;
+        ASSERT_TRUE(ops.getLocalPath(name, path));
+        fs::path const p(toUDEString(path));
+        EXPECT_EQ(p.parent_path(), folder.lexically_normal());
+        EXPECT_EQ(p.filename().string().front(), '.');
+        EXPECT_EQ(p.extension(), ".tmp");
+        EXPECT_FALSE(fs::exists(fs::symlink_status(p)));
+        EXPECT_TRUE(seen.insert(name).second) << "name repeated";
+    }
+}
+
+TEST(PathText, Local) {
+    LocalFileSystemOps ops;
+    expectRows(ops, {{u"/x/y.tar.gz", u"y.tar.gz", u".gz", u"/x", u"/x/y.tar.gz"},
+                     {u"/x//y///z", u"z", u"", u"/x/y", u"/x/y/z"},
+                     {u"z", u"z", u"", u"", u"z"},
+                     {u"/a/.profile", u".profile", u".profile", u"/a", u"/a/.profile"}});
+    struct Join {
+        std::u16string base, tail, joined;
+    } const joins[] = {
+        {u"/a", u"b", u"/a/b"},   {u"/a", u"/b", u"/a/b"}, {u"/a", u"/", u"/a"},        {u"/a", u"", u"/a"},
+        {u"/a/", u"b", u"/a/b"},  {u"", u"c", u"c"},       {u"", u"/", u""},            {u"a//b", u"c", u"a/b/c"},
+        {u"/a", u"//b", u"/a/b"}, {u"/", u"x", u"/x"},     {u"/a", u"caf\u00E9 1", u"/a/caf\u00E9 1"},
+    };
+    for (auto const& j : joins)
+        EXPECT_EQ(ops.appendPath(j.base, j.tail), j.joined) << toUDEString(j.base) << " + " << toUDEString(j.tail);
+    std::mt19937 gen(5); // generated: one leading slash joins like the bare tail, as std::filesystem joins
+    for (int i = 0; i < 200; ++i) {
+        std::u16string base = u"/", tail;
+        for (int n = 1 + int(gen() % 4); n > 0; --n)
+            base += std::u16string(1 + gen() % 4, char16_t(u'a' + gen() % 5)) + u"/";
+        for (int n = 1 + int(gen() % 4); n > 0; --n)
+            tail += (tail.empty() ? u"" : u"/") + std::u16string(1 + gen() % 4, char16_t(u'a' + gen() % 5));
+        auto const joined = ops.appendPath(base, tail);
+        EXPECT_EQ(ops.appendPath(base, u"/" + tail), joined);
+        EXPECT_EQ(fs::path(joined), (fs::path(base) / fs::path(tail)).lexically_normal());
+    }
+    EXPECT_TRUE(ops.isAbsolutePath(u"/no/such/thing"));
+    EXPECT_FALSE(ops.isAbsolutePath(u"relative/path"));
+    EXPECT_FALSE(ops.isAbsolutePath(u""));
+    std::u16string local = u"previous";
+    EXPECT_TRUE(ops.getLocalPath(u"any//thing", local));
+    EXPECT_EQ(local, u"any//thing");
+    ScratchFolder folder;
+    expectTempNames(ops, utf16(folder.path()), folder.path());
+    expectTempNames(ops, u"", fs::canonical(fs::temp_directory_path()));
+}
+
+TEST(PathText, Virtual) {
+    vfs::StorageSystemReference storage;
+    VirtualFileSystemOps ops(storage);
+    expectRows(ops, {{u"memory:///a/b.tar.gz", u"b.tar.gz", u"gz", u"memory:///a", u"memory:///a/b.tar.gz"},
+                     {u"memory:///a/b.", u"b.", u"", u"memory:///a", u"memory:///a/b."},
+                     {u"memory:///a.d/b", u"b", u"", u"memory:///a.d", u"memory:///a.d/b"},
+                     {u"memory:///a/.profile", u".profile", u"profile", u"memory:///a", u"memory:///a/.profile"},
+                     {u"memory:///a//b/./c/../d%20e.pkg/", u"d e.pkg", u"pkg", u"memory:///a/b", u"memory:///a/b/d%20e.pkg"},
+                     {u"file:///x/r%C3%A9sum%C3%A9.P%20KG", u"r\u00E9sum\u00E9.P KG", u"P KG", u"file:///x",
+                      u"file:///x/r\u00E9sum\u00E9.P%20KG"},
+                     {u"memory:///", u"", u"", u"", u"memory:///"}});
+    // Names let the storage's exception out; the parent reports through the frame.
+    EXPECT_THROW(ops.getFilename(u"memory:relative"), vfs::InvalidIRIException);
+    EXPECT_THROW(ops.getExtension(u"gopher:///a.b"), vfs::UnsupportedIRISchemeException);
+    EXPECT_THROW(ops.getParentPath(u"not an iri"), Exception);
+    for (auto const& [tail, joined] : std::vector<std::pair<std::u16string, std::u16string>>{
+             {u"c", u"memory:///a/b/c"}, {u"/c", u"memory:///a/b/c"}, {u"//c", u"memory:///a/b/c"},
+             {u"../c", u"memory:///a/c"}, {u"", u"memory:///a/b"}})
+        EXPECT_EQ(ops.appendPath(u"memory:///a/b", tail), joined) << toUDEString(tail);
+    EXPECT_THROW(ops.appendPath(u"relative/base", u"c"), Exception);
+
+    std::mt19937 rng(7); // local paths become file: IRIs that come back lexically normal
+    std::u16string const alphabet = u"ab -_.%#?\u00E9\u4E2D";
+    for (int i = 0; i < 200; ++i) {
+        std::u16string local = u"/tmp";
+        for (int d = 0, depth = 1 + int(rng() % 3); d < depth; ++d) {
+            local += u'/';
+            for (int k = 0, length = 1 + int(rng() % 6); k < length; ++k)
+                local += alphabet[rng() % alphabet.size()];
+        }
+        std::string expected = fs::path(toUDEString(local)).lexically_normal().generic_string();
+        if (expected.size() > 1 && expected.back() == '/')
+            expected.pop_back();
+        std::u16string const iri = ops.normalizePath(local);
+        EXPECT_EQ(iri.rfind(u"file:///", 0), 0u);
+        EXPECT_EQ(ops.normalizePath(iri), iri) << "canonical text is not stable";
+        std::u16string back;
+        ASSERT_TRUE(ops.getLocalPath(iri, back));
+        EXPECT_EQ(toUDEString(back), expected);
+    }
+    for (auto const* other : {u"FILE:///home/a/b.pkg", u"memory:///home/a/b.pkg"}) {
+        std::u16string out = u"stale";
+        EXPECT_FALSE(ops.getLocalPath(other, out));
+        EXPECT_EQ(out, u"");
+    }
+    for (auto const& [text, absolute] : std::vector<std::pair<std::u16string, bool>>{
+             {u"memory:///a", true}, {u"MEMORY:///a", true}, {u"Z:///a", false}, {u"/tmp/a", false},
+             {u"a/b", false}, {u"gopher:///a", false}, {u"memory:a", false}, {u"memory://host/a", false},
+             {u"", false}, {u"memory:///%zz", false}})
+        EXPECT_EQ(ops.isAbsolutePath(text), absolute) << toUDEString(text);
+
+    expectTempNames(ops, u"", fs::path(toUDEString(util::getTempDir())));
+    ops.createFolders(u"memory:///work/area");
+    std::u16string const name = ops.getTempName(u"memory:///work/area");
+    EXPECT_EQ(ops.getParentPath(name), u"memory:///work/area");
+    EXPECT_EQ(ops.getExtension(name), u"tmp");
+    EXPECT_FALSE(ops.exists(name));
+    EXPECT_THROW(ops.getTempName(u"/not/an/iri"), Exception);
+}
+
+} // namespace
+} // namespace opc::test
