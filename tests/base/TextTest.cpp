@@ -69,21 +69,56 @@ TEST(Utf8Conversion, GeneratedRoundTripsAgreeWithIcu) {
     }
 }
 
+// Strict conversions throw the host's message naming the fault and where it is; lenient
+// ones substitute U+FFFD. ASCII-only conversions refuse anything else.
 TEST(Utf8Conversion, FlagSelectsThrowingOrReplacing) {
     std::u16string const lone = std::u16string(u"ab") + char16_t(0xDC01);
-    EXPECT_NE(thrownMessage([&] { opc::detail::toUTF8String(lone, true); }), "");
+    EXPECT_EQ(thrownMessage([&] { opc::detail::toUTF8String(lone, true); }), "Unpaired surrogate U+DC01 at UTF-16 offset 2 cannot be converted to UTF-8");
     EXPECT_EQ(opc::detail::toUTF8String(lone, false), "ab\xEF\xBF\xBD");
     EXPECT_NE(thrownMessage([&] { opc::toUDEString(lone); }), "");
     std::string const bad = "x\xC3(";
-    EXPECT_NE(thrownMessage([&] { opc::detail::toStringFromUTF8String(bad, true); }), "");
+    std::string const badMessage = "Invalid UTF-8 sequence starting with byte 0xC3 at offset 1";
+    EXPECT_EQ(thrownMessage([&] { opc::detail::toStringFromUTF8String(bad, true); }), badMessage);
     EXPECT_EQ(opc::detail::toStringFromUTF8String(bad, false), u"x\uFFFD(");
-    EXPECT_NE(thrownMessage([&] { opc::toString(bad, true); }), "");
+    EXPECT_EQ(thrownMessage([&] { opc::toString(bad, true); }), badMessage);
     EXPECT_EQ(opc::toString(bad, false), u"x\uFFFD(");
-    // ASCII-only conversions treat anything else as a conversion failure.
     EXPECT_EQ(opc::toStringFromASCIIStringLiteral("Content_Types"), u"Content_Types");
     EXPECT_EQ(opc::toASCIIString(u"rels/.rels"), "rels/.rels");
-    EXPECT_NE(thrownMessage([] { opc::toStringFromASCIIStringLiteral("caf\xC3\xA9"); }), "");
-    EXPECT_NE(thrownMessage([] { opc::toASCIIString(u"caf\u00E9"); }), "");
+    EXPECT_EQ(thrownMessage([] { opc::toStringFromASCIIStringLiteral("caf\xC3\xA9"); }), "Non-ASCII byte 0xC3 at offset 3");
+    EXPECT_EQ(thrownMessage([] { opc::toASCIIString(u"caf\u00E9"); }), "Non-ASCII character U+00E9 at UTF-16 offset 3");
+}
+
+// Long texts (converted piecewise), of ASCII runs and characters of every width, damaged at
+// random places: lenient conversion substitutes exactly as the Unicode library does, strict
+// conversion refuses, in both directions.
+TEST(Utf8Conversion, LongDamagedTextsAgreeWithIcu) {
+    std::mt19937 rng(3);
+    for (int round = 0; round < 80; ++round) {
+        std::u16string text;
+        for (std::size_t length = 1000 + rng() % 9000; text.size() < length;)
+            text += rng() % 2 ? randomASCII(rng, rng() % 40, 0x20, 0x7E) : randomText(rng, 1 + rng() % 6);
+        std::string utf8, damaged;
+        icu::UnicodeString(text.data(), static_cast<int32_t>(text.size())).toUTF8String(utf8);
+        ASSERT_EQ(opc::detail::toStringFromUTF8String(utf8, true), text) << round;
+        ASSERT_EQ(opc::detail::toUTF8String(text, true), utf8) << round;
+        static char const* const faults[] = {"\x80", "\xC3", "\xE2\x82", "\xFF", "\xF0\x9F\x98", "\xED\xA0\x80"};
+        for (char const c : utf8) {
+            damaged += c;
+            if (rng() % 60 == 0)
+                damaged += faults[rng() % 6];
+        }
+        damaged += faults[round % 6];
+        icu::UnicodeString const expected = icu::UnicodeString::fromUTF8(damaged);
+        ASSERT_EQ(opc::detail::toStringFromUTF8String(damaged, false),
+                  std::u16string(expected.getBuffer(), static_cast<std::size_t>(expected.length()))) << round;
+        EXPECT_NE(thrownMessage([&] { opc::detail::toStringFromUTF8String(damaged, true); }), "");
+        std::u16string broken = text;
+        for (int n = 0; n < 8; ++n)
+            broken.insert(rng() % broken.size(), 1, char16_t(0xD800 + rng() % 0x800));
+        std::string lenient;
+        icu::UnicodeString(broken.data(), static_cast<int32_t>(broken.size())).toUTF8String(lenient);
+        ASSERT_EQ(opc::detail::toUTF8String(broken, false), lenient) << round;
+    }
 }
 
 TEST(ToLowerASCIIString, FoldsAsciiAndCutsAt1024Units) {

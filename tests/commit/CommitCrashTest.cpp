@@ -2,7 +2,6 @@
 // package; and under strace, the temporary file is flushed before the rename and the folder
 // after it.
 
-#include "commit/LocalFiles.hpp"
 #include "support/HostFolder.hpp"
 
 #include <opc/Commit.hpp>

@@ -4,7 +4,6 @@
 // a 512 KiB tmpfs mounted in a private mount namespace when running as root) never reaches the
 // test runner; the child reports what it found as text.
 
-#include "commit/LocalFiles.hpp"
 #include "support/HostFolder.hpp"
 
 #include <opc/Commit.hpp>

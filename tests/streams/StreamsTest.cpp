@@ -1,0 +1,365 @@
+// The adaptors against simple models under generated operations, the copy loop over scripted
+// streams against its own call log, and the Source and Sink wrappers.
+#include <opc/Streams.hpp>
+
+#include <gtest/gtest.h>
+
+#include <sched.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <deque>
+#include <new>
+#include <random>
+#include <sstream>
+
+// The library reaches these through the dynamic linker, so the test counts yields and allocations.
+namespace {
+std::atomic<long> g_yields{0}, g_allocations{0};
+std::atomic<bool> g_counting{false};
+} // namespace
+extern "C" int sched_yield() noexcept { return ++g_yields, 0; }
+__attribute__((noinline)) void* operator new(std::size_t size) {
+    g_allocations += g_counting ? 1 : 0;
+    if (void* p = std::malloc(size == 0 ? 1 : size))
+        return p;
+    throw std::bad_alloc();
+}
+__attribute__((noinline)) void operator delete(void* p) noexcept { std::free(p); }
+__attribute__((noinline)) void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+
+namespace opc::test {
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+using Log = std::vector<std::string>;
+
+Bytes randomBytes(std::mt19937& rng, std::size_t n) {
+    Bytes v(n);
+    for (auto& b : v)
+        b = static_cast<unsigned char>(rng());
+    return v;
+}
+
+// Random reads, closes, opens and growth of the vector by its owner, against a model of a
+// position and an open flag: open rewinds only a closed adaptor, a closed one reads nothing.
+TEST(ByteArrayInAdaptor, FollowsAModelUnderGeneratedOperations) {
+    for (unsigned seed = 0; seed < 200; ++seed) {
+        std::mt19937 rng(seed);
+        Bytes data = randomBytes(rng, seed % 8 == 0 ? 0 : rng() % 300);
+        ByteArrayInAdaptor in(data);
+        std::size_t pos = 0;
+        bool open = true;
+        for (int step = 0; step < 60; ++step) {
+            ASSERT_EQ(in.isDone(), !open || pos >= data.size()) << seed;
+            unsigned const action = rng() % 6;
+            if (action < 2) {
+                action ? in.close() : in.open();
+                pos = open || action ? pos : 0;
+                open = !action;
+            } else if (action == 2) {
+                Bytes const more = randomBytes(rng, rng() % 40);
+                data.insert(data.end(), more.begin(), more.end());
+            } else {
+                unsigned long const want = rng() % 70;
+                Bytes buf(want + 1, 0xAB);
+                unsigned long const got = in.read(buf.data(), want);
+                ASSERT_EQ(got, open ? std::min<std::size_t>(want, data.size() - pos) : 0) << seed;
+                ASSERT_TRUE(std::equal(buf.begin(), buf.begin() + long(got), data.begin() + long(pos))) << seed;
+                ASSERT_EQ(buf[got], 0xAB) << "wrote past the count";
+                pos += got;
+            }
+        }
+    }
+}
+
+// Whatever the owner does to the vector, each write leaves what "resize to position + size,
+// then copy" leaves; flush and close change nothing, and it is never done.
+TEST(ByteArrayOutAdaptor, MatchesResizeThenCopyWhateverTheOwnerDoes) {
+    for (unsigned seed = 0; seed < 300; ++seed) {
+        std::mt19937 rng(seed);
+        Bytes target = randomBytes(rng, rng() % 50), model = target;
+        ByteArrayOutAdaptor out(target);
+        std::size_t pos = target.size();
+        for (int step = 0; step < 40; ++step) {
+            unsigned const action = rng() % 4;
+            if (action == 0)
+                model = target = randomBytes(rng, rng() % (pos + 30));
+            else if (action == 1)
+                step % 2 ? out.flush() : out.close();
+            Bytes const chunk = randomBytes(rng, rng() % 40);
+            ASSERT_EQ(out.write(chunk.data(), chunk.size()), chunk.size());
+            model.resize(pos + chunk.size());
+            std::copy(chunk.begin(), chunk.end(), model.begin() + long(pos));
+            pos += chunk.size();
+            ASSERT_EQ(target, model) << seed;
+            ASSERT_FALSE(out.isDone());
+        }
+    }
+}
+
+TEST(StdIStreamAdaptor, StartsWhereTheStreamStandsAndReopensAtZero) {
+    std::istringstream is("abcdefghij");
+    is.seekg(6);
+    StdIStreamAdaptor in(is);
+    unsigned char buf[16] = {};
+    in.open(); // already open: no rewind
+    ASSERT_EQ(in.read(buf, 16), 4u);
+    EXPECT_EQ(std::string(buf, buf + 4), "ghij");
+    EXPECT_TRUE(in.isDone()) << "the short read set end-of-file";
+    in.close();
+    EXPECT_EQ(in.read(buf, 16), 0u);
+    in.open();
+    EXPECT_FALSE(in.isDone()) << "open clears the flags";
+    ASSERT_EQ(in.read(buf, 10), 10u);
+    EXPECT_EQ(std::string(buf, buf + 3), "abc");
+    EXPECT_FALSE(in.isDone()) << "an exact read of the rest has not hit end-of-file";
+    in.close();
+    EXPECT_TRUE(in.isDone());
+    EXPECT_EQ(in.read(buf, 4), 0u);
+    EXPECT_EQ(is.tellg(), 10) << "a closed adaptor neither reads nor touches the stream";
+    std::istringstream failed("abc");
+    failed.setstate(std::ios_base::badbit);
+    EXPECT_TRUE(StdIStreamAdaptor(failed).isDone());
+}
+
+// A room of `capacity` bytes; seeking reports the put position, or fails when not seekable.
+class LimitedBuf : public std::streambuf {
+public:
+    LimitedBuf(std::size_t capacity, bool seekable) : m_room(capacity), m_seekable(seekable) {
+        setp(m_room.data(), m_room.data() + m_room.size());
+    }
+    std::string str() const { return std::string(pbase(), pptr()); }
+    int syncs = 0;
+
+protected:
+    pos_type seekoff(off_type off, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
+        if (!m_seekable || off != 0 || dir != std::ios_base::cur || !(which & std::ios_base::out))
+            return pos_type(off_type(-1));
+        return pos_type(pptr() - pbase());
+    }
+    int sync() override { return ++syncs, 0; }
+
+private:
+    std::vector<char> m_room;
+    bool m_seekable;
+};
+
+// The count is the movement of the put position, so odd streams give odd counts.
+TEST(StdOStreamAdaptor, CountsAreTheMovementOfThePutPosition) {
+    unsigned char const data[8] = {'0', '1', '2', '3', '4', '5', '6', '7'};
+    std::ostringstream good, failed;
+    good << "xy";
+    StdOStreamAdaptor toGood(good);
+    EXPECT_EQ(toGood.write(data, 3), 3u);
+    EXPECT_FALSE(toGood.isDone());
+    EXPECT_EQ(good.str(), "xy012");
+    failed.setstate(std::ios_base::failbit);
+    StdOStreamAdaptor toFailed(failed);
+    EXPECT_EQ(toFailed.write(data, 3), 0u);
+    EXPECT_TRUE(toFailed.isDone());
+    LimitedBuf small(10, true), unseekable(100, false);
+    std::ostream midway(&small), blind(&unseekable);
+    StdOStreamAdaptor toMidway(midway), toBlind(blind);
+    ASSERT_EQ(toMidway.write(data, 4), 4u);
+    EXPECT_EQ(toMidway.write(data, 8), static_cast<unsigned long>(std::int64_t{-1} - 4)) << "only 6 fit";
+    EXPECT_TRUE(toMidway.isDone());
+    EXPECT_EQ(toBlind.write(data, 3), 0u) << "the bytes went out, but the position is unknown";
+    EXPECT_EQ(unseekable.str(), "012");
+    toBlind.close();
+    EXPECT_EQ(unseekable.syncs, 0);
+    toBlind.flush();
+    EXPECT_EQ(unseekable.syncs, 1);
+}
+
+// Delivers the data in the sizes of `chunks` (0: nothing now), then whole requests; done when
+// all went out or after `doneAfterReads` reads. Logs "r<asked>:<got>" and "i<done>".
+struct ScriptedInput : InputStream {
+    Log& log;
+    Bytes data;
+    std::deque<unsigned long> chunks;
+    long doneAfterReads = -1, reads = 0;
+    std::size_t pos = 0;
+    ScriptedInput(Log& l, Bytes d, std::deque<unsigned long> c) : log(l), data(std::move(d)), chunks(std::move(c)) {}
+    void open() override { log.push_back("open"); }
+    void close() override { log.push_back("close"); }
+    unsigned long read(unsigned char* buffer, unsigned long size) override {
+        unsigned long n = std::min<unsigned long>(size, data.size() - pos);
+        if (!chunks.empty())
+            n = std::min(n, chunks.front()), chunks.pop_front();
+        std::copy_n(data.data() + pos, n, buffer);
+        pos += n, ++reads;
+        log.push_back("r" + std::to_string(size) + ":" + std::to_string(n));
+        return n;
+    }
+    bool isDone() const override {
+        bool const d = pos >= data.size() || (doneAfterReads >= 0 && reads >= doneAfterReads);
+        log.push_back(d ? "i1" : "i0");
+        return d;
+    }
+};
+
+// Takes at most `limits.front()` bytes per write while limits remain (0: refuse; ~0: take all
+// and claim (unsigned long)-1 as a failing standard stream does); done after `doneAfterBytes`.
+// Logs "w<offered>:<claimed>" and "o<done>".
+struct ScriptedOutput : OutputStream {
+    Log& log;
+    std::deque<unsigned long> limits;
+    long doneAfterBytes = -1;
+    Bytes taken;
+    ScriptedOutput(Log& l, std::deque<unsigned long> lim) : log(l), limits(std::move(lim)) {}
+    void flush() override { log.push_back("flush"); }
+    void close() override { log.push_back("close"); }
+    unsigned long write(unsigned char const* d, unsigned long size) override {
+        unsigned long claimed = limits.empty() ? size : limits.front();
+        unsigned long const n = claimed == ~0ul ? size : (claimed = std::min(size, claimed));
+        if (!limits.empty())
+            limits.pop_front();
+        taken.insert(taken.end(), d, d + n);
+        log.push_back("w" + std::to_string(size) + ":" + std::to_string(claimed));
+        return claimed;
+    }
+    bool isDone() const override {
+        bool const d = doneAfterBytes >= 0 && taken.size() >= std::size_t(doneAfterBytes);
+        log.push_back(d ? "o1" : "o0");
+        return d;
+    }
+};
+
+std::deque<unsigned long> randomScript(std::mt19937& rng) {
+    std::deque<unsigned long> script(rng() % 24);
+    for (auto& step : script) {
+        unsigned const kind = rng() % 4;
+        step = kind == 0 ? 0 : kind == 1 ? 1 + rng() % 16 : kind == 2 ? 1 + rng() % 20000 : 16384;
+    }
+    return script;
+}
+
+// What the loop must have done, read off its log: each read of 16 KiB is followed by the
+// input's isDone, each write by the output's; a chunk is offered, its rest each time, until
+// taken whole or the output is done; nothing after a done answer but the chunk in hand; no
+// open, flush or close; one yield per empty read that was not the end and per retried write.
+// Returns whether every chunk was taken whole.
+bool checkLog(Log const& log, long yields) {
+    bool whole = true, inputDone = false;
+    long expectedYields = 0;
+    auto num = [](std::string const& s, bool second) {
+        return std::stoul(second ? s.substr(s.find(':') + 1) : s.substr(1));
+    };
+    for (std::size_t i = 0; i < log.size(); ++i) {
+        if (log[i][0] != 'r') {
+            EXPECT_TRUE(log[i][0] == 'w' || log[i].size() == 2) << log[i] << " at " << i;
+            continue;
+        }
+        EXPECT_FALSE(inputDone) << "read after the input reported done, at " << i;
+        EXPECT_EQ(num(log[i], false), 16384u);
+        EXPECT_TRUE(i + 1 < log.size() && log[i + 1][0] == 'i') << "at " << i;
+        inputDone = i + 1 < log.size() && log[i + 1] == "i1";
+        unsigned long const n = num(log[i], true);
+        expectedYields += n == 0 && !inputDone;
+        unsigned long taken = 0;
+        std::size_t j = i + 2;
+        for (; n != 0 && j < log.size() && log[j][0] == 'w'; j += 2) {
+            EXPECT_EQ(num(log[j], false), n - taken) << "at " << j;
+            expectedYields += j > i + 2;
+            taken += num(log[j], true);
+            EXPECT_TRUE(j + 1 < log.size() && log[j + 1][0] == 'o') << "at " << j;
+            EXPECT_TRUE(log[j + 1] != "o1" || j + 2 == log.size()) << "calls after the output reported done";
+        }
+        EXPECT_TRUE(n == 0 || j > i + 2) << "a chunk of " << n << " bytes was never offered";
+        whole = whole && taken >= n;
+    }
+    EXPECT_EQ(yields, expectedYields);
+    return whole;
+}
+
+// Random dribbles, refusals and over-claims, and in every other run a side that is done early.
+TEST(CopyLoop, AgreesWithItsLogOverRandomScripts) {
+    for (unsigned seed = 0; seed < 600; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        std::mt19937 rng(seed);
+        bool const early = seed % 2;
+        std::size_t const size = seed % 10 == 0 ? (seed / 10 % 4) * 16384 : early + rng() % 70000;
+        Bytes const data = randomBytes(rng, size);
+        Log log;
+        ScriptedInput in(log, data, randomScript(rng));
+        ScriptedOutput out(log, randomScript(rng));
+        if (early && rng() % 2)
+            in.doneAfterReads = long(rng() % 6);
+        if (early && rng() % 2)
+            out.doneAfterBytes = long(rng() % size);
+        long const yieldsBefore = g_yields;
+        bool const result = StreamHelper::copyStreamToStream(in, out);
+        EXPECT_EQ(result, checkLog(log, g_yields - yieldsBefore));
+        ASSERT_FALSE(log.empty());
+        ASSERT_LE(out.taken.size(), in.pos);
+        EXPECT_TRUE(std::equal(out.taken.begin(), out.taken.end(), data.begin()));
+        EXPECT_TRUE(log.back() == "o1" || std::find(log.begin(), log.end(), "i1") != log.end());
+        EXPECT_TRUE(early || (result && out.taken == data));
+        if (::testing::Test::HasFailure())
+            return;
+    }
+}
+
+// Over byte vectors the loop allocates nothing; the standard-stream overloads start where a
+// stream stands and never flush.
+TEST(CopyLoop, ByteArraysWithoutAllocationAndStandardStreamsAsTheyStand) {
+    std::mt19937 rng(1);
+    Bytes const data = randomBytes(rng, 40000);
+    Bytes target;
+    target.reserve(data.size());
+    ByteArrayInAdaptor in(data);
+    ByteArrayOutAdaptor out(target);
+    g_allocations = 0;
+    g_counting = true;
+    bool const result = StreamHelper::copyStreamToStream(in, out);
+    g_counting = false;
+    EXPECT_TRUE(result);
+    EXPECT_EQ(g_allocations, 0);
+    EXPECT_EQ(target, data);
+
+    Log log;
+    LimitedBuf buf(100, true);
+    std::ostream os(&buf);
+    ScriptedInput dribble(log, Bytes(data.begin(), data.begin() + 50), {0, 20});
+    EXPECT_TRUE(StreamHelper::copyStreamToStream(dribble, os));
+    EXPECT_EQ(buf.str(), std::string(data.begin(), data.begin() + 50));
+    EXPECT_EQ(buf.syncs, 0);
+    EXPECT_EQ(log, (Log{"r16384:0", "i0", "r16384:20", "i0", "r16384:30", "i1"}));
+    log.clear(); // a write that over-claims counts as whole
+    ScriptedInput whole(log, Bytes(data.begin(), data.begin() + 20000), {});
+    ScriptedOutput overclaiming(log, {~0ul});
+    EXPECT_TRUE(StreamHelper::copyStreamToStream(whole, overclaiming));
+    EXPECT_EQ(log, (Log{"r16384:16384", "i0", "w16384:" + std::to_string(~0ul), "o0", "r16384:3616", "i1", "w3616:3616", "o0"}));
+    std::istringstream is("0123456789");
+    is.seekg(4);
+    std::ostringstream sink;
+    EXPECT_TRUE(StreamHelper::copyStreamToStream(is, sink));
+    EXPECT_EQ(sink.str(), "456789");
+}
+
+// A Source ends the sequence (-1) on a done stream without reading; an empty read is not the
+// end. A Sink forwards the count, and its flush is true whatever the stream did.
+TEST(SourceAndSink, ForwardTheirStreamsCounts) {
+    Log log;
+    ScriptedInput in(log, {'a', 'b', 'c', 'd', 'e'}, {0, 2});
+    InputStreamSource source(in);
+    char buf[8] = {};
+    EXPECT_EQ(source.read(buf, 8), 0);
+    EXPECT_EQ(source.read(buf, 8), 2);
+    EXPECT_EQ(source.read(buf + 2, 8), 3);
+    EXPECT_EQ(source.read(buf, 8), -1);
+    EXPECT_EQ(std::string(buf, 5), "abcde");
+    EXPECT_EQ(log, (Log{"i0", "r8:0", "i0", "r8:2", "i0", "r8:3", "i1"}));
+    log.clear();
+    ScriptedOutput out(log, {3, 0});
+    out.doneAfterBytes = 0;
+    OutputStreamSink sink(out);
+    EXPECT_EQ(sink.write("abcdef", 6), 3);
+    EXPECT_EQ(sink.write("def", 3), 0);
+    EXPECT_TRUE(sink.flush());
+    EXPECT_EQ(log, (Log{"w6:3", "w3:0", "flush"}));
+}
+
+} // namespace
+} // namespace opc::test
