@@ -17,7 +17,6 @@
 #include <algorithm>
 #include <map>
 #include <csignal>
-#include <functional>
 #include <random>
 #include <sstream>
 #include <sys/resource.h>
@@ -42,22 +41,31 @@ struct Capabilities {
     bool pipes = true;                ///< host pipes are made, and skipped by listings and copies
 };
 
-class Conformance;
+/// A back end under test: the local one (no scheme), or the virtual one on a scratch host folder
+/// ("file") or on "<scheme>:///conformance".
 struct BackEnd {
     std::string name;
     Capabilities caps;
-    std::function<void(Conformance&)> setup;
+    std::u16string scheme;
 };
 void PrintTo(BackEnd const& backEnd, std::ostream* out) { *out << backEnd.name; }
 
 class Conformance : public ::testing::TestWithParam<BackEnd> {
-public:
-    void SetUp() override { GetParam().setup(*this); }
+protected:
+    void SetUp() override {
+        auto const& scheme = GetParam().scheme;
+        bool const onHost = scheme.empty() || scheme == u"file";
+        m_ops = scheme.empty() ? std::unique_ptr<FileSystemOps>(std::make_unique<LocalFileSystemOps>())
+                               : std::make_unique<VirtualFileSystemOps>(m_storage);
+        m_root = onHost ? m_ops->normalizePath(m_folder.path16()) : scheme + u":///conformance";
+        m_hostRoot = onHost ? m_folder.path().string() : "";
+        m_ops->createFolders(m_root);
+    }
     FileSystemOps& ops() { return *m_ops; }
     Capabilities const& caps() const { return GetParam().caps; }
-    /// `relative` ("a/b/c.txt") appended element by element to `base` (default: the root).
-    std::u16string at(std::string const& relative, std::u16string base = {}) {
-        std::u16string path = base.empty() ? m_root : base;
+    /// `relative` ("a/b/c.txt") appended element by element to the root.
+    std::u16string at(std::string const& relative) {
+        std::u16string path = m_root;
         std::stringstream elements(relative);
         for (std::string element; std::getline(elements, element, '/');)
             path = ops().appendPath(path, toString(element, true));
@@ -72,16 +80,15 @@ public:
         auto in = ops().createInputStream(path, OpenMode::ReadBinary, ec);
         return in ? std::string(std::istreambuf_iterator<char>(*in), {}) : "<missing>";
     }
-    /// getFiles of `folder`, and what it should hold for paths under `base`: normalised, sorted.
+    /// getFiles of `folder`, and what it should hold (paths relative to the root): normalised, sorted.
     std::vector<std::u16string> listing(P folder, bool recursive = true) {
         std::vector<std::u16string> files;
         ops().getFiles(folder, files, recursive);
         return normal(files);
     }
-    std::vector<std::u16string> expected(std::vector<std::string> const& relatives, std::u16string base = {}) {
-        std::vector<std::u16string> paths;
-        for (auto const& relative : relatives)
-            paths.push_back(at(relative, base));
+    std::vector<std::u16string> expected(std::vector<std::string> const& relatives) {
+        std::vector<std::u16string> paths(relatives.size());
+        std::transform(relatives.begin(), relatives.end(), paths.begin(), [&](auto const& r) { return at(r); });
         return normal(paths);
     }
     std::vector<std::u16string> normal(std::vector<std::u16string> paths) {
@@ -99,25 +106,9 @@ public:
     HostFolder m_folder;
     stratum::storage::vfs::StorageSystemReference m_storage;
     std::unique_ptr<FileSystemOps> m_ops;
-    std::u16string m_root, m_other; ///< m_other: an empty folder of another scheme, or ""
-    std::string m_hostRoot;         ///< the host folder behind the root, or ""
+    std::u16string m_root;
+    std::string m_hostRoot; ///< the host folder behind the root, or ""
 };
-
-// The local back end (no scheme), or the virtual one on a scratch host folder ("file") or on
-// "<scheme>:///conformance".
-std::function<void(Conformance&)> on(std::u16string const scheme) {
-    return [scheme](Conformance& w) {
-        w.m_ops = scheme.empty() ? std::unique_ptr<FileSystemOps>(std::make_unique<LocalFileSystemOps>())
-                                 : std::make_unique<VirtualFileSystemOps>(w.m_storage);
-        auto const onHost = w.m_ops->normalizePath(w.m_folder.path16());
-        w.m_root = scheme.empty() || scheme == u"file" ? onHost : scheme + u":///conformance";
-        w.m_other = scheme.empty() ? u"" : scheme == u"file" ? u"memory:///other" : onHost;
-        w.m_hostRoot = scheme.empty() || scheme == u"file" ? w.m_folder.path().string() : "";
-        w.m_ops->createFolders(w.m_root);
-        if (!w.m_other.empty())
-            w.m_ops->createFolders(w.m_other);
-    };
-}
 
 // Generated trees: every query, content and listing agrees with what was made and, on the host,
 // with lstat and readlink. Names hold spaces, dots and non-ASCII text of two to four bytes.
@@ -189,7 +180,7 @@ TEST_P(Conformance, GeneratedTreesAgreeWithTheOracle) {
                 if ((item.first == File || item.first == Link) && rel.rfind(prefix, 0) == 0 &&
                     (recursive || rel.find('/', prefix.size()) == std::string::npos))
                     want.push_back(rel);
-            EXPECT_EQ(listing(folder.empty() ? m_root : at(folder), recursive), expected(want)) << folder;
+            EXPECT_EQ(listing(at(folder), recursive), expected(want)) << folder;
         }
     std::vector<std::u16string> files = {u"kept"};
     ops().getFiles(at(folders.back()), files, false);
@@ -283,7 +274,6 @@ TEST_P(Conformance, RefusalsCarryTheirCodeAndChangeNothing) {
 #define OPC_ROW(call, code) {[&](error_code & ec) { call; }, errc::errc_t(code)}
     std::pair<Call, errc::errc_t> const rows[] = {
         OPC_ROW(ops().getSizeInBytes(at("missing"), ec), errc::no_such_file_or_directory),
-        OPC_ROW(ops().getSizeInBytes(at("full"), ec), errc::is_a_directory),
         OPC_ROW(ops().getPermissions(at("missing"), ec), errc::no_such_file_or_directory),
         OPC_ROW(ops().getLastModifiedTime(at("missing"), ec), errc::no_such_file_or_directory),
         OPC_ROW(ops().getFiles(at("missing"), files, true, ec), errc::no_such_file_or_directory),
@@ -327,40 +317,32 @@ TEST_P(Conformance, FoldersCopiesRenamesAndRemovals) {
     ops().createFolders(at("src/inner")); // already there: fine
     write(at("src/a"), "a");
     write(at("src/inner/b"), "b");
-    for (ExistsMode mode : {NoOverwrite, FailIfExists, Overwrite}) { // files
-        write(at("dst"), "old");
-        ops().copy(at("src/a"), at("dst"), Overwrite);
-        ops().copy(at("src/a"), at("fresh" + std::to_string(int(mode))), mode);
-        EXPECT_EQ(read(at("dst")) + read(at("fresh" + std::to_string(int(mode)))), "aa");
-        ops().remove(at("dst"));
-    }
-    auto const copied = expected({"dst/a", "dst/inner/b"});
+    write(at("f"), "old");
+    ops().copy(at("src/a"), at("f"), Overwrite);
+    for (ExistsMode mode : {NoOverwrite, FailIfExists, Overwrite}) // a fresh name is copied in every mode
+        ops().copy(at("src/a"), at("f" + std::to_string(int(mode))), mode);
+    EXPECT_EQ(read(at("f")) + read(at("f0")) + read(at("f1")) + read(at("f2")), "aaaa");
     ops().copy(at("src"), at("dst"), NoOverwrite);
-    EXPECT_EQ(listing(at("dst")), copied);
     EXPECT_EQ(read(at("dst/inner/b")), "b");
     write(at("dst/stale"), "s"); // Overwrite replaces the whole destination
     ops().copy(at("src"), at("dst"), Overwrite);
-    EXPECT_EQ(listing(at("dst")), copied);
+    EXPECT_EQ(listing(at("dst")), expected({"dst/a", "dst/inner/b"}));
     if (caps().folderCopyModes) { // NoOverwrite copies into the folder and keeps the rest
-        write(at("dst/extra"), "e");
         ops().remove(at("dst/a"));
         ops().removeAll(at("dst/inner"));
+        write(at("dst/extra"), "e");
         ops().copy(at("src"), at("dst"), NoOverwrite);
         EXPECT_EQ(listing(at("dst")), expected({"dst/a", "dst/inner/b", "dst/extra"}));
     }
     ops().rename(at("src/a"), at("src/inner/b")); // replaces a file
     ops().rename(at("src"), at("moved"));
-    std::vector<std::string> all = {"fresh0", "fresh1", "fresh2", "moved/inner/b", "dst/a", "dst/inner/b"};
-    if (caps().folderCopyModes)
-        all.push_back("dst/extra");
-    EXPECT_EQ(listing(m_root), expected(all));
-    EXPECT_EQ(read(at("moved/inner/b")), "a");
-    ops().setPermissions(at("fresh0"), Perms::Perms_tag(0444));
-    ops().remove(at("fresh0"));
+    EXPECT_EQ(read(at("moved/inner/b")) + read(at("src/a")), "a<missing>");
+    ops().setPermissions(at("f0"), Perms::Perms_tag(0444));
+    ops().remove(at("f0")); // read-only or not
     ops().remove(at("moved/inner/b"));
     ops().remove(at("moved/inner"));
     ops().removeAll(at("dst"));
-    EXPECT_EQ(listing(m_root), expected({"fresh1", "fresh2"}));
+    EXPECT_EQ(listing(m_root), expected({"f", "f1", "f2"}));
     EXPECT_FALSE(ops().exists(at("moved/inner")) || ops().exists(at("dst")));
     error_code ec;
     ops().removeAll(at("dst"), ec);
@@ -398,16 +380,15 @@ TEST_P(Conformance, LinksAreNeverFollowed) {
 TEST_P(Conformance, ARefusedWriteThrowsFromThatWrite) {
     auto out = ops().createOutputStream(at("w"), OpenMode::WriteBinary);
     std::string const block(16384, 'b');
-    auto blocksTaken = [&](errc::errc_t expected) {
-        int blocks = 0;
-        try {
-            for (; blocks < 8; ++blocks)
+    auto blocksTaken = [&](errc::errc_t expected) { // before the write that threw; -1: the wrong failure
+        for (int blocks = 0; blocks < 8; ++blocks)
+            try {
                 out->write(block.data(), std::streamsize(block.size()));
-        } catch (Exception const& e) { // a host number keeps its own category
-            bool const right = e.code().value() == expected && std::string(e.what()).rfind("write failed: ", 0) == 0;
-            return right && out->bad() ? blocks : -1;
-        }
-        return -2;
+            } catch (Exception const& e) { // a host number keeps its own category
+                bool const right = e.code().value() == expected && std::string(e.what()).rfind("write failed: ", 0) == 0;
+                return right && out->bad() ? blocks : -1;
+            }
+        return -1;
     };
     if (m_hostRoot.empty()) {
         out->write(block.data(), std::streamsize(block.size()));
@@ -422,34 +403,6 @@ TEST_P(Conformance, ARefusedWriteThrowsFromThatWrite) {
         std::_Exit(blocksTaken(errc::file_too_large) == 4 ? 0 : 1);
     };
     EXPECT_EXIT(limited(), ::testing::ExitedWithCode(0), "");
-}
-
-// Overwriting a host file replaces the name: another hard link keeps its content, and the
-// destination keeps its own mode; only the write bits move when writability changes.
-TEST_P(Conformance, OverwriteKeepsHardLinksAndModes) {
-    if (m_hostRoot.empty())
-        GTEST_SKIP() << "no host files behind this back end";
-    writeFile(host("outside"), "kept", 0600);
-    writeFile(host("new"), "new", 0644);
-    ASSERT_EQ(::link(host("outside").c_str(), host("planted").c_str()), 0);
-    ops().copy(at("new"), at("planted"), Overwrite);
-    EXPECT_EQ(read(at("planted")) + read(at("outside")), "newkept");
-    ops().replaceFileWithBackup(at("outside"), ops(), at("new"), CommitOptions());
-    EXPECT_EQ(modeOf(host("outside")), 0600);
-    struct Row {
-        int before, perms, after;
-    } const rows[] = {{0660, 0444, 0440}, {0440, 0644, 0640}, {0600, 0644, 0600}, {0604, 0, 0404}};
-    for (auto const& row : caps().posixPermissions ? std::vector<Row>() : std::vector<Row>(rows, rows + 4)) {
-        ::chmod(host("outside").c_str(), mode_t(row.before));
-        ops().setPermissions(at("outside"), Perms::Perms_tag(row.perms));
-        EXPECT_EQ(modeOf(host("outside")), row.after) << std::oct << row.before;
-    }
-    if (!caps().symlinks)
-        return;
-    ::chmod(host("outside").c_str(), 0600); // over a link to a 0600 file: a 0600 file, never 0777
-    ::symlink("outside", host("link").c_str());
-    ops().replaceFileWithBackup(at("link"), ops(), at("new"), CommitOptions());
-    EXPECT_EQ(modeOf(host("link")), 0600);
 }
 
 // A commit from a file of the local back end; the frame passes the commit's own report on.
@@ -470,8 +423,7 @@ TEST_P(Conformance, CommitReplacesKeepsABackupAndReportsThroughTheFrame) {
     EXPECT_EQ(reported, std::vector<std::u16string>{at("p.pkg.bak")});
     error_code ec;
     ops().replaceFileWithBackup(target, local, source + u"-missing", CommitOptions(), ec);
-    EXPECT_TRUE(ec.failed());
-    EXPECT_EQ(read(target), "fresh");
+    EXPECT_TRUE(ec.failed() && read(target) == "fresh");
     // The library's exception with a cleared code stays a success; anything else is unknown.
     keep.backupCreatedFcn([](P) { throw Exception("noted", error_code()); });
     ops().replaceFileWithBackup(target, local, source, keep, ec);
@@ -479,59 +431,13 @@ TEST_P(Conformance, CommitReplacesKeepsABackupAndReportsThroughTheFrame) {
     keep.backupCreatedFcn([](P) { throw std::logic_error("callback broke"); });
     ops().replaceFileWithBackup(target, local, source, keep, ec);
     EXPECT_EQ(ec, errc::make_error_code(errc::io_error));
-}
-
-TEST_P(Conformance, TreesCopyAndMoveAcrossSchemes) {
-    if (m_other.empty())
-        GTEST_SKIP() << "one scheme only";
-    std::string const big(100000, '\x7F'), name = "tree/sub dir/\xC3\xA9t\xC3\xA9";
-    ops().createFolders(at("tree/sub dir"));
-    write(at("tree/a b"), "space");
-    write(at(name), big);
-    ops().copy(at("tree"), at("tree", m_other), NoOverwrite);
-    EXPECT_EQ(listing(at("tree", m_other)), expected({"tree/a b", name}, m_other));
-    EXPECT_EQ(read(at(name, m_other)), big);
-    ops().rename(at("tree/a b", m_other), at("moved"));
-    EXPECT_EQ(read(at("moved")) + read(at("tree/a b", m_other)), "space<missing>");
-}
-
-// Without rights nothing is read or changed. Root ignores permission bits, so this runs as root
-// only, in a child that dropped to the unprivileged user 65534.
-TEST_P(Conformance, WithoutRightsNothingIsReadOrChanged) {
-    if (::geteuid() != 0)
-        GTEST_SKIP() << "needs root to drop to another user";
-    if (m_hostRoot.empty())
-        GTEST_SKIP() << "no host files behind this back end";
-    ::chmod(m_hostRoot.c_str(), 0755);
-    ops().createFolders(at("private/inner"));
-    ops().createFolder(at("locked"));
-    writeFile(host("locked/file"), "stays", 0600);
-    ::chmod(host("private").c_str(), 0700);
-    auto child = [&] {
-        if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0)
-            std::_Exit(2);
-        std::string problems;
-        auto check = [&](char const* what, error_code const& ec) {
-            if (!ec.failed() || (caps().preciseErrors && ec != errc::make_error_code(errc::permission_denied)))
-                problems += std::string(what) + ": " + ec.message() + "; ";
-        };
-        error_code ec;
-        std::vector<std::u16string> files;
-        ops().createInputStream(at("locked/file"), OpenMode::ReadBinary, ec), check("read", ec);
-        ops().getFiles(at("private"), files, false, ec), check("list", ec);
-        ops().getFiles(m_root, files, true, ec), check("list all", ec);
-        ops().createOutputStream(at("locked/new"), OpenMode::WriteBinary, ec), check("create", ec);
-        ops().remove(at("locked/file"), ec), check("remove", ec);
-        ops().removeAll(at("locked"), ec), check("removeAll", ec);
-        ops().rename(at("locked/file"), at("locked/moved"), ec), check("rename", ec);
-        ops().setPermissions(at("locked/file"), Perms::Perms_tag(0666), ec), check("chmod", ec);
-        std::fputs(problems.c_str(), stderr);
-        std::_Exit(problems.empty() ? 0 : 1);
-    };
-    EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "");
-    EXPECT_EQ(modeOf(host("locked/file")), 0600);
-    EXPECT_EQ(listing(at("locked")), expected({"locked/file"}));
-    EXPECT_EQ(read(at("locked/file")), "stays");
+    if (!caps().symlinks)
+        return;
+    writeFile(host("outside"), "kept", 0600); // over a link to a 0600 file: a 0600 file, never 0777
+    ops().createSymlink(u"outside", at("link"));
+    ops().replaceFileWithBackup(at("link"), local, source, CommitOptions());
+    EXPECT_EQ(modeOf(host("link")), 0600);
+    EXPECT_EQ(read(at("outside")) + read(at("link")), "keptfresh");
 }
 
 // Storage has no links and only writable/read-only permissions; its errors are coarser, a
@@ -540,9 +446,8 @@ TEST_P(Conformance, WithoutRightsNothingIsReadOrChanged) {
 Capabilities const storage{false, false, false, false, false, false, false};
 
 INSTANTIATE_TEST_SUITE_P(BackEnds, Conformance,
-                         ::testing::Values(BackEnd{"local", Capabilities(), on(u"")},
-                                           BackEnd{"file", storage, on(u"file")},
-                                           BackEnd{"memory", storage, on(u"memory")}),
+                         ::testing::Values(BackEnd{"local", Capabilities(), u""}, BackEnd{"file", storage, u"file"},
+                                           BackEnd{"memory", storage, u"memory"}),
                          [](auto const& info) { return info.param.name; });
 
 } // namespace
