@@ -14,8 +14,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
 #include <csignal>
+#include <map>
 #include <random>
 #include <sstream>
 #include <sys/resource.h>
