@@ -1,13 +1,8 @@
-// The selector: which back end a path goes to, the shared record among copies, and a
-// selector without storage.
-#include "support/HostFolder.hpp"
-
+// What only the selector does: route by the storage's prefix test, share its back ends among copies.
 #include <opc/Exception.hpp>
 #include <opc/FileSystemOpsSelector.hpp>
-#include <opc/LocalFileSystemOps.hpp>
 #include <opc/VirtualFileSystemOps.hpp>
 
-#include <stratum/storage/vfs/IRI.hpp>
 #include <stratum/storage/vfs/StorageSystem.hpp>
 
 #include <gtest/gtest.h>
@@ -17,70 +12,23 @@
 namespace opc::test {
 namespace {
 
-namespace vfs = stratum::storage::vfs;
-
-constexpr char const* kNoStorage =
-    "Virtual file system operations are not supported. A StorageSystemReference was not provided.";
-
-TEST(Selector, RoutesByTheStoragePrefixTestAlone) {
-    vfs::StorageSystemReference storage;
-    FileSystemOpsSelector const selector(storage);
-    // With and without an IRI prefix the storage knows; the storage's own test decides.
-    for (std::u16string const path : {u"memory:///a", u"MEMORY:///a", u"file:///tmp/x", u"FiLe:relative", u"/tmp/x",
-                                      u"relative/x", u"./a:b", u"a/b:c", u"/x:y", u"gopher:///a", u"", u"memory"}) {
-        SCOPED_TRACE(std::string(path.begin(), path.end()));
-        FileSystemOps& chosen = selector.getForPath(path);
-        if (vfs::hasIRIPrefix(path)) {
-            EXPECT_NE(dynamic_cast<VirtualFileSystemOps*>(&chosen), nullptr);
-            EXPECT_EQ(&chosen, &selector.getVirtual());
-        } else {
-            EXPECT_NE(dynamic_cast<LocalFileSystemOps*>(&chosen), nullptr);
-            EXPECT_EQ(&chosen, &selector.getLocal());
-        }
-    }
-    EXPECT_EQ(&selector.getLocal(), &selector.getPhysical());
-    // The virtual back end works on the given storage, not on one of its own.
-    selector.getForPath(u"memory:///shared").createFolders(u"memory:///shared/inner");
-    EXPECT_TRUE(VirtualFileSystemOps(storage).isFolder(u"memory:///shared/inner"));
-    EXPECT_FALSE(VirtualFileSystemOps(vfs::StorageSystemReference()).exists(u"memory:///shared"));
-}
-
-TEST(Selector, WithoutStorageOnlyTheLocalBackEndExists) {
-    FileSystemOpsSelector const selector;
-    HostFolder host;
-    EXPECT_TRUE(selector.getForPath(host.path16()).isFolder(host.path16()));
-    for (auto ask : {+[](FileSystemOpsSelector const& s) -> FileSystemOps& { return s.getVirtual(); },
-                     +[](FileSystemOpsSelector const& s) -> FileSystemOps& { return s.getForPath(u"memory:///a"); }}) {
-        try {
-            ask(selector);
-            FAIL() << "no exception";
-        } catch (Exception const& e) {
-            EXPECT_STREQ(e.what(), kNoStorage);
-            EXPECT_FALSE(e.code().failed());
-            EXPECT_EQ(e.code(), boost::system::error_code());
-        }
-    }
-}
-
-TEST(Selector, CopiesShareTheBackEndsWhichOutliveTheOriginal) {
-    vfs::StorageSystemReference storage;
+TEST(Selector, RoutesByPrefixSharesItsBackEndsAndNeedsStorageForIRIs) {
+    stratum::storage::vfs::StorageSystemReference storage;
     std::optional<FileSystemOpsSelector> original(std::in_place, storage);
-    FileSystemOps* const local = &original->getLocal();
-    FileSystemOps* const virt = &original->getVirtual();
     FileSystemOpsSelector copy(*original);
-    FileSystemOpsSelector assigned;
-    assigned = *original;
+    FileSystemOps *const local = &original->getLocal(), *const virt = &original->getVirtual();
     original.reset();
-    for (auto const* s : {&copy, &assigned}) {
-        EXPECT_EQ(&s->getLocal(), local);
-        EXPECT_EQ(&s->getVirtual(), virt);
-    }
-    // Still usable after the original is gone.
-    copy.getVirtual().createFolder(u"memory:///after");
-    EXPECT_TRUE(assigned.getForPath(u"memory:///after").isFolder(u"memory:///after"));
-
-    FileSystemOpsSelector const other(storage);
-    EXPECT_NE(&other.getLocal(), local) << "separately made selectors own separate back ends";
+    EXPECT_EQ(&copy.getPhysical(), local);
+    for (std::u16string const path : {u"memory:///a", u"MEMORY:///a", u"file:///x", u"FiLe:relative"})
+        EXPECT_EQ(&copy.getForPath(path), virt);
+    for (std::u16string const path : {u"/tmp/x", u"gopher:///a", u"relative/x", u"./a:b", u"/x:y", u"", u"memory"})
+        EXPECT_EQ(&copy.getForPath(path), local);
+    copy.getVirtual().createFolder(u"memory:///after"); // on the given storage, after the original is gone
+    EXPECT_TRUE(VirtualFileSystemOps(storage).isFolder(u"memory:///after"));
+    FileSystemOpsSelector const alone;
+    EXPECT_TRUE(alone.getForPath(u"/").isFolder(u"/"));
+    EXPECT_THROW(alone.getVirtual(), Exception);
+    EXPECT_THROW(alone.getForPath(u"memory:///a"), Exception);
 }
 
 } // namespace

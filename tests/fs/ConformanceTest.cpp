@@ -1,0 +1,417 @@
+// Every back end behaves the same, apart from what its capabilities switch off; fixtures are made
+// through the public operations, and a scheme joins with one line at the end.
+#include "support/HostFolder.hpp"
+
+#include <opc/CommitOptions.hpp>
+#include <opc/Exception.hpp>
+#include <opc/LocalFileSystemOps.hpp>
+#include <opc/Text.hpp>
+#include <opc/VirtualFileSystemOps.hpp>
+
+#include <stratum/storage/vfs/StorageSystem.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <map>
+#include <random>
+#include <sstream>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace opc::test {
+namespace {
+
+namespace errc = boost::system::errc;
+using boost::system::error_code;
+using P = std::u16string const&;
+
+/// What a back end supports; a switch that is off skips or relaxes the cases that need it.
+struct Capabilities {
+    bool symlinks = true;             ///< links are made, seen, listed and copied as links
+    bool posixPermissions = true;     ///< all nine bits round-trip (else only 0644/0444)
+    bool preciseErrors = true;        ///< failures carry the exact POSIX number
+    bool folderCopyModes = true;      ///< NoOverwrite copies a folder into an existing one
+    bool lenientRemoval = true;       ///< removeAll of a missing path succeeds
+    bool unknownValuesIgnored = true; ///< PermsUnknown and not-a-date-time change nothing
+};
+
+/// The local back end (no scheme), or the virtual one on a host folder ("file") or "<scheme>:///conformance".
+struct BackEnd {
+    std::string name;
+    Capabilities caps;
+    std::u16string scheme;
+};
+
+class Conformance : public ::testing::TestWithParam<BackEnd> {
+protected:
+    void SetUp() override {
+        auto const& scheme = GetParam().scheme;
+        bool const onHost = scheme.empty() || scheme == u"file";
+        m_ops = scheme.empty() ? std::unique_ptr<FileSystemOps>(std::make_unique<LocalFileSystemOps>())
+                               : std::make_unique<VirtualFileSystemOps>(m_storage);
+        m_root = onHost ? m_ops->normalizePath(m_folder.path16()) : scheme + u":///conformance";
+        m_hostRoot = onHost ? m_folder.path().string() : "";
+        m_ops->createFolders(m_root);
+    }
+    FileSystemOps& ops() { return *m_ops; }
+    Capabilities const& caps() const { return GetParam().caps; }
+    /// `relative` ("a/b/c.txt") appended element by element to the root.
+    std::u16string at(std::string const& relative) {
+        std::u16string path = m_root;
+        std::stringstream elements(relative);
+        for (std::string element; std::getline(elements, element, '/');)
+            path = ops().appendPath(path, toString(element, true));
+        return path;
+    }
+    std::string host(std::string const& relative) const { return m_hostRoot + "/" + relative; }
+    void write(P path, std::string const& bytes) {
+        ops().createOutputStream(path, OpenMode::WriteBinary | OpenMode::Truncate)->write(bytes.data(), bytes.size());
+    }
+    std::string read(P path) {
+        error_code ec;
+        auto in = ops().createInputStream(path, OpenMode::ReadBinary, ec);
+        return in ? std::string(std::istreambuf_iterator<char>(*in), {}) : "<missing>";
+    }
+    /// getFiles of `folder`, and what it should hold (paths relative to the root): normalised, sorted.
+    std::vector<std::u16string> listing(P folder, bool recursive = true) {
+        std::vector<std::u16string> files;
+        ops().getFiles(folder, files, recursive);
+        return normal(files);
+    }
+    std::vector<std::u16string> expected(std::vector<std::string> const& relatives) {
+        std::vector<std::u16string> paths(relatives.size());
+        std::transform(relatives.begin(), relatives.end(), paths.begin(), [&](auto const& r) { return at(r); });
+        return normal(paths);
+    }
+    std::vector<std::u16string> normal(std::vector<std::u16string> paths) {
+        for (auto& path : paths)
+            path = ops().normalizePath(path);
+        std::sort(paths.begin(), paths.end());
+        return paths;
+    }
+    /// A failed code, and exactly `precise` (unless 0) when the back end reports precise errors.
+    void expectFailure(error_code const& ec, errc::errc_t precise) const {
+        EXPECT_TRUE(ec.failed() && (!caps().preciseErrors || !precise || ec == errc::make_error_code(precise)))
+            << ec.message() << " for " << precise;
+    }
+
+    HostFolder m_folder;
+    stratum::storage::vfs::StorageSystemReference m_storage;
+    std::unique_ptr<FileSystemOps> m_ops;
+    std::u16string m_root;
+    std::string m_hostRoot; ///< the host folder behind the root, or ""
+};
+
+// Generated trees: queries, contents and listings agree with what was made and, on the host, with lstat.
+TEST_P(Conformance, GeneratedTreesAgreeWithTheOracle) {
+    char const* const parts[] = {"plain", "with space", "\xC3\xBCn\xC3\xAF", "\xE6\x97\xA5", "e\xF0\x9F\x98\x80",
+                                 ".hidden", "a.b.c", "trailing ", "-dash"};
+    enum Kind { Missing, File, Folder, Link };
+    std::map<std::string, std::pair<Kind, std::string>> made; // relative path: kind, content
+    std::vector<std::string> folders = {""};
+    std::mt19937 gen(unsigned(GetParam().name.size()));
+    for (int i = 0; i < 70; ++i) {
+        std::string const parent = folders[gen() % folders.size()];
+        std::string const rel = (parent.empty() ? "" : parent + "/") + parts[gen() % 9] + " " + std::to_string(i);
+        unsigned const kind = gen() % 11, size = std::vector<unsigned>{0, 1, 100, 4097, 70000}[gen() % 5];
+        if (kind < 3) {
+            ops().createFolder(at(rel));
+            made[rel] = {Folder, ""};
+            folders.push_back(rel);
+        } else if (kind < 6 && caps().symlinks) { // to a file, a folder, or dangling with a long target
+            auto const target = kind == 3 ? at(folders.back())
+                                : kind == 4 && !made.empty() ? at(made.begin()->first)
+                                                             : u"../nowhere/" + std::u16string(std::size_t(i) * 7, u'n');
+            ops().createSymlink(target, at(rel));
+            made[rel] = {Link, toUDEString(ops().normalizePath(target))};
+        } else {
+            made[rel] = {File, pattern(size, unsigned(i))};
+            write(at(rel), made[rel].second);
+            if (caps().posixPermissions)
+                ops().setPermissions(at(rel), Perms::Perms_tag(0400 | gen() % 0400));
+        }
+    }
+    made["missing"] = made[made.rbegin()->first + "/below"] = {Missing, ""};
+    for (auto const& [rel, item] : made) {
+        auto const [kind, content] = item;
+        auto const path = at(rel);
+        SCOPED_TRACE(rel);
+        error_code ec = errc::make_error_code(errc::timed_out); // a stale code is cleared
+        EXPECT_EQ(ops().exists(path, ec), kind != Missing);
+        EXPECT_EQ(ops().isFile(path, ec), kind == File);
+        EXPECT_EQ(ops().isFolder(path, ec), kind == Folder);
+        EXPECT_TRUE(ops().isSymlink(path, ec) == (kind == Link) && !ec.failed()) << ec.message();
+        EXPECT_EQ(ops().getSizeInBytes(path, ec), content.size() * (kind == File));
+        EXPECT_TRUE(kind == File ? !ec.failed()
+                                 : ec.failed() && (kind == Missing || !caps().preciseErrors || ec == errc::is_a_directory))
+            << ec.message();
+        EXPECT_EQ(kind == File ? read(path) : kind == Link ? toUDEString(ops().getLinkTarget(path)) : "", content);
+        struct stat st {};
+        if (m_hostRoot.empty() || kind == Missing || ::lstat(host(rel).c_str(), &st) != 0)
+            continue;
+        using namespace boost::posix_time;
+        EXPECT_EQ(ops().getLastModifiedTime(path), from_time_t(st.st_mtim.tv_sec) + microseconds(st.st_mtim.tv_nsec / 1000));
+        EXPECT_EQ(ops().getPermissions(path) & Perms::AllPerms,
+                  caps().posixPermissions ? st.st_mode & 0777 : (st.st_mode & 0200) ? 0644u : 0444u);
+    }
+    for (auto const& folder : folders) // listings name files and links, never folders, never follow
+        for (bool recursive : {false, true}) {
+            std::vector<std::string> want;
+            std::string const prefix = folder.empty() ? "" : folder + "/";
+            for (auto const& [rel, item] : made)
+                if ((item.first == File || item.first == Link) && rel.rfind(prefix, 0) == 0 &&
+                    (recursive || rel.find('/', prefix.size()) == std::string::npos))
+                    want.push_back(rel);
+            EXPECT_EQ(listing(at(folder), recursive), expected(want)) << folder;
+        }
+    std::vector<std::u16string> files = {u"kept"};
+    ops().getFiles(at(folders.back()), files, false);
+    EXPECT_EQ(files.front(), u"kept");
+}
+
+// Every open mode (the platform's own openmode bits) on a missing and an existing file, as std::fstream.
+TEST_P(Conformance, StreamModesActLikeStandardFileStreams) {
+    HostFolder oracleFolder;
+    std::string const oracle = (oracleFolder.path() / "oracle").string();
+    for (unsigned bits = 0; bits < 64; ++bits)
+        for (bool existing : {false, true}) {
+            SCOPED_TRACE("mode " + std::to_string(bits) + (existing ? " existing" : " missing"));
+            auto const path = at("m" + std::to_string(bits));
+            std::filesystem::remove(oracle);
+            if (existing) {
+                write(path, "hello");
+                writeFile(oracle, "hello");
+            }
+            {
+                std::ofstream standard(oracle, std::ios_base::openmode(bits) | std::ios_base::out);
+                error_code ec;
+                auto out = ops().createOutputStream(path, bits, ec);
+                EXPECT_EQ(bool(out), standard.is_open()) << ec.message();
+                standard << "XY";
+                if (out)
+                    *out << "XY";
+            }
+            EXPECT_EQ(read(path), readFile(oracle));
+            std::ifstream standard(oracle, std::ios_base::openmode(bits) | std::ios_base::in);
+            error_code ec;
+            auto in = ops().createInputStream(path, bits, ec);
+            EXPECT_EQ(bool(in), standard.is_open()) << ec.message();
+        }
+    auto out = ops().createOutputStream(at("visible"), OpenMode::WriteBinary); // no buffer of its own
+    *out << "now";
+    EXPECT_EQ(read(at("visible")), "now");
+}
+
+TEST_P(Conformance, PermissionsAndTimesRoundTrip) {
+    auto const file = at("p");
+    write(file, "data");
+    ops().createFolder(at("d"));
+    std::mt19937 gen(7);
+    for (int i = 0; i < 60; ++i) { // a host folder keeps its owner's rights, so only storage tries one
+        unsigned const bits = gen() % 01000 | (caps().posixPermissions ? 0600 : 0); // the owner must clean up
+        auto const item = caps().posixPermissions || i % 2 ? file : at("d");
+        ops().setPermissions(item, Perms::Perms_tag(bits));
+        EXPECT_EQ(ops().getPermissions(item) & Perms::AllPerms,
+                  caps().posixPermissions ? bits : (bits & 0222) ? 0644u : 0444u) << std::oct << bits;
+    }
+    ops().setPermissions(file, Perms::Perms_tag(0444));
+    ops().setPermissions(file, caps().unknownValuesIgnored ? Perms::PermsUnknown : Perms::Perms_tag(0444));
+    EXPECT_EQ(ops().getPermissions(file) & Perms::AllPerms, 0444u);
+    EXPECT_EQ(read(file), "data"); // read-only still reads
+    error_code ec;
+    ops().createOutputStream(file, OpenMode::WriteBinary, ec);
+    if (::geteuid() != 0 || !caps().posixPermissions) // root writes whatever the host mode says
+        expectFailure(ec, errc::permission_denied);
+
+    using namespace boost::posix_time;
+    for (auto const* text : {"2001-02-03 04:05:06.250000", "1969-07-20 20:17:40", "2038-01-19 03:14:08"}) {
+        ops().setLastModifiedTime(file, time_from_string(text));
+        EXPECT_EQ(ops().getLastModifiedTime(file), time_from_string(text)) << text;
+        struct stat st {};
+        if (!m_hostRoot.empty()) { // the host's own clock agrees
+            EXPECT_EQ(::stat(host("p").c_str(), &st), 0);
+            EXPECT_EQ(from_time_t(st.st_mtim.tv_sec) + microseconds(st.st_mtim.tv_nsec / 1000), time_from_string(text));
+        }
+    }
+    if (caps().unknownValuesIgnored) {
+        ops().setLastModifiedTime(file, ptime(boost::date_time::not_a_date_time));
+        EXPECT_EQ(ops().getLastModifiedTime(file), time_from_string("2038-01-19 03:14:08"));
+    }
+}
+
+// Every refusal: its code, and not a file anywhere changed, added or left behind.
+TEST_P(Conformance, RefusalsCarryTheirCodeAndChangeNothing) {
+    write(at("file"), "x");
+    ops().createFolders(at("full/inner"));
+    ops().createFolder(at("empty"));
+    write(at("full/inner/f"), "f");
+    std::vector<std::u16string> files;
+    auto const before = listing(m_root);
+    using Call = std::function<void(error_code&)>;
+#define OPC_ROW(call, code) {[&](error_code & ec) { call; }, errc::errc_t(code)}
+    std::pair<Call, errc::errc_t> const rows[] = {
+        OPC_ROW(ops().getSizeInBytes(at("missing"), ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().getPermissions(at("missing"), ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().getLastModifiedTime(at("missing"), ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().getFiles(at("missing"), files, true, ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().getFiles(at("file"), files, true, ec), errc::not_a_directory),
+        OPC_ROW(ops().createInputStream(at("missing"), OpenMode::ReadBinary, ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().createOutputStream(at("no/f"), OpenMode::WriteBinary, ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().createFolder(at("no/f"), ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().createFolder(at("full"), ec), errc::file_exists),
+        OPC_ROW(ops().copy(at("missing"), at("c"), NoOverwrite, ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().copy(at("file"), at("full/inner/f"), NoOverwrite, ec), errc::file_exists),
+        OPC_ROW(ops().copy(at("file"), at("full/inner/f"), FailIfExists, ec), errc::file_exists),
+        OPC_ROW(ops().copy(at("full/inner"), at("full"), FailIfExists, ec), errc::file_exists),
+        OPC_ROW(ops().rename(at("missing"), at("c"), ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().rename(at("file"), at("no/f"), ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().rename(u"", at("file"), ec), errc::invalid_argument),
+        OPC_ROW(ops().rename(at("file"), u"", ec), errc::invalid_argument),
+        OPC_ROW(ops().remove(at("full"), ec), errc::directory_not_empty),
+        OPC_ROW(ops().remove(at("missing"), ec), errc::no_such_file_or_directory),
+        // A file never replaces a folder, empty or not (any code).
+        OPC_ROW(ops().rename(at("file"), at("empty"), ec), 0), OPC_ROW(ops().rename(at("file"), at("full"), ec), 0),
+        OPC_ROW(ops().copy(at("file"), at("empty"), Overwrite, ec), 0),
+        OPC_ROW(ops().copy(at("file"), at("full"), Overwrite, ec), 0),
+        OPC_ROW(ops().replaceFileWithBackup(at("empty"), ops(), at("file"), {}, ec), 0),
+        OPC_ROW(ops().replaceFileWithBackup(at("full"), ops(), at("file"), {}, ec), 0),
+    };
+#undef OPC_ROW
+    for (std::size_t i = 0; i < std::size(rows); ++i) {
+        SCOPED_TRACE(i);
+        error_code ec;
+        rows[i].first(ec);
+        expectFailure(ec, rows[i].second);
+    }
+    EXPECT_EQ(listing(m_root), before);
+    EXPECT_TRUE(ops().isFolder(at("empty")) && !ops().exists(at("no")) && !ops().exists(at("c")));
+    EXPECT_EQ(read(at("file")) + read(at("full/inner/f")), "xf");
+}
+
+TEST_P(Conformance, FoldersCopiesRenamesAndRemovals) {
+    ops().createFolders(at("src/inner"));
+    ops().createFolders(at("src/inner")); // already there: fine
+    write(at("src/a"), "a");
+    write(at("src/inner/b"), "b");
+    write(at("f"), "old");
+    ops().copy(at("src/a"), at("f"), Overwrite);
+    for (ExistsMode mode : {NoOverwrite, FailIfExists, Overwrite}) // a fresh name is copied in every mode
+        ops().copy(at("src/a"), at("f" + std::to_string(int(mode))), mode);
+    EXPECT_EQ(read(at("f")) + read(at("f0")) + read(at("f1")) + read(at("f2")), "aaaa");
+    ops().copy(at("src"), at("dst"), NoOverwrite);
+    EXPECT_EQ(read(at("dst/inner/b")), "b");
+    write(at("dst/stale"), "s"); // Overwrite replaces the whole destination
+    ops().copy(at("src"), at("dst"), Overwrite);
+    EXPECT_EQ(listing(at("dst")), expected({"dst/a", "dst/inner/b"}));
+    if (caps().folderCopyModes) { // NoOverwrite copies into the folder and keeps the rest
+        ops().remove(at("dst/a"));
+        ops().removeAll(at("dst/inner"));
+        write(at("dst/extra"), "e");
+        ops().copy(at("src"), at("dst"), NoOverwrite);
+        EXPECT_EQ(listing(at("dst")), expected({"dst/a", "dst/inner/b", "dst/extra"}));
+    }
+    ops().rename(at("src/a"), at("src/inner/b")); // replaces a file
+    ops().rename(at("src"), at("moved"));
+    EXPECT_EQ(read(at("moved/inner/b")) + read(at("src/a")), "a<missing>");
+    ops().setPermissions(at("f0"), Perms::Perms_tag(0444));
+    ops().remove(at("f0")); // read-only or not
+    ops().remove(at("moved/inner/b"));
+    ops().remove(at("moved/inner"));
+    ops().removeAll(at("dst"));
+    EXPECT_EQ(listing(m_root), expected({"f", "f1", "f2"}));
+    EXPECT_FALSE(ops().exists(at("moved/inner")) || ops().exists(at("dst")));
+    error_code ec;
+    ops().removeAll(at("dst"), ec);
+    EXPECT_EQ(ec.failed(), !caps().lenientRemoval) << ec.message();
+}
+
+// Links are copied, moved and removed as links, never followed (their queries are above).
+TEST_P(Conformance, LinksAreNeverFollowed) {
+    if (!caps().symlinks)
+        GTEST_SKIP() << "no symbolic links in this back end";
+    ops().createFolders(at("tree"));
+    ops().createFolders(at("folder"));
+    write(at("folder/inside"), "i");
+    ops().createSymlink(ops().normalizePath(at("folder")), at("tree/link"));
+    ops().copy(at("tree/link"), at("copy"), FailIfExists);
+    ops().rename(at("copy"), at("moved"));
+    ops().copy(at("tree"), at("tree2"), NoOverwrite);
+    EXPECT_EQ(ops().getLinkTarget(at("moved")), ops().getLinkTarget(at("tree2/link")));
+    ops().removeAll(at("tree"));
+    EXPECT_EQ(listing(m_root), expected({"folder/inside", "moved", "tree2/link"})); // nothing removed through it
+}
+
+// A write the storage refuses reaches the writer at that very write, as the library's exception:
+// a host file limited to 64 KiB (in a child; SIGXFSZ ignored), or a read-only storage file.
+TEST_P(Conformance, ARefusedWriteThrowsFromThatWrite) {
+    auto out = ops().createOutputStream(at("w"), OpenMode::WriteBinary);
+    std::string const block(16384, 'b');
+    auto blocksTaken = [&](errc::errc_t expected) { // before the write that threw; -1: the wrong failure
+        for (int blocks = 0; blocks < 8; ++blocks)
+            try {
+                out->write(block.data(), std::streamsize(block.size()));
+            } catch (Exception const& e) { // a host number keeps its own category
+                bool const right = e.code().value() == expected && std::string(e.what()).rfind("write failed: ", 0) == 0;
+                return right && out->bad() ? blocks : -1;
+            }
+        return -1;
+    };
+    if (m_hostRoot.empty()) {
+        out->write(block.data(), std::streamsize(block.size()));
+        ops().setPermissions(at("w"), Perms::Perms_tag(0444));
+        EXPECT_EQ(blocksTaken(errc::permission_denied), 0);
+        return;
+    }
+    auto limited = [&] {
+        rlimit const limit{65536, 65536};
+        std::signal(SIGXFSZ, SIG_IGN);
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        std::_Exit(blocksTaken(errc::file_too_large) == 4 ? 0 : 1);
+    };
+    EXPECT_EXIT(limited(), ::testing::ExitedWithCode(0), "");
+}
+
+// A commit from a file of the local back end; the frame passes the commit's own report on.
+TEST_P(Conformance, CommitReplacesKeepsABackupAndReportsThroughTheFrame) {
+    HostFolder sourceFolder;
+    LocalFileSystemOps local;
+    auto const source = sourceFolder.path16() + u"/new.pkg", target = at("p.pkg");
+    writeFile((sourceFolder.path() / "new.pkg").string(), "fresh");
+    write(target, "old");
+    ops().setPermissions(target, Perms::Perms_tag(0444));
+    CommitOptions keep;
+    keep.removeBackup(false);
+    ops().replaceFileWithBackup(target, local, source, keep);
+    EXPECT_EQ(read(target) + read(at("p.pkg.bak")), "freshold");
+    EXPECT_EQ(ops().getPermissions(target) & 0777, 0444u);
+    error_code ec;
+    ops().replaceFileWithBackup(target, local, source + u"-missing", CommitOptions(), ec);
+    EXPECT_TRUE(ec.failed() && read(target) == "fresh");
+    // The library's exception with a cleared code stays a success.
+    keep.backupCreatedFcn([](P) { throw Exception("noted", error_code()); });
+    ops().replaceFileWithBackup(target, local, source, keep, ec);
+    EXPECT_FALSE(ec.failed()) << ec.message();
+    if (!caps().symlinks)
+        return;
+    writeFile(host("outside"), "kept", 0600); // over a link to a 0600 file: a 0600 file, never 0777
+    ops().createSymlink(u"outside", at("link"));
+    ops().replaceFileWithBackup(at("link"), local, source, CommitOptions());
+    EXPECT_EQ(modeOf(host("link")), 0600);
+    EXPECT_EQ(read(at("outside")) + read(at("link")), "keptfresh");
+}
+
+// Storage: no links or pipes, only writable/read-only, coarser errors, no merging folder copy, strict
+// removal, and PermsUnknown and not-a-date-time mean nothing special.
+Capabilities const storage{false, false, false, false, false, false};
+
+INSTANTIATE_TEST_SUITE_P(BackEnds, Conformance,
+                         ::testing::Values(BackEnd{"local", Capabilities(), u""}, BackEnd{"file", storage, u"file"},
+                                           BackEnd{"memory", storage, u"memory"}),
+                         [](auto const& info) { return info.param.name; });
+
+} // namespace
+} // namespace opc::test
