@@ -7,12 +7,12 @@ function(opc_set_warnings target)
   endif()
 endfunction()
 
-# opc_add_layer(NAME <target> DIR <dir> [LINK_PUBLIC ...] [LINK_PRIVATE ...])
-# A shared platform layer: sources under <dir>/src, public headers under <dir>/include,
-# hidden visibility, installed into the opccore export set.
+# opc_add_layer(NAME <target> DIR <dir> SOURCES <names...> [LINK_PUBLIC ...] [LINK_PRIVATE ...])
+# A shared platform layer: the listed sources under <dir>/src, public headers under
+# <dir>/include, hidden visibility, installed into the opccore export set.
 function(opc_add_layer)
-  cmake_parse_arguments(L "" "NAME;DIR" "LINK_PUBLIC;LINK_PRIVATE" ${ARGN})
-  file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${L_DIR}/src/*.cpp")
+  cmake_parse_arguments(L "" "NAME;DIR" "SOURCES;LINK_PUBLIC;LINK_PRIVATE" ${ARGN})
+  list(TRANSFORM L_SOURCES PREPEND "${L_DIR}/src/" OUTPUT_VARIABLE sources)
   add_library(${L_NAME} SHARED ${sources})
   add_library(opccore::${L_NAME} ALIAS ${L_NAME})
   target_include_directories(${L_NAME} PUBLIC
@@ -27,15 +27,20 @@ function(opc_add_layer)
   install(DIRECTORY "${L_DIR}/include/" DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endfunction()
 
-# opc_add_test_folder(PREFIX <prefix> DIR <dir> LINK <libs...>)
-# Every <dir>/*Test.cpp becomes one GoogleTest executable <prefix>_<file name>, registered
+# opc_add_test_folder(PREFIX <prefix> DIR <dir> [TESTS <names...>] LINK <libs...>)
+# Every <dir>/<name>.cpp of TESTS (without TESTS: every <dir>/*Test.cpp) becomes one GoogleTest executable <prefix>_<file name>, registered
 # with CTest as one test (one process per file keeps the sanitizer run short). Helpers shared
 # by the tests of a folder live in headers beside them or in tests/support.
 # A test whose source starts threads (mentions std::thread) gets the CTest label "threads"
 # and joins the target opc_threaded_tests, which the ThreadSanitizer run builds alone.
 function(opc_add_test_folder)
-  cmake_parse_arguments(T "" "PREFIX;DIR" "LINK" ${ARGN})
-  file(GLOB tests CONFIGURE_DEPENDS "${T_DIR}/*Test.cpp")
+  cmake_parse_arguments(T "" "PREFIX;DIR" "TESTS;LINK" ${ARGN})
+  if(T_TESTS)
+    list(TRANSFORM T_TESTS PREPEND "${T_DIR}/" OUTPUT_VARIABLE tests)
+    list(TRANSFORM tests APPEND ".cpp")
+  else()
+    file(GLOB tests CONFIGURE_DEPENDS "${T_DIR}/*Test.cpp")
+  endif()
   foreach(src ${tests})
     get_filename_component(name ${src} NAME_WE)
     set(exe ${T_PREFIX}_${name})
