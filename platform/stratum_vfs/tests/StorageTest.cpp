@@ -74,7 +74,6 @@ TEST(MemoryProvider, ReadersKeepTheSnapshotTheyOpened) {
     vfs::remove(file, vfs::RemoveFileOrEmptyFolder);
     EXPECT_EQ(errorOf([&] { orphan.write("!", 1); }), ErrorCode::NotFound);
     EXPECT_TRUE(orphan.bad());
-    EXPECT_EQ(vfs::exists(file.getIRI(), m.storage), provider::NoItem);
 }
 
 TEST(MemoryProvider, ManyThreadsCreateWriteListAndRemove) {

@@ -98,7 +98,7 @@ int traced(std::string const& op, std::string const& from, std::string const& to
            std::string const& trace = "/dev/null") {
     return exit_code(
         std::system((std::string(traced_variable) + "='" + op + " " + from + " " + to + "' strace -f -y -qq -z -o '" +
-                     trace + "' -e trace=openat,fdatasync,fsync,rename,renameat,renameat2,unlink,unlinkat" +
+                     trace + "' -e trace=openat,fdatasync,fsync,rename,renameat,renameat2,unlink,unlinkat,getrandom" +
                      (inject.empty() ? "" : " -e inject=" + inject) + " /proc/" + std::to_string(::getpid()) +
                      "/exe >/dev/null 2>&1")
                         .c_str()));
@@ -184,13 +184,14 @@ TEST(Traced, CopyIsDurableOrChangesNothing) {
 }
 
 // A name that is taken (by anyone, a planted link included) is skipped for a fresh one; any other
-// failure is reported, not retried.
+// failure, of the open or of the source of randomness, is reported, not retried.
 TEST(Traced, TakenNamesAreSkipped) {
     if (!strace_works())
         GTEST_SKIP() << "strace is missing or tracing is not permitted here";
     Scratch s;
     EXPECT_EQ(traced("tmpfile", s.dir, "-", "openat:error=EEXIST:when=1..3"), 0);
     EXPECT_EQ(traced("tmpfile", s.dir, "-", "openat:error=EACCES:when=1"), 3);
+    EXPECT_EQ(traced("tmpfile", s.dir, "-", "getrandom:error=EIO"), 3); // no name without fresh randomness
     EXPECT_EQ(s.entries(), 1u);
     std::ofstream(s.at("a")) << "new";
     std::ofstream(s.at("b")) << "old";
