@@ -60,7 +60,7 @@ vfs::ErrorCode errorOf(Work&& work) {
     return static_cast<vfs::ErrorCode>(-1);
 }
 
-TEST(MemoryProvider, ReadersKeepTheSnapshotTheyOpened) {
+TEST(MemoryProvider, SnapshotsTimesAndOrphans) {
     Memory m;
     vfs::File file = m.file(u"/doc");
     writeFile(file, "first");
@@ -69,6 +69,15 @@ TEST(MemoryProvider, ReadersKeepTheSnapshotTheyOpened) {
     writer << "SECOND";
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(early), {}), "first");
     EXPECT_EQ(readFile(file), "SECOND"); // written through, no flush needed
+    EXPECT_TRUE(early.seekg(6).fail());  // past the end of its snapshot
+    // A truncation alone, and the provider's own copy, change the file and the folder.
+    pt::ptime const past = pt::time_from_string("2001-02-03 04:05:06");
+    vfs::setLastModified(m.item(u"/doc"), past);
+    vfs::setLastModified(m.item(u"/"), past);
+    vfs::ofstream(file, vfs::OpenMode::Out | vfs::OpenMode::Truncate);
+    m.storage.getProvider(u"memory")->copyFile(file.getIRI(), m.iri(u"/copy"));
+    EXPECT_GT(vfs::getLastModified(m.item(u"/doc")), past);
+    EXPECT_GT(vfs::getLastModified(m.item(u"/")), past);
     // A write to a file removed meanwhile is refused: its bytes could never be read again.
     vfs::ofstream orphan(file, vfs::OpenMode::Append);
     vfs::remove(file, vfs::RemoveFileOrEmptyFolder);
@@ -133,9 +142,8 @@ TEST(StorageOps, ListingFilterIsANameGlob) {
     EXPECT_THROW(m.storage.getProvider(u"http"), vfs::UnsupportedIRISchemeException);
 }
 
-// Passes every call to the real provider, but fails the `failAt`-th output open with NoSpace,
-// and the close of every output while `failClose` is set. It overrides neither copyFile nor
-// removeTree, so the interface's own versions run.
+// Forwards every call but fails the `failAt`-th output open (NoSpace) and, with `failClose`, every
+// close; without copyFile and removeTree of its own, the interface's versions run.
 class Failing : public provider::StorageProvider {
 public:
     explicit Failing(std::shared_ptr<provider::StorageProvider> inner) : inner_(std::move(inner)) {}
@@ -170,10 +178,8 @@ private:
     std::shared_ptr<provider::StorageProvider> inner_;
 };
 
-// A move into another storage system streams each file (in more than one chunk) and stops at
-// the first refused one with its source whole; the interface's own copyFile and removeTree do
-// whole trees. A refused close reaches the caller of close, and the stream is then bad and
-// takes nothing more.
+// A move into another system stops at the first refused file with its source whole; the
+// interface's own copyFile and removeTree do whole trees; a refused close leaves the stream bad.
 TEST(StorageOps, InjectedFailuresAndTheInterfaceDefaults) {
     Memory source, target;
     auto failing = std::make_shared<Failing>(target.storage.getProvider(u"memory"));

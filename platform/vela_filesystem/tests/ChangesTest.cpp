@@ -1,6 +1,5 @@
 // Host copy, rename, removal and temporary files: what a failed call or a planted link must not
-// cost, on real files, under strace fault injection. Missing rights are the library's
-// conformance suite's to check.
+// cost, on real files and under strace. Missing rights are the library's conformance suite's.
 #include <vela/filesystem/exceptions.hpp>
 #include <vela/filesystem/operations.hpp>
 #include <vela/filesystem/temp.hpp>
@@ -148,9 +147,8 @@ TEST(Rename, FailuresNameTheirSide) {
 }
 
 // Under strace: a copy syncs its data before the rename onto an existing file, and the folder
-// after it. With each of those steps (or the removal of the old content) failing in turn, the
-// copy fails and the destination keeps its old content; a new copy whose data or name cannot
-// be made durable is removed again.
+// after it. With each step (or the removal of the old content) failing, the destination keeps
+// its old content, and a new copy that cannot be made durable is removed again.
 TEST(Traced, CopyIsDurableOrChangesNothing) {
     if (!strace_works())
         GTEST_SKIP() << "strace is missing or tracing is not permitted here";

@@ -1,6 +1,7 @@
-// Zone conversions against the C library's own reading of TZ, around both transitions in a
-// zone west and a zone east of UTC, and the local zone's TZ forms. Skipped wall times and the
-// first use from many threads are the library's time tests' to check.
+// Each TZ form (":identifier", a zone database path, a bare identifier; "" and ":" read as UTC)
+// gives the zone the C library reads from it, checked at random instants and every half hour of
+// the weeks of the transitions, 1971 to 2037. Back to UTC is exact but in a repeated hour (the
+// earlier instant wins). Skipped wall times and the first use are the library's tests' to check.
 #include <vela/i18n/time_zone.hpp>
 
 #include <gtest/gtest.h>
@@ -27,12 +28,6 @@ pt::ptime at(int y, int mo, int d, int h, int mi, int s = 0) {
         pt::time_duration(h, mi, s));
 }
 
-// Each TZ form gives the zone that the C library reads from it: ":identifier", a path into the
-// zone database, a bare identifier, and empty and ":" (UTC: the host's detection finds only the
-// unknown zone for these). Local times agree for random instants of 1971 to 2037 (where both
-// zone databases agree) and for every half hour of the weeks of March, April, October and
-// November in which the transitions fall. Back to UTC is exact, except in a repeated hour,
-// where the earlier instant wins.
 TEST(Zone, TZFormsAgreeWithTheCLibrary) {
     EXPECT_THROW(tz::timezone("Nowhere/Special"), std::invalid_argument);
     std::mt19937_64 rng(42);
