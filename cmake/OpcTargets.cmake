@@ -16,12 +16,13 @@ function(opc_set_warnings target)
   endif()
 endfunction()
 
-# opc_add_layer(NAME <target> DIR <dir> [LINK_PUBLIC ...] [LINK_PRIVATE ...])
-# A shared platform layer: sources under <dir>/src, public headers under <dir>/include,
-# hidden visibility, installed into the opccore export set with its headers under include/opccore.
+# opc_add_layer(NAME <target> DIR <dir> SOURCES <names...> [LINK_PUBLIC ...] [LINK_PRIVATE ...])
+# A shared platform layer: the listed sources under <dir>/src, public headers under
+# <dir>/include, hidden visibility, installed into the opccore export set with its headers
+# under include/opccore.
 function(opc_add_layer)
-  cmake_parse_arguments(L "" "NAME;DIR" "LINK_PUBLIC;LINK_PRIVATE" ${ARGN})
-  file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${L_DIR}/src/*.cpp")
+  cmake_parse_arguments(L "" "NAME;DIR" "SOURCES;LINK_PUBLIC;LINK_PRIVATE" ${ARGN})
+  list(TRANSFORM L_SOURCES PREPEND "${L_DIR}/src/" OUTPUT_VARIABLE sources)
   add_library(${L_NAME} SHARED ${sources})
   add_library(opccore::${L_NAME} ALIAS ${L_NAME})
   target_include_directories(${L_NAME} PUBLIC

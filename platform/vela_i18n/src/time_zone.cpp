@@ -40,9 +40,16 @@ void prepare_zones() {
     (void)prepared;
 }
 
+/// The library's "unknown" zone, by name: host detection may hand it back as a zone of another
+/// class than the library's own, which then compares unequal to it.
+bool is_unknown(icu::TimeZone const& zone) {
+    icu::UnicodeString id, unknown;
+    return zone.getID(id) == icu::TimeZone::getUnknown().getID(unknown);
+}
+
 std::unique_ptr<icu::TimeZone> create_known(std::string const& id) {
     std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::createTimeZone(icu::UnicodeString::fromUTF8(id)));
-    if (!zone || *zone == icu::TimeZone::getUnknown()) {
+    if (!zone || is_unknown(*zone)) {
         return nullptr;
     }
     return zone;
@@ -79,7 +86,7 @@ std::unique_ptr<icu::TimeZone> create_local() {
     std::unique_lock<std::mutex> lock(detecting);
     std::unique_ptr<icu::TimeZone> host(icu::TimeZone::detectHostTimeZone());
     lock.unlock();
-    if (!host || *host == icu::TimeZone::getUnknown()) {
+    if (!host || is_unknown(*host)) {
         return create_utc();
     }
     return host;
