@@ -30,6 +30,9 @@ struct Vector {
     std::string request, creq, sts, authz;
 };
 
+// Failure messages name the case rather than dumping its bytes.
+void PrintTo(Vector const& vector, std::ostream* out) { *out << vector.name; }
+
 std::vector<Vector> loadVectors(std::string const& file) {
     std::ifstream in(std::string(SIGV4_DATA_DIR) + '/' + file);
     std::vector<Vector> cases;

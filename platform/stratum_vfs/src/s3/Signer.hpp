@@ -56,7 +56,8 @@ std::string stringToSign(std::string const& canonical, std::string const& date, 
                          std::string const& service);
 
 /// Signs `request` as of `date`: adds "x-amz-date" (and "x-amz-security-token" when the
-/// credentials carry one) to its headers, then adds "Authorization" over all of them. The
+/// credentials carry one) to its headers, then adds "Authorization" over all of them; any of
+/// these three already there are replaced, so a retried request can be signed again. The
 /// caller adds "x-amz-content-sha256" (S3 wants it) before signing.
 void sign(Request& request, Credentials const& credentials, std::string const& region, std::string const& service,
           std::string const& date);
