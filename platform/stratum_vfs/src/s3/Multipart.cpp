@@ -3,6 +3,8 @@
 #include "s3/Signer.hpp"
 #include "s3/Xml.hpp"
 
+#include <stratum/storage/vfs/Exception.hpp>
+
 #include <algorithm>
 
 namespace stratum::storage::vfs::detail::s3 {
