@@ -4,7 +4,6 @@
 
 #include "s3/Http.hpp"
 
-#include <stratum/export.hpp>
 #include <stratum/storage/vfs/Exception.hpp>
 
 #include <string>
@@ -14,7 +13,7 @@ namespace stratum::storage::vfs::detail::s3 {
 /// The storage error for an answer with HTTP `status` and S3 error `code` ("" when none), or
 /// for a request that failed below HTTP (`transport`). `createOnly`: the request was a write
 /// that must not replace anything, so 412 means something is there already.
-STRATUM_API ErrorCode errorCodeFor(long status, std::string const& code, Transport transport, bool createOnly);
+ErrorCode errorCodeFor(long status, std::string const& code, Transport transport, bool createOnly);
 
 /// The exception for the failed `response` to a request about `iri`: the code above, with the
 /// S3 code and message (or libcurl's text) in the detail, prefixed by `what` ("HEAD", ...).
