@@ -9,7 +9,8 @@ set -euo pipefail
 
 declare -A groups=(
   [build]="g++ cmake ninja-build pkg-config libboost-system1.74-dev libboost-date-time1.74-dev
-           libboost-filesystem1.74-dev libboost-iostreams1.74-dev libicu-dev libssl-dev tzdata"
+           libboost-filesystem1.74-dev libboost-iostreams1.74-dev libicu-dev libssl-dev tzdata
+           libcurl4-openssl-dev libpugixml-dev"
   [test]="libgtest-dev libgmock-dev strace"
   [bench]="libbenchmark-dev"
   [docs]="doxygen"

@@ -43,14 +43,14 @@ std::u16string VirtualFileSystemOps::doGetTempName(const std::u16string& folder,
         std::u16string const folderIRI =
             folder.empty() ? fileIRIText(util::getTempDir()) : store::AbsoluteIRI(folder).toString();
         store::AbsoluteIRI const base(folderIRI);
-        std::u16string const scheme = base.getScheme();
         std::u16string const folderPath = base.getPath();
-        // Keep the folder's scheme; the name inside comes from the host's temporary-name routine.
+        // A child of the folder's IRI, so that its scheme and authority (an object store's
+        // bucket) stay; the name comes from the host's temporary-name routine.
         do {
             std::u16string const name = hostfs::tmpnam(folderPath, u".", u".tmp");
             std::u16string const generic =
                 hostfs::detail::make_generic_form(hostfs::detail::make_native_form(name, true));
-            candidate = store::toAbsoluteIRI(scheme, hostPath(generic)).toString();
+            candidate = base.getChild(generic.substr(generic.rfind(u'/') + 1)).toString();
         } while (doExists(candidate, detail, ec));
         return true;
     });

@@ -17,7 +17,13 @@ namespace stratum::storage::vfs {
 namespace {
 
 // Every scheme some provider serves, lower case. A new provider adds its scheme here.
-constexpr std::array<char16_t const*, 2> knownSchemes = {u"file", u"memory"};
+constexpr std::array<char16_t const*, 3> knownSchemes = {u"file", u"memory", u"s3"};
+
+// Schemes whose IRIs carry an authority (the bucket) and literal keys.
+bool hasAuthority(std::u16string const& scheme) { return detail::asciiLower(scheme) == u"s3"; }
+
+// Object keys hold at most this many bytes of UTF-8.
+constexpr std::size_t maxKeyBytes = 1024;
 
 bool isAlpha(char16_t c) { return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z'); }
 bool isDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
@@ -81,6 +87,63 @@ void applySegments(std::vector<std::u16string>& segments, std::u16string const& 
             segments.push_back(std::move(segment));
         }
         start = end + 1;
+    }
+}
+
+// Applies decoded key text to `segments` literally: split at every "/", empty segments kept
+// ("a//b" has three), one trailing "/" dropped (it names the folder). "." and ".." have no
+// meaning in a key and are refused rather than resolved.
+void applyKeySegments(std::vector<std::u16string>& segments, std::u16string const& decoded,
+                      std::u16string const& whole) {
+    if (decoded.empty()) {
+        return;
+    }
+    std::size_t const end = decoded.back() == u'/' ? decoded.size() - 1 : decoded.size();
+    std::size_t start = 0;
+    while (true) {
+        std::size_t slash = decoded.find(u'/', start);
+        if (slash == std::u16string::npos || slash >= end) {
+            slash = end;
+        }
+        std::u16string segment = decoded.substr(start, slash - start);
+        if (segment == u"." || segment == u"..") {
+            throw InvalidIRIException(whole);
+        }
+        segments.push_back(std::move(segment));
+        if (slash == end) {
+            break;
+        }
+        start = slash + 1;
+    }
+}
+
+// A bucket name as S3 accepts it: 3 to 63 of a-z 0-9 "." "-", a letter or digit at both ends.
+bool validBucket(std::u16string const& name) {
+    auto alnum = [](char16_t c) { return (c >= u'a' && c <= u'z') || isDigit(c); };
+    if (name.size() < 3 || name.size() > 63 || !alnum(name.front()) || !alnum(name.back())) {
+        return false;
+    }
+    for (char16_t c : name) {
+        if (!alnum(c) && c != u'.' && c != u'-') {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The key of `segments`: joined by "/".
+std::u16string joinKey(std::vector<std::u16string> const& segments) {
+    std::u16string key;
+    for (std::size_t i = 0; i < segments.size(); ++i) {
+        key += (i ? u"/" : u"") + segments[i];
+    }
+    return key;
+}
+
+void checkKeyLength(std::vector<std::u16string> const& segments, std::u16string const& whole) {
+    std::string bytes;
+    if (!detail::toUtf8(joinKey(segments), bytes) || bytes.size() > maxKeyBytes) {
+        throw InvalidIRIException(whole);
     }
 }
 
@@ -167,6 +230,23 @@ AbsoluteIRI::AbsoluteIRI(std::u16string const& text) {
     if (!isKnownIRIScheme(scheme_)) {
         throw UnsupportedIRISchemeException(scheme_);
     }
+    if (hasAuthority(scheme_)) {
+        // "//", the bucket, then the key after one "/" (none: the bucket's root).
+        if (text.compare(length + 1, 2, u"//") != 0) {
+            throw InvalidIRIException(text);
+        }
+        std::size_t const start = length + 3;
+        std::size_t slash = text.find(u'/', start);
+        authority_ = text.substr(start, slash == std::u16string::npos ? std::u16string::npos : slash - start);
+        if (!validBucket(authority_)) {
+            throw InvalidIRIException(text);
+        }
+        if (slash != std::u16string::npos) {
+            applyKeySegments(segments_, decodePath(text.substr(slash + 1), text), text);
+            checkKeyLength(segments_, text);
+        }
+        return;
+    }
     // "//", an empty authority, then an absolute path.
     if (text.compare(length + 1, 3, u"///") != 0) {
         throw InvalidIRIException(text);
@@ -175,9 +255,14 @@ AbsoluteIRI::AbsoluteIRI(std::u16string const& text) {
 }
 
 AbsoluteIRI::AbsoluteIRI(AbsoluteIRI const& base, std::u16string const& relative)
-    : scheme_(base.scheme_), segments_(base.segments_) {
+    : scheme_(base.scheme_), authority_(base.authority_), segments_(base.segments_) {
     if (!validUtf16(relative)) {
         throw InvalidIRIException(relative);
+    }
+    if (hasAuthority(scheme_)) {
+        applyKeySegments(segments_, decodePath(relative, relative), relative);
+        checkKeyLength(segments_, relative);
+        return;
     }
     applySegments(segments_, decodePath(relative, relative));
 }
@@ -186,7 +271,7 @@ std::u16string AbsoluteIRI::toString() const {
     if (scheme_.empty()) {
         return {};
     }
-    std::u16string out = scheme_ + u"://";
+    std::u16string out = scheme_ + u"://" + authority_;
     if (segments_.empty()) {
         out += u'/';
     }
@@ -194,10 +279,17 @@ std::u16string AbsoluteIRI::toString() const {
         out += u'/';
         appendEncoded(out, segment);
     }
+    if (!segments_.empty() && segments_.back().empty()) {
+        out += u'/'; // a last empty segment of a key: "a//" stays "a//"
+    }
     return out;
 }
 
 std::u16string const& AbsoluteIRI::getScheme() const { return scheme_; }
+
+std::u16string const& AbsoluteIRI::getAuthority() const { return authority_; }
+
+std::u16string AbsoluteIRI::getKey() const { return joinKey(segments_); }
 
 std::u16string AbsoluteIRI::getPath() const {
     if (segments_.empty()) {
@@ -232,11 +324,14 @@ AbsoluteIRI AbsoluteIRI::getChild(std::u16string const& name) const {
     }
     AbsoluteIRI child(*this);
     child.segments_.push_back(name);
+    if (hasAuthority(scheme_)) {
+        checkKeyLength(child.segments_, name);
+    }
     return child;
 }
 
 bool AbsoluteIRI::isWithin(AbsoluteIRI const& other) const {
-    if (detail::asciiLower(scheme_) != detail::asciiLower(other.scheme_) ||
+    if (detail::asciiLower(scheme_) != detail::asciiLower(other.scheme_) || authority_ != other.authority_ ||
         other.segments_.size() > segments_.size()) {
         return false;
     }
@@ -249,7 +344,8 @@ bool AbsoluteIRI::isWithin(AbsoluteIRI const& other) const {
 }
 
 bool operator==(AbsoluteIRI const& a, AbsoluteIRI const& b) {
-    return a.segments_ == b.segments_ && detail::asciiLower(a.scheme_) == detail::asciiLower(b.scheme_);
+    return a.segments_ == b.segments_ && a.authority_ == b.authority_ &&
+           detail::asciiLower(a.scheme_) == detail::asciiLower(b.scheme_);
 }
 
 bool isKnownIRIScheme(std::u16string const& scheme) {

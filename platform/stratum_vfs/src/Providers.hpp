@@ -2,7 +2,10 @@
 
 #include <stratum/storage/provider/StorageProvider.hpp>
 
+#include <stratum/storage/vfs/S3Settings.hpp>
+
 #include <memory>
+#include <optional>
 
 namespace stratum::storage::vfs::detail {
 
@@ -11,6 +14,10 @@ std::shared_ptr<provider::StorageProvider> makeMemoryProvider();
 
 /// The local disk, through the host file-system layer.
 std::shared_ptr<provider::StorageProvider> makeLocalProvider();
+
+/// Object storage (`s3://bucket/key`) reached with `settings`; without them, with
+/// `S3Settings::fromEnvironment()` read at the first request.
+std::shared_ptr<provider::StorageProvider> makeS3Provider(std::optional<S3Settings> settings);
 
 } // namespace stratum::storage::vfs::detail
 

@@ -15,9 +15,10 @@ namespace detail {
 /// The providers of one storage system, by lower-case scheme.
 class StorageSystem {
 public:
-    StorageSystem() {
+    explicit StorageSystem(std::optional<S3Settings> s3) {
         providers_[u"file"] = makeLocalProvider();
         providers_[u"memory"] = makeMemoryProvider();
+        providers_[u"s3"] = makeS3Provider(std::move(s3));
     }
 
     std::shared_ptr<provider::StorageProvider> get(std::u16string const& scheme) const {
@@ -41,7 +42,10 @@ private:
 
 } // namespace detail
 
-StorageSystemReference::StorageSystemReference() : system_(std::make_shared<detail::StorageSystem>()) {}
+StorageSystemReference::StorageSystemReference() : system_(std::make_shared<detail::StorageSystem>(std::nullopt)) {}
+
+StorageSystemReference::StorageSystemReference(S3Settings settings)
+    : system_(std::make_shared<detail::StorageSystem>(std::move(settings))) {}
 
 std::shared_ptr<provider::StorageProvider> StorageSystemReference::getProvider(std::u16string const& scheme) const {
     return system_->get(scheme);

@@ -87,6 +87,43 @@ TEST(Iri, ChildrenRelativeTextAndContainment) {
     EXPECT_THROW(AbsoluteIRI(iri, u"\xDBFF"s), InvalidIRIException);
 }
 
+// s3: the bucket is kept and compared, keys are literal (empty segments kept, dots refused).
+TEST(Iri, S3KeepsTheBucketAndTakesKeysLiterally) {
+    struct Row {
+        char const *input, *canonical, *key, *name;
+        std::size_t segments;
+    };
+    for (Row const& row : {Row{"s3://bkt", "s3://bkt/", "", "", 0}, Row{"S3://my.bucket-1/", "S3://my.bucket-1/", "", "", 0},
+                           Row{"s3://bkt/a//b", "s3://bkt/a//b", "a//b", "b", 3},
+                           Row{"s3://bkt/reports/", "s3://bkt/reports", "reports", "reports", 1},
+                           Row{"s3://bkt/a//", "s3://bkt/a//", "a/", "", 2}, Row{"s3://bkt//", "s3://bkt//", "", "", 1},
+                           Row{"s3://bkt/a%2Fb%20c", "s3://bkt/a/b%20c", "a/b c", "b c", 2}}) {
+        AbsoluteIRI iri(u16(row.input));
+        EXPECT_EQ(u8(iri.toString()), row.canonical) << row.input;
+        EXPECT_EQ(u8(iri.getKey()), row.key) << row.input;
+        EXPECT_EQ(u8(iri.getName()), row.name) << row.input;
+        EXPECT_EQ(iri.getSegments().size(), row.segments) << row.input;
+        EXPECT_EQ(AbsoluteIRI(iri.toString()), iri) << row.input;
+    }
+    std::string const longest(1024, 'k');
+    EXPECT_EQ(AbsoluteIRI(u16("s3://bkt/" + longest)).getKey().size(), 1024u);
+    for (std::string const& bad :
+         std::vector<std::string>{"s3://", "s3:///key", "s3://ab/k", "s3://Bucket/k", "s3://-bkt/k", "s3://bkt-/k", "s3://b_k/k", "s3:/bkt/k",
+          "s3://bkt/a/./b", "s3://bkt/a/..", "s3://" + std::string(64, 'b') + "/k", "s3://bkt/" + longest + "k",
+          "s3://bkt/Ã©" + longest.substr(1)})
+        EXPECT_THROW(AbsoluteIRI(u16(bad)), InvalidIRIException) << bad;
+    AbsoluteIRI const root(u"s3://bkt/");
+    EXPECT_THROW(root.getChild(u16(longest + "k")), InvalidIRIException);
+    EXPECT_THROW(AbsoluteIRI(root, u"a/../b"), InvalidIRIException);
+    EXPECT_EQ(u8(AbsoluteIRI(root, u"x//y/").toString()), "s3://bkt/x//y");
+    EXPECT_EQ(u8(root.getChild(u"q").getParent().toString()), "s3://bkt/");
+    EXPECT_FALSE(AbsoluteIRI(u"s3://bkt/a") == AbsoluteIRI(u"s3://other/a"));
+    EXPECT_TRUE(AbsoluteIRI(u"s3://bkt/a//b").isWithin(AbsoluteIRI(u"s3://bkt/a")));
+    EXPECT_FALSE(AbsoluteIRI(u"s3://bkt/a/b").isWithin(AbsoluteIRI(u"s3://other/a")));
+    EXPECT_THROW(toAbsoluteIRI(u"s3", u"/bkt/x"), InvalidIRIException); // a host path names no bucket
+    EXPECT_TRUE(hasIRIPrefix(u"S3://bkt/x"));
+}
+
 // An independent reading of canonical path text: split on "/", percent-decode to bytes, UTF-8
 // to UTF-16 through ICU. Also checks that nothing that must be escaped stands bare.
 std::vector<std::u16string> decodeCanonicalPath(std::string const& text) {

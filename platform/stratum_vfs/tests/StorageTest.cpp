@@ -1,6 +1,8 @@
 // What the storage layer does that the library never asks of it: the memory provider's
 // snapshots and use from several threads, listing filters, and the provider interface's own
-// copy and tree removal under injected failures.
+// copy and tree removal under injected failures; the s3 scheme's translation of failed requests.
+#include "s3/Errors.hpp"
+
 #include <stratum/storage/provider/StorageProvider.hpp>
 #include <stratum/storage/vfs/vfs.hpp>
 
@@ -214,6 +216,47 @@ TEST(StorageOps, InjectedFailuresAndTheInterfaceDefaults) {
     vfs::ifstream in(target.file(u"/closing"));
     in.close();
     EXPECT_EQ(in.get(), std::char_traits<char>::eof());
+}
+
+// Each failed S3 request becomes one storage error; the S3 code and message stay in the detail.
+TEST(S3Errors, StatusAndCodeTranslateToOneStorageError) {
+    namespace s3 = vfs::detail::s3;
+    using T = s3::Transport;
+    struct Row {
+        long status;
+        char const* code;
+        T transport;
+        bool createOnly;
+        ErrorCode expected;
+    };
+    for (Row const& row : {Row{404, "NoSuchKey", T::None, false, ErrorCode::NotFound},
+                           Row{404, "NoSuchBucket", T::None, false, ErrorCode::NotFound},
+                           Row{404, "", T::None, false, ErrorCode::NotFound}, // HEAD has no body
+                           Row{403, "AccessDenied", T::None, false, ErrorCode::PermissionDenied},
+                           Row{403, "SignatureDoesNotMatch", T::None, false, ErrorCode::PermissionDenied},
+                           Row{403, "InvalidAccessKeyId", T::None, false, ErrorCode::PermissionDenied},
+                           Row{403, "RequestTimeTooSkewed", T::None, false, ErrorCode::PermissionDenied},
+                           Row{403, "", T::None, false, ErrorCode::PermissionDenied},
+                           Row{409, "BucketNotEmpty", T::None, false, ErrorCode::DirectoryNotEmpty},
+                           Row{412, "PreconditionFailed", T::None, true, ErrorCode::FileExists},
+                           Row{412, "PreconditionFailed", T::None, false, ErrorCode::IOError},
+                           Row{503, "SlowDown", T::None, false, ErrorCode::TryAgain},
+                           Row{429, "", T::None, false, ErrorCode::TryAgain},
+                           Row{200, "InternalError", T::None, false, ErrorCode::IOError}, // an <Error> body of a copy
+                           Row{500, "InternalError", T::None, false, ErrorCode::IOError},
+                           Row{400, "EntityTooLarge", T::None, false, ErrorCode::FileTooLarge},
+                           Row{0, "", T::Unreachable, false, ErrorCode::NoSuchDeviceOrAddress},
+                           Row{0, "", T::Dropped, false, ErrorCode::IOError},
+                           Row{0, "", T::TimedOut, false, ErrorCode::TryAgain}})
+        EXPECT_EQ(s3::errorCodeFor(row.status, row.code, row.transport, row.createOnly), row.expected)
+            << row.status << " " << row.code;
+    s3::HttpResponse answer;
+    answer.status = 403;
+    answer.errorCode = "AccessDenied";
+    answer.errorMessage = "Access Denied";
+    vfs::Exception const e = s3::failure(answer, AbsoluteIRI(u"s3://bkt/k"), "PUT");
+    EXPECT_EQ(e.getErrorCode(), ErrorCode::PermissionDenied);
+    EXPECT_EQ(e.getMessage(), "Permission denied (PUT: AccessDenied (Access Denied))");
 }
 
 } // namespace

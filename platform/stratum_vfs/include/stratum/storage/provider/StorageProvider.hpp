@@ -59,6 +59,12 @@ struct FolderEntry {
 ///   replaces a file never carries permissions wider than the one it replaces.
 /// - A file never replaces a folder (`vfs` refuses it before asking the provider).
 /// - `copyFile` creates a new item; it never writes into an existing one.
+///
+/// `s3` (object storage) meets these as an object store can: a write becomes visible only at
+/// `close()` (content is buffered and sent in parts; a part that fails throws from the write
+/// that sent it, a failed completion leaves no object, and a stream dropped without `close()`
+/// leaves none either); `rename` is a server-side copy, durable once acknowledged, then the
+/// deletion of the source; `app` and `in|out` rewrite the whole object.
 class STRATUM_API StorageProvider {
 public:
     StorageProvider() = default;

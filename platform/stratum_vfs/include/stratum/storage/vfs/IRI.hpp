@@ -18,6 +18,17 @@ namespace stratum::storage::vfs {
 /// and empty segments dropped, so two spellings of the same place compare equal and print the
 /// same. A decoded "/" (%2F) separates segments like a literal one.
 ///
+/// `s3` IRIs name objects the way object-store users write them, `s3://bucket/reports/q3.pkg`:
+/// the authority is the bucket (3 to 63 of a-z 0-9 "." "-", a letter or digit at both ends)
+/// and the path is the object key, `s3://bucket/` (or `s3://bucket`) the bucket's root. Keys
+/// are literal, never normalised: the key is split at every "/" and empty segments are kept
+/// (`a//b` has the three segments "a", "", "b" and prints as `a//b`); one trailing "/" is
+/// dropped, since `s3://bucket/reports/` names the folder `reports` (a last empty segment
+/// prints with an extra "/": segments "a", "" print as `a//`). "." and ".." segments are
+/// refused (InvalidIRIException) rather than resolved, as are a missing or invalid bucket and
+/// keys over 1,024 bytes of UTF-8 (S3's limit), however the IRI is built. `file` and `memory`
+/// IRIs have an empty authority.
+///
 /// Parsing is pure text work: nothing is looked up in any storage system. Objects are
 /// immutable values, safe to share between threads.
 class STRATUM_API AbsoluteIRI {
@@ -36,11 +47,11 @@ public:
 
     /// `relative` appended to `base` as child segments ("/" separates them; leading, trailing
     /// and repeated slashes are ignored), then "." and ".." resolved; ".." at the root stays at
-    /// the root. `relative` is IRI text: its percent-escapes are decoded and it throws
+    /// the root. For `s3` the text is key text, split literally as the class comment says. `relative` is IRI text: its percent-escapes are decoded and it throws
     /// `InvalidIRIException` on the same faults as the constructor above.
     AbsoluteIRI(AbsoluteIRI const& base, std::u16string const& relative);
 
-    /// Canonical text: the scheme as written, "://", then "/"-joined segments, each
+    /// Canonical text: the scheme as written, "://", the authority, then "/"-joined segments, each
     /// percent-encoded (upper-case hex of its UTF-8 bytes) for exactly space, "%", "#", "?",
     /// U+0000 to U+001F and U+007F; everything else, non-ASCII included, stands as is. The root
     /// prints as `scheme:///`. Parsing this text again gives an equal IRI and the same text.
@@ -48,6 +59,12 @@ public:
 
     /// The scheme as it was written.
     std::u16string const& getScheme() const;
+
+    /// The authority: the bucket of an `s3` IRI, empty for every other scheme.
+    std::u16string const& getAuthority() const;
+
+    /// The segments joined by "/" without a leading one: the object key ("" at the root).
+    std::u16string getKey() const;
 
     /// The decoded absolute path: "/" followed by the "/"-joined decoded segments; "/" at the root.
     std::u16string getPath() const;
@@ -69,20 +86,21 @@ public:
     /// "/", NUL or invalid UTF-16.
     AbsoluteIRI getChild(std::u16string const& name) const;
 
-    /// True if this IRI is `other` or lies below it (same scheme ignoring case, and
+    /// True if this IRI is `other` or lies below it (same scheme ignoring case, same authority, and
     /// `other`'s segments are a prefix of this one's).
     bool isWithin(AbsoluteIRI const& other) const;
 
-    /// Same scheme (ignoring case) and same decoded segments.
+    /// Same scheme (ignoring case), same authority and same decoded segments.
     friend STRATUM_API bool operator==(AbsoluteIRI const& a, AbsoluteIRI const& b);
     friend bool operator!=(AbsoluteIRI const& a, AbsoluteIRI const& b) { return !(a == b); }
 
 private:
     std::u16string scheme_;
+    std::u16string authority_;
     std::vector<std::u16string> segments_;
 };
 
-/// True if `scheme` names a scheme some provider serves: "file" or "memory", in any case.
+/// True if `scheme` names a scheme some provider serves: "file", "memory" or "s3", in any case.
 STRATUM_API bool isKnownIRIScheme(std::u16string const& scheme);
 
 /// True only if `text` begins with a known scheme (see `isKnownIRIScheme`) immediately
@@ -95,7 +113,8 @@ STRATUM_API bool hasIRIPrefix(std::u16string const& text);
 /// against the current folder; "." and ".." are resolved lexically (without following links).
 /// Every name survives: spaces, "%", "#", "?", non-ASCII, names starting with "-" or "." come
 /// back unchanged through `fromAbsoluteIRI`. Throws `UnsupportedIRISchemeException` for an
-/// unknown scheme, `InvalidIRIException` when the path holds NUL or invalid UTF-16.
+/// unknown scheme, `InvalidIRIException` when the path holds NUL or invalid UTF-16, and for a
+/// scheme with an authority (`s3`: a host path names no bucket).
 STRATUM_API AbsoluteIRI toAbsoluteIRI(std::u16string const& scheme, vela::filesystem::path const& hostPath);
 
 /// The local path text of a `file` IRI (scheme in any case): its decoded path, UTF-16, for

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <stratum/export.hpp>
+#include <stratum/storage/vfs/S3Settings.hpp>
 
 #include <memory>
 #include <string>
@@ -21,11 +22,16 @@ class StorageSystem;
 /// - `file`: the local disk, through the host file-system layer;
 /// - `memory`: an in-memory tree of folders and files owned by this storage system and shared
 ///   by every copy of the reference (and every `File`, `Folder` and stream made from one); it
-///   lives until the last of them is gone. Two storage systems never share a memory tree.
+///   lives until the last of them is gone. Two storage systems never share a memory tree;
+/// - `s3`: object storage, `s3://bucket/key`, with the settings of `S3Settings::fromEnvironment()`
+///   read at its first request (missing credentials fail that request with PermissionDenied).
 /// Copies share the same system. All operations may be used from several threads at once.
 class STRATUM_API StorageSystemReference {
 public:
     StorageSystemReference();
+
+    /// As the default, but the `s3` provider uses `settings` instead of the environment.
+    explicit StorageSystemReference(S3Settings settings);
 
     /// The provider serving `scheme` (matched ignoring case). Throws
     /// `UnsupportedIRISchemeException` when none is registered.

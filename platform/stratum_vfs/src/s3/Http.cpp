@@ -1,0 +1,237 @@
+// Signed S3 requests over libcurl: a pool of easy handles (so connections are reused) and
+// retries of transient failures.
+#include "s3/Http.hpp"
+#include "s3/Signer.hpp"
+#include "s3/Xml.hpp"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <random>
+#include <thread>
+
+namespace stratum::storage::vfs::detail::s3 {
+
+namespace {
+
+constexpr int maxAttempts = 6;
+constexpr auto retryBudget = std::chrono::seconds(30);
+constexpr std::size_t poolSize = 8;
+
+std::string lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    return text;
+}
+
+std::string trim(std::string const& text) {
+    std::size_t const first = text.find_first_not_of(" \t\r\n");
+    std::size_t const last = text.find_last_not_of(" \t\r\n");
+    return first == std::string::npos ? std::string() : text.substr(first, last - first + 1);
+}
+
+std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) {
+    static_cast<std::string*>(user)->append(data, size * count);
+    return size * count;
+}
+
+std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user) {
+    auto& headers = *static_cast<Pairs*>(user);
+    std::string const line(data, size * count);
+    if (line.rfind("HTTP/", 0) == 0) {
+        headers.clear(); // a new status line: an interim answer's headers are dropped
+    } else if (std::size_t colon = line.find(':'); colon != std::string::npos) {
+        headers.emplace_back(lower(trim(line.substr(0, colon))), trim(line.substr(colon + 1)));
+    }
+    return size * count;
+}
+
+Transport classify(CURLcode code) {
+    switch (code) {
+    case CURLE_OK: return Transport::None;
+    case CURLE_COULDNT_CONNECT:
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY: return Transport::Unreachable;
+    case CURLE_OPERATION_TIMEDOUT: return Transport::TimedOut;
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_GOT_NOTHING:
+    case CURLE_PARTIAL_FILE: return Transport::Dropped;
+    default: return Transport::Other;
+    }
+}
+
+bool retryable(HttpResponse const& response, bool idempotent) {
+    bool const refused = response.status == 503 || response.status == 429 || response.errorCode == "SlowDown";
+    if (!idempotent) {
+        return refused;
+    }
+    return refused || response.transport == Transport::Dropped || response.transport == Transport::TimedOut ||
+           response.status >= 500 || response.errorCode == "RequestTimeout" || response.errorCode == "InternalError";
+}
+
+std::string queryText(Pairs const& query) {
+    std::string text;
+    for (auto const& [name, value] : query) {
+        text += (text.empty() ? "?" : "&") + uriEncode(name, false) + "=" + uriEncode(value, false);
+    }
+    return text;
+}
+
+} // namespace
+
+std::string HttpResponse::header(std::string const& lowerName) const {
+    for (auto const& [name, value] : headers) {
+        if (name == lowerName) {
+            return value;
+        }
+    }
+    return {};
+}
+
+HttpClient::HttpClient(S3Settings settings) : settings_(std::move(settings)) {
+    static std::once_flag curlReady;
+    std::call_once(curlReady, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+    if (settings_.region.empty()) {
+        settings_.region = "us-east-1";
+    }
+    std::string endpoint = settings_.endpoint;
+    while (!endpoint.empty() && endpoint.back() == '/') {
+        endpoint.pop_back();
+    }
+    std::size_t const sep = endpoint.find("://");
+    scheme_ = sep == std::string::npos ? "https" : endpoint.substr(0, sep);
+    host_ = sep == std::string::npos ? endpoint : endpoint.substr(sep + 3);
+    host_ = host_.substr(0, host_.find('/'));
+}
+
+HttpClient::~HttpClient() {
+    for (void* handle : idle_) {
+        curl_easy_cleanup(static_cast<CURL*>(handle));
+    }
+}
+
+void* HttpClient::acquire() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!idle_.empty()) {
+            void* handle = idle_.back();
+            idle_.pop_back();
+            return handle;
+        }
+    }
+    return curl_easy_init();
+}
+
+void HttpClient::release(void* handle) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (idle_.size() < poolSize) {
+        idle_.push_back(handle);
+    } else {
+        curl_easy_cleanup(static_cast<CURL*>(handle));
+    }
+}
+
+HttpResponse HttpClient::send(HttpRequest const& request) {
+    thread_local std::mt19937_64 random{std::random_device{}()};
+    auto const start = std::chrono::steady_clock::now();
+    for (int attempt = 1;; ++attempt) {
+        HttpResponse response = sendOnce(request);
+        auto const elapsed = std::chrono::steady_clock::now() - start;
+        if (attempt >= maxAttempts || elapsed >= retryBudget || !retryable(response, request.idempotent)) {
+            return response;
+        }
+        // Full jitter over an exponential ceiling (0.1 s, 0.2 s, ... at most 5 s).
+        auto const ceiling = std::chrono::milliseconds(std::min(5000, 100 << (attempt - 1)));
+        auto delay = std::chrono::milliseconds(
+            std::uniform_int_distribution<long long>(ceiling.count() / 2, ceiling.count())(random));
+        if (std::string after = response.header("retry-after"); !after.empty() && std::isdigit((unsigned char)after[0])) {
+            delay = std::max<std::chrono::milliseconds>(delay, std::chrono::seconds(std::atol(after.c_str())));
+        }
+        auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(retryBudget - elapsed);
+        std::this_thread::sleep_for(std::min(delay, left));
+    }
+}
+
+HttpResponse HttpClient::sendOnce(HttpRequest const& request) {
+    // Path-style with an endpoint, virtual-hosted on AWS itself.
+    std::string const key = uriEncode(request.key, true);
+    Request signable;
+    std::string host = host_;
+    if (host_.empty()) {
+        host = request.bucket + ".s3." + settings_.region + ".amazonaws.com";
+        signable.path = "/" + key;
+    } else {
+        signable.path = "/" + request.bucket + (request.key.empty() && request.bucket.size() ? "" : "/") + key;
+    }
+    signable.method = request.method;
+    signable.query = request.query;
+    signable.headers = request.headers;
+    signable.headers.emplace_back("host", host);
+    signable.payloadHash = sha256Hex(request.body.data(), request.body.size());
+    signable.headers.emplace_back("x-amz-content-sha256", signable.payloadHash);
+    sign(signable, Credentials{settings_.accessKeyId, settings_.secretAccessKey, settings_.sessionToken},
+         settings_.region, "s3", amzDate(std::time(nullptr)));
+
+    CURL* curl = static_cast<CURL*>(acquire());
+    HttpResponse response;
+    if (!curl) {
+        response.transport = Transport::Other;
+        response.transportDetail = "libcurl could not make a handle";
+        return response;
+    }
+    curl_easy_reset(curl);
+    curl_slist* headers = nullptr;
+    for (auto const& [name, value] : signable.headers) {
+        headers = curl_slist_append(headers, (name + ": " + value).c_str());
+    }
+    headers = curl_slist_append(headers, "Expect:");       // no 100-continue round trip
+    headers = curl_slist_append(headers, "Content-Type:"); // none of curl's own for a body
+    std::string const url = scheme_ + "://" + host + signable.path + queryText(request.query);
+    char error[CURL_ERROR_SIZE] = "";
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_PATH_AS_IS, 1L); // keys are sent as they are, "a//b" too
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 10L);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L); // a stalled connection counts as dropped
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 60L);
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, onBody);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response.body);
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, onHeader);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &response.headers);
+    if (request.method == "HEAD") {
+        curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
+    } else if (request.method == "GET") {
+        curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+    } else {
+        curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+        if (request.method != "DELETE") {
+            curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+            curl_easy_setopt(curl, CURLOPT_POSTFIELDS, request.body.data());
+        }
+    }
+    CURLcode const code = curl_easy_perform(curl);
+    curl_slist_free_all(headers);
+    response.transport = classify(code);
+    if (code != CURLE_OK) {
+        response.transportDetail = *error ? error : curl_easy_strerror(code);
+        curl_easy_cleanup(curl); // its connection may be broken: never reuse it
+        return response;
+    }
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &response.status);
+    release(curl);
+    // An error document counts whatever the status (copies and completions answer 200 with one).
+    bool const parsed = (response.status >= 300 || request.xmlAnswer) &&
+                        parseError(response.body, response.errorCode, response.errorMessage);
+    if (!parsed && response.status >= 300) {
+        response.errorMessage = "HTTP status " + std::to_string(response.status);
+    }
+    return response;
+}
+
+} // namespace stratum::storage::vfs::detail::s3

@@ -1,0 +1,91 @@
+// Multipart uploads: initiate, parts (sent or copied), complete, abort.
+#include "s3/Multipart.hpp"
+#include "s3/Signer.hpp"
+#include "s3/Xml.hpp"
+
+#include <stratum/storage/vfs/Exception.hpp>
+
+#include <algorithm>
+
+namespace stratum::storage::vfs::detail::s3 {
+
+namespace {
+constexpr std::uint64_t minPart = std::uint64_t(5) << 20;
+constexpr std::uint64_t maxPart = std::uint64_t(5) << 30;
+constexpr std::size_t maxParts = 10000;
+} // namespace
+
+std::uint64_t partSizeFor(std::uint64_t base, std::size_t number) {
+    std::uint64_t size = std::max(base, minPart);
+    for (std::size_t step = (number - 1) / 1000; step > 0 && size < maxPart; --step) {
+        size *= 2;
+    }
+    return std::min(size, maxPart);
+}
+
+Multipart::Multipart(ObjectRef object, Pairs const& metadata) : object_(std::move(object)) {
+    HttpRequest request = requestFor(object_, "POST", {{"uploads", ""}}, metadata);
+    request.idempotent = false; // a repeat would start a second upload
+    request.xmlAnswer = true;
+    HttpResponse const response = object_.http->send(request);
+    check(response, object_, "CreateMultipartUpload");
+    uploadId_ = parseUploadId(response.body);
+    if (uploadId_.empty()) {
+        throw Exception(ErrorCode::IOError, object_.iri, "CreateMultipartUpload: no upload id in the answer");
+    }
+}
+
+Multipart::~Multipart() { abort(); }
+
+void Multipart::upload(std::string_view bytes) {
+    if (etags_.size() >= maxParts) {
+        throw Exception(ErrorCode::FileTooLarge, object_.iri, "more than 10,000 parts");
+    }
+    HttpRequest request = requestFor(object_, "PUT",
+                                     {{"partNumber", std::to_string(etags_.size() + 1)}, {"uploadId", uploadId_}});
+    request.body = bytes;
+    HttpResponse const response = object_.http->send(request);
+    check(response, object_, "UploadPart");
+    etags_.push_back(response.header("etag"));
+}
+
+void Multipart::copy(std::string const& sourceKey, std::uint64_t first, std::uint64_t last) {
+    if (etags_.size() >= maxParts) {
+        throw Exception(ErrorCode::FileTooLarge, object_.iri, "more than 10,000 parts");
+    }
+    HttpRequest request =
+        requestFor(object_, "PUT", {{"partNumber", std::to_string(etags_.size() + 1)}, {"uploadId", uploadId_}},
+                   {{"x-amz-copy-source", "/" + object_.bucket + "/" + uriEncode(sourceKey, true)},
+                    {"x-amz-copy-source-range", "bytes=" + std::to_string(first) + "-" + std::to_string(last)}});
+    request.xmlAnswer = true;
+    HttpResponse const response = object_.http->send(request);
+    check(response, object_, "UploadPartCopy");
+    etags_.push_back(parseCopyETag(response.body));
+}
+
+void Multipart::complete() {
+    std::string const body = completeBody(etags_);
+    HttpRequest request = requestFor(object_, "POST", {{"uploadId", uploadId_}});
+    request.body = body;
+    request.xmlAnswer = true;
+    HttpResponse const response = object_.http->send(request);
+    if (!response.ok()) {
+        abort();
+        check(response, object_, "CompleteMultipartUpload");
+    }
+    done_ = true;
+}
+
+void Multipart::abort() noexcept {
+    if (done_) {
+        return;
+    }
+    done_ = true;
+    try {
+        object_.http->send(requestFor(object_, "DELETE", {{"uploadId", uploadId_}}));
+    } catch (...) {
+        // Nothing became visible; an upload left over is the store's to expire.
+    }
+}
+
+} // namespace stratum::storage::vfs::detail::s3

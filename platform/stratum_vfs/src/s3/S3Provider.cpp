@@ -1,0 +1,414 @@
+// The s3 scheme: packages in object storage. Files are objects, folders are key prefixes.
+//
+// A folder exists when any key lies below `prefix/` or a zero-byte marker `prefix/` exists
+// (createFolder writes one). Markers never mean "empty" and are never listed. A folder's time
+// and writability live on its marker (written on demand); a folder without one reports an
+// unknown time and is writable. The bucket's root is always a folder.
+#include "s3/Errors.hpp"
+#include "s3/Multipart.hpp"
+#include "s3/Object.hpp"
+#include "s3/S3Streams.hpp"
+#include "s3/Signer.hpp"
+#include "s3/Xml.hpp"
+
+#include "Providers.hpp"
+#include "Utf.hpp"
+
+#include <stratum/storage/vfs/Exception.hpp>
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <map>
+#include <mutex>
+#include <optional>
+
+namespace stratum::storage::vfs::detail {
+
+namespace {
+
+using namespace s3;
+using provider::FolderEntry;
+using provider::ItemKind;
+
+constexpr std::size_t deleteBatch = 1000;
+
+std::string base64Md5(std::string const& bytes) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_md5(), nullptr);
+    unsigned char text[64];
+    int const written = EVP_EncodeBlock(text, digest, int(length));
+    return std::string(reinterpret_cast<char*>(text), std::size_t(written));
+}
+
+class S3Provider final : public provider::StorageProvider {
+public:
+    explicit S3Provider(std::optional<S3Settings> settings) : settings_(std::move(settings)) {}
+
+    ItemKind getKind(AbsoluteIRI const& iri) override {
+        ObjectRef const object = ref(iri);
+        if (!iri.hasParent()) {
+            HttpResponse const response = object.http->send(requestFor(object, "HEAD"));
+            if (response.status == 404 && response.transport == Transport::None) {
+                return provider::NoItem;
+            }
+            check(response, object, "HEAD bucket");
+            return provider::FolderItem;
+        }
+        if (fileKey(iri) && headObject(object).found) {
+            return provider::FileItem;
+        }
+        return anyBelow(object) ? provider::FolderItem : provider::NoItem;
+    }
+
+    provider::FileAttributes getAttributes(AbsoluteIRI const& iri) override {
+        Head const head = fileHead(iri);
+        return provider::FileAttributes(head.size, head.modified, !head.readOnly);
+    }
+
+    std::vector<FolderEntry> listFolder(AbsoluteIRI const& iri) override {
+        requireFolder(iri);
+        ObjectRef const object = ref(iri);
+        std::string const prefix = prefixOf(iri);
+        std::map<std::u16string, bool> children; // name: folder
+        forEachPage(object, prefix, true, [&](ListPage const& page) {
+            for (auto const& key : page.keys) {
+                if (key.size() > prefix.size()) { // not the marker
+                    children[name(key.substr(prefix.size()), iri)] = false;
+                }
+            }
+            for (auto const& below : page.prefixes) {
+                std::string const child = below.substr(prefix.size(), below.size() - prefix.size() - 1);
+                if (!child.empty()) { // "a//b": an empty name is reachable by IRI, never listed
+                    children.emplace(name(child, iri), true); // a file of the same name wins
+                }
+            }
+        });
+        std::vector<FolderEntry> entries;
+        for (auto const& [childName, folder] : children) {
+            entries.push_back(FolderEntry{childName, folder});
+        }
+        return entries;
+    }
+
+    void createFolder(AbsoluteIRI const& iri) override {
+        if (getKind(iri) != provider::NoItem) {
+            throw Exception(ErrorCode::FileExists, iri);
+        }
+        if (!iri.hasParent() || getKind(iri.getParent()) != provider::FolderItem) {
+            throw Exception(ErrorCode::NotFound, iri.getParent(), "the parent folder is missing");
+        }
+        writeMarker(iri, {}, false);
+    }
+
+    bool isWritable(AbsoluteIRI const& iri) override {
+        if (kindOf(iri) == provider::FileItem) {
+            return !headObject(ref(iri)).readOnly;
+        }
+        return !headObject(markerOf(iri)).readOnly;
+    }
+
+    void setWritable(AbsoluteIRI const& iri, bool writable) override {
+        if (kindOf(iri) == provider::FileItem) {
+            Head const head = headObject(ref(iri));
+            rewriteMetadata(ref(iri), head, metadataHeaders(head.modified, !writable));
+            return;
+        }
+        Head const marker = headObject(markerOf(iri));
+        writeMarker(iri, marker.modified, !writable);
+    }
+
+    boost::posix_time::ptime getLastModified(AbsoluteIRI const& iri) override {
+        if (kindOf(iri) == provider::FileItem) {
+            return headObject(ref(iri)).modified;
+        }
+        Head const marker = headObject(markerOf(iri));
+        return marker.found ? marker.modified : boost::posix_time::ptime(boost::date_time::not_a_date_time);
+    }
+
+    void setLastModified(AbsoluteIRI const& iri, boost::posix_time::ptime time) override {
+        if (kindOf(iri) == provider::FileItem) {
+            Head const head = headObject(ref(iri));
+            rewriteMetadata(ref(iri), head, metadataHeaders(time, head.readOnly));
+            return;
+        }
+        writeMarker(iri, time, headObject(markerOf(iri)).readOnly);
+    }
+
+    void removeFile(AbsoluteIRI const& iri) override {
+        fileHead(iri);
+        ObjectRef const object = ref(iri);
+        check(object.http->send(requestFor(object, "DELETE")), object, "DELETE");
+    }
+
+    void removeEmptyFolder(AbsoluteIRI const& iri) override {
+        requireFolder(iri);
+        if (!iri.hasParent()) {
+            throw Exception(ErrorCode::NotSupported, iri, "the bucket's root cannot be removed");
+        }
+        ObjectRef const marker = markerOf(iri);
+        bool empty = true;
+        forEachPage(ref(iri), marker.key, true, [&](ListPage const& page) {
+            empty = empty && page.prefixes.empty() &&
+                    std::all_of(page.keys.begin(), page.keys.end(), [&](auto const& key) { return key == marker.key; });
+        });
+        if (!empty) {
+            throw Exception(ErrorCode::DirectoryNotEmpty, iri);
+        }
+        check(marker.http->send(requestFor(marker, "DELETE")), marker, "DELETE");
+    }
+
+    void removeTree(AbsoluteIRI const& iri) override {
+        requireFolder(iri);
+        std::vector<std::string> keys;
+        forEachPage(ref(iri), prefixOf(iri), false, [&](ListPage const& page) {
+            keys.insert(keys.end(), page.keys.begin(), page.keys.end());
+        });
+        deleteKeys(iri, keys);
+    }
+
+    // Object stores have no rename: every object is copied first (a copy is durable when it is
+    // acknowledged), then the sources are deleted. A failed copy leaves the source whole.
+    void rename(AbsoluteIRI const& from, AbsoluteIRI const& to) override {
+        ObjectRef const source = ref(from), target = ref(to);
+        if (kindOf(from) == provider::FileItem) {
+            Head const head = headObject(source);
+            Head const replaced = headObject(target);
+            // The incoming file is never more writable than the one it replaces.
+            copyObject(source, head, target, metadataHeaders(head.modified, head.readOnly || replaced.readOnly));
+            check(source.http->send(requestFor(source, "DELETE")), source, "DELETE");
+            return;
+        }
+        std::string const fromPrefix = prefixOf(from), toPrefix = prefixOf(to);
+        std::vector<std::string> keys;
+        forEachPage(source, fromPrefix, false, [&](ListPage const& page) {
+            keys.insert(keys.end(), page.keys.begin(), page.keys.end());
+        });
+        for (auto const& key : keys) {
+            ObjectRef const item{source.http, source.bucket, key, from};
+            Head const head = headObject(item);
+            copyObject(item, head, ObjectRef{source.http, source.bucket, toPrefix + key.substr(fromPrefix.size()), to},
+                       metadataHeaders(head.modified, head.readOnly));
+        }
+        deleteKeys(from, keys);
+    }
+
+    std::unique_ptr<std::streambuf> openInput(AbsoluteIRI const& iri) override {
+        if (!fileKey(iri)) {
+            return nullptr;
+        }
+        ObjectRef object = ref(iri);
+        Head const head = headObject(object);
+        if (!head.found) {
+            return nullptr;
+        }
+        return makeInputBuffer(std::move(object), head.size, head.etag);
+    }
+
+    std::unique_ptr<provider::OutputBuffer> openOutput(AbsoluteIRI const& iri, std::ios_base::openmode mode) override {
+        if (!fileKey(iri)) {
+            throw Exception(ErrorCode::NotSupported, iri, "a key ending in \"/\" is a folder marker");
+        }
+        ObjectRef object = ref(iri);
+        Head const head = headObject(object);
+        if (head.found && head.readOnly) {
+            throw Exception(ErrorCode::PermissionDenied, iri, "the object is read-only");
+        }
+        bool const append = (mode & std::ios_base::app) != 0;
+        bool const overwrite = (mode & std::ios_base::in) && !(mode & std::ios_base::trunc) && !append;
+        if (overwrite && !head.found) {
+            throw Exception(ErrorCode::NotFound, iri);
+        }
+        // Objects cannot change in place: app and in|out rewrite the whole object from a copy
+        // of the old content.
+        std::string initial;
+        if ((append || overwrite) && head.found && head.size > 0) {
+            HttpResponse response = object.http->send(requestFor(object, "GET", {}, {{"if-match", head.etag}}));
+            check(response, object, "GET");
+            initial = std::move(response.body);
+        }
+        return makeOutputBuffer(std::move(object), std::move(initial), overwrite, (mode & std::ios_base::ate) != 0);
+    }
+
+    void copyFile(AbsoluteIRI const& from, AbsoluteIRI const& to) override {
+        Head const head = fileHead(from);
+        if (getKind(to) != provider::NoItem) {
+            throw Exception(ErrorCode::FileExists, to);
+        }
+        copyObject(ref(from), head, ref(to), metadataHeaders({}, false)); // a new file, made now
+    }
+
+private:
+    std::shared_ptr<HttpClient> http(AbsoluteIRI const& iri) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!http_) {
+            S3Settings settings = settings_ ? *settings_ : S3Settings::fromEnvironment();
+            // PermissionDenied rather than NoSuchDeviceOrAddress: the store may well be there,
+            // but nothing can be done in it without knowing who asks.
+            if (settings.accessKeyId.empty() || settings.secretAccessKey.empty()) {
+                throw Exception(ErrorCode::PermissionDenied, iri,
+                                std::string("no S3 credentials: ") +
+                                    (settings.accessKeyId.empty() ? "no access key id" : "no secret access key") +
+                                    " (set AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY, or a profile in "
+                                    "~/.aws/credentials)");
+            }
+            http_ = std::make_shared<HttpClient>(std::move(settings));
+        }
+        return http_;
+    }
+
+    ObjectRef ref(AbsoluteIRI const& iri) {
+        std::string bucket, key;
+        toUtf8(iri.getAuthority(), bucket);
+        if (!toUtf8(iri.getKey(), key)) {
+            throw InvalidIRIException(iri.toString());
+        }
+        return ObjectRef{http(iri), bucket, key, iri};
+    }
+
+    // Only a key with a last segment names a file; "a/" is a folder's marker.
+    static bool fileKey(AbsoluteIRI const& iri) { return iri.hasParent() && !iri.getName().empty(); }
+
+    static std::string prefixOf(AbsoluteIRI const& iri) {
+        std::string key;
+        toUtf8(iri.getKey(), key);
+        return iri.hasParent() ? key + "/" : "";
+    }
+
+    ObjectRef markerOf(AbsoluteIRI const& iri) {
+        ObjectRef marker = ref(iri);
+        marker.key = prefixOf(iri);
+        return marker;
+    }
+
+    static std::u16string name(std::string const& utf8, AbsoluteIRI const& iri) {
+        std::u16string text;
+        if (!fromUtf8(utf8, text)) {
+            throw Exception(ErrorCode::IOError, iri, "a key below the folder is not UTF-8");
+        }
+        return text;
+    }
+
+    ItemKind kindOf(AbsoluteIRI const& iri) {
+        ItemKind const kind = getKind(iri);
+        if (kind == provider::NoItem) {
+            throw Exception(ErrorCode::NotFound, iri);
+        }
+        return kind;
+    }
+
+    void requireFolder(AbsoluteIRI const& iri) {
+        if (getKind(iri) != provider::FolderItem) {
+            throw Exception(ErrorCode::NotFound, iri, "no folder there");
+        }
+    }
+
+    Head fileHead(AbsoluteIRI const& iri) {
+        Head head = fileKey(iri) ? headObject(ref(iri)) : Head();
+        if (!head.found) {
+            throw Exception(ErrorCode::NotFound, iri, "no file there");
+        }
+        return head;
+    }
+
+    bool anyBelow(ObjectRef const& object) {
+        std::string const prefix = object.key + "/";
+        HttpRequest request = requestFor(object, "GET", {{"list-type", "2"}, {"prefix", prefix}, {"max-keys", "1"}});
+        request.key.clear();
+        request.xmlAnswer = true;
+        HttpResponse const response = object.http->send(request);
+        check(response, object, "ListObjectsV2");
+        ListPage const page = parseListPage(response.body);
+        return !page.keys.empty() || !page.prefixes.empty();
+    }
+
+    // Every page of ListObjectsV2 below `prefix`, one level (with the delimiter "/") or all.
+    template <class Visit>
+    void forEachPage(ObjectRef const& object, std::string const& prefix, bool oneLevel, Visit&& visit) {
+        std::string token;
+        do {
+            Pairs query{{"list-type", "2"}, {"prefix", prefix}};
+            if (oneLevel) {
+                query.emplace_back("delimiter", "/");
+            }
+            if (!token.empty()) {
+                query.emplace_back("continuation-token", token);
+            }
+            HttpRequest request = requestFor(object, "GET", query);
+            request.key.clear();
+            request.xmlAnswer = true;
+            HttpResponse const response = object.http->send(request);
+            check(response, object, "ListObjectsV2");
+            ListPage const page = parseListPage(response.body);
+            visit(page);
+            token = page.nextToken;
+        } while (!token.empty());
+    }
+
+    void writeMarker(AbsoluteIRI const& iri, boost::posix_time::ptime modified, bool readOnly) {
+        ObjectRef const marker = markerOf(iri);
+        check(marker.http->send(requestFor(marker, "PUT", {}, metadataHeaders(modified, readOnly))), marker, "PUT");
+    }
+
+    // Metadata can only change by copying the object onto itself with new metadata, pinned to
+    // the version read (a concurrent replacement fails it rather than being overwritten).
+    void rewriteMetadata(ObjectRef const& object, Head const& head, Pairs const& metadata) {
+        copyObject(object, head, object, metadata);
+    }
+
+    // Server-side copy with `metadata`, in parts above the copy threshold.
+    void copyObject(ObjectRef const& from, Head const& head, ObjectRef const& to, Pairs const& metadata) {
+        S3Settings const& settings = from.http->settings();
+        if (head.size <= settings.copyPartThreshold) {
+            Pairs headers = metadata;
+            headers.emplace_back("x-amz-copy-source", "/" + from.bucket + "/" + uriEncode(from.key, true));
+            headers.emplace_back("x-amz-copy-source-if-match", head.etag);
+            headers.emplace_back("x-amz-metadata-directive", "REPLACE");
+            HttpRequest request = requestFor(to, "PUT", {}, headers);
+            request.xmlAnswer = true;
+            check(to.http->send(request), to, "CopyObject");
+            return;
+        }
+        std::uint64_t part = std::max(partSizeFor(settings.partSize, 1), (head.size + 9999) / 10000);
+        Multipart upload(to, metadata);
+        for (std::uint64_t first = 0; first < head.size; first += part) {
+            upload.copy(from.key, first, std::min(head.size, first + part) - 1);
+        }
+        upload.complete();
+    }
+
+    // DeleteObjects in batches of up to 1,000 keys, each key's result checked.
+    void deleteKeys(AbsoluteIRI const& iri, std::vector<std::string> const& keys) {
+        ObjectRef const bucket = ref(iri);
+        for (std::size_t start = 0; start < keys.size(); start += deleteBatch) {
+            std::vector<std::string> const batch(keys.begin() + std::ptrdiff_t(start),
+                                                 keys.begin() + std::ptrdiff_t(std::min(keys.size(), start + deleteBatch)));
+            std::string const body = deleteBody(batch);
+            HttpRequest request = requestFor(bucket, "POST", {{"delete", ""}}, {{"content-md5", base64Md5(body)}});
+            request.key.clear();
+            request.body = body;
+            request.xmlAnswer = true;
+            HttpResponse const response = bucket.http->send(request);
+            check(response, bucket, "DeleteObjects");
+            auto const errors = parseDeleteErrors(response.body);
+            if (!errors.empty()) {
+                throw Exception(ErrorCode::IOError, iri,
+                                "DeleteObjects: " + std::to_string(errors.size()) + " keys not deleted, first " +
+                                    errors.front().first + ": " + errors.front().second);
+            }
+        }
+    }
+
+    std::optional<S3Settings> settings_;
+    std::mutex mutex_;
+    std::shared_ptr<HttpClient> http_;
+};
+
+} // namespace
+
+std::shared_ptr<provider::StorageProvider> makeS3Provider(std::optional<S3Settings> settings) {
+    return std::make_shared<S3Provider>(std::move(settings));
+}
+
+} // namespace stratum::storage::vfs::detail

@@ -1,0 +1,37 @@
+#pragma once
+
+// The XML of S3 answers and request bodies, through pugixml.
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace stratum::storage::vfs::detail::s3 {
+
+/// Code and Message of an <Error> document; false when `body` is no such document.
+bool parseError(std::string const& body, std::string& code, std::string& message);
+
+/// One page of ListObjectsV2.
+struct ListPage {
+    std::vector<std::string> keys;
+    std::vector<std::string> prefixes;  ///< CommonPrefixes
+    std::string nextToken;              ///< empty on the last page
+};
+ListPage parseListPage(std::string const& body);
+
+/// UploadId of InitiateMultipartUploadResult ("" when missing).
+std::string parseUploadId(std::string const& body);
+
+/// ETag of a CopyObjectResult or CopyPartResult ("" when missing).
+std::string parseCopyETag(std::string const& body);
+
+/// The keys a DeleteObjects answer reports as not deleted, each with its code and message.
+std::vector<std::pair<std::string, std::string>> parseDeleteErrors(std::string const& body);
+
+/// Body of DeleteObjects (quiet mode) for `keys`.
+std::string deleteBody(std::vector<std::string> const& keys);
+
+/// Body of CompleteMultipartUpload for the ETags of parts 1, 2, ...
+std::string completeBody(std::vector<std::string> const& etags);
+
+} // namespace stratum::storage::vfs::detail::s3
