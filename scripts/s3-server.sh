@@ -59,7 +59,7 @@ alive_pid() {
 launch() {
   local name="$1"
   shift
-  setsid "$@" -c "$conf" -f </dev/null >>"$dir/log/$name.out" 2>&1 &
+  setsid "$@" -c "$conf" -f </dev/null >>"$dir/log/$name.out" 2>&1 9>&- &
   echo $! >"$dir/run/$name.pid"
 }
 
