@@ -61,6 +61,7 @@ launch() {
   shift
   setsid "$@" -c "$conf" -f </dev/null >>"$dir/log/$name.out" 2>&1 9>&- &
   echo $! >"$dir/run/$name.pid"
+  disown  # no job notice from this shell when the daemon ends
 }
 
 # True while process $1 runs (a zombie has closed its files and sockets: it counts as gone).
@@ -80,15 +81,21 @@ halt() {
   rm -f "$dir/run/$name.pid"
 }
 
-# Waits up to $1 seconds for the command after it to succeed; fails when the daemon named $2
-# (binary $3) dies meanwhile. Quiet: the command's output is dropped.
+# The program of each daemon, by the name of its pid file.
+declare -A binary_of=([mon]=ceph-mon [osd]=ceph-osd [rgw]=radosgw)
+
+# Waits up to $1 seconds for the command after it to succeed, for daemon $2; fails when any
+# daemon started so far dies meanwhile. Quiet: the command's output is dropped.
 wait_for() {
-  local limit="$1" name="$2" binary="$3" deadline
-  shift 3
+  local limit="$1" name="$2" deadline f d
+  shift 2
   deadline=$((SECONDS + limit))
   until "$@" >/dev/null 2>&1; do
-    alive_pid "$name" "$binary" >/dev/null ||
-      fail "$name died while starting; see the logs in $dir.failed-logs"
+    for f in "$dir"/run/*.pid; do
+      d="$(basename "$f" .pid)"
+      alive_pid "$d" "${binary_of[$d]}" >/dev/null ||
+        fail "$d died while $name was starting; see the logs in $dir.failed-logs"
+    done
     [ "$SECONDS" -lt "$deadline" ] || fail "$name did not come up within $limit s; see the logs in $dir.failed-logs"
     sleep 0.5
   done
@@ -116,7 +123,7 @@ osd_up() { ceph_ osd stat -f json | grep -q '"num_up_osds":1'; }
 
 start_gateway() {
   launch rgw radosgw -n client.rgw
-  wait_for 60 rgw radosgw gateway_answers
+  wait_for 60 rgw gateway_answers
 }
 
 # After a failed start, keeps the daemons' logs beside the folder for a look.
@@ -236,7 +243,7 @@ start() {
   ceph-mon -c "$conf" --mkfs -i a --monmap "$dir/monmap" >>"$dir/log/mon.out" 2>&1 ||
     fail "ceph-mon --mkfs failed; see $dir.failed-logs/mon.out"
   launch mon ceph-mon -i a
-  wait_for 30 mon ceph-mon ceph_ mon stat
+  wait_for 30 mon ceph_ mon stat
 
   say "starting the OSD (memstore, at most $((store_bytes >> 20)) MiB)"
   local osd_uuid osd_id
@@ -246,15 +253,15 @@ start() {
   ceph-osd -c "$conf" -i 0 --mkfs --osd-uuid "$osd_uuid" >>"$dir/log/osd.out" 2>&1 ||
     fail "ceph-osd --mkfs failed; see $dir.failed-logs/osd.out"
   launch osd ceph-osd -i 0
-  wait_for 60 osd ceph-osd osd_up
+  wait_for 60 osd osd_up
 
   say "starting radosgw on 127.0.0.1:$rgw_port"
   start_gateway
 
   say "creating the user and the bucket $bucket"
-  wait_for 60 rgw radosgw rgw_admin user create --uid opc-test --display-name "opc tests" \
+  wait_for 60 "the user" rgw_admin user create --uid opc-test --display-name "opc tests" \
     --access-key "$access_key" --secret "$secret_key"
-  wait_for 30 rgw radosgw aws_ s3api create-bucket --bucket "$bucket"
+  wait_for 30 "the bucket" aws_ s3api create-bucket --bucket "$bucket"
   trap - EXIT
   say "ready in $((SECONDS - began)) s at $(endpoint)"
   settings
