@@ -34,15 +34,29 @@ rgw_admin() { timeout 60 radosgw-admin -c "$conf" "$@"; }
 # True when something listens on 127.0.0.1:$1.
 port_busy() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 
-# The first port from $1 on that nothing listens on.
+# Ports are chosen under one lock for the whole machine, and each chosen port is claimed in
+# $claims (a file per port naming its folder) until its folder is gone, so that clusters in
+# other folders neither take the same port at once nor take it while our gateway is stopped.
+claims=/tmp/opc-s3-ports
+claimed_by_other() {
+  local owner
+  [ -f "$claims/$1" ] && owner="$(cat "$claims/$1")" && [ "$owner" != "$dir" ] && [ -d "$owner" ]
+}
+
+# Claims and prints the first port from $1 on that is neither in use nor claimed by others.
 free_port() {
   local p="$1"
-  while port_busy "$p"; do
+  while port_busy "$p" || claimed_by_other "$p"; do
     p=$((p + 1))
     [ "$p" -lt $(($1 + 200)) ] || fail "no free port on 127.0.0.1 from $1 to $p"
   done
+  mkdir -p "$claims"
+  echo "$dir" >"$claims/$p"
   echo "$p"
 }
+
+# Drops the claims of our folder.
+unclaim() { grep -lxF "$dir" "$claims"/* 2>/dev/null | xargs -r rm -f; }
 
 # pid of a daemon we started, if it is still running (its pid file names it and /proc agrees).
 alive_pid() {
@@ -59,7 +73,7 @@ alive_pid() {
 launch() {
   local name="$1"
   shift
-  setsid "$@" -c "$conf" -f </dev/null >>"$dir/log/$name.out" 2>&1 9>&- &
+  setsid "$@" -c "$conf" -f </dev/null >>"$dir/log/$name.out" 2>&1 8>&- 9>&- &
   echo $! >"$dir/run/$name.pid"
   disown  # no job notice from this shell when the daemon ends
 }
@@ -74,7 +88,7 @@ halt() {
     if [ "${3:-}" = --kill ]; then kill -KILL "$pid" 2>/dev/null || true; else kill -TERM "$pid" 2>/dev/null || true; fi
     for i in $(seq 200); do
       running "$pid" || break
-      [ "$i" -eq 100 ] && kill -KILL "$pid" 2>/dev/null || true
+      if [ "$i" -eq 100 ]; then kill -KILL "$pid" 2>/dev/null || true; fi
       sleep 0.1
     done
   fi
@@ -84,18 +98,25 @@ halt() {
 # The program of each daemon, by the name of its pid file.
 declare -A binary_of=([mon]=ceph-mon [osd]=ceph-osd [rgw]=radosgw)
 
-# Waits up to $1 seconds for the command after it to succeed, for daemon $2; fails when any
-# daemon started so far dies meanwhile. Quiet: the command's output is dropped.
+# Fails when a daemon started so far has died; $1 says what was starting.
+check_daemons() {
+  local f d
+  for f in "$dir"/run/*.pid; do
+    [ -e "$f" ] || continue
+    d="$(basename "$f" .pid)"
+    alive_pid "$d" "${binary_of[$d]}" >/dev/null ||
+      fail "$d died while $1 was starting; see the logs in $dir.failed-logs"
+  done
+}
+
+# Waits up to $1 seconds for the command after it to succeed, for $2; fails when any daemon
+# started so far dies meanwhile. Quiet: the command's output is dropped.
 wait_for() {
-  local limit="$1" name="$2" deadline f d
+  local limit="$1" name="$2" deadline
   shift 2
   deadline=$((SECONDS + limit))
   until "$@" >/dev/null 2>&1; do
-    for f in "$dir"/run/*.pid; do
-      d="$(basename "$f" .pid)"
-      alive_pid "$d" "${binary_of[$d]}" >/dev/null ||
-        fail "$d died while $name was starting; see the logs in $dir.failed-logs"
-    done
+    check_daemons "$name"
     [ "$SECONDS" -lt "$deadline" ] || fail "$name did not come up within $limit s; see the logs in $dir.failed-logs"
     sleep 0.5
   done
@@ -103,9 +124,13 @@ wait_for() {
 
 endpoint() { echo "http://127.0.0.1:$(cat "$dir/port")"; }
 
-# radosgw answers an anonymous GET / with 200 (an empty bucket list).
+# Our radosgw listens on our port (not another cluster's gateway that took it first) and
+# answers an anonymous GET / with 200 (an empty bucket list).
 gateway_answers() {
-  [ -f "$dir/port" ] && curl -fs -o /dev/null --max-time 3 "$(endpoint)/"
+  local pid
+  [ -f "$dir/port" ] && pid="$(alive_pid rgw radosgw)" &&
+    ss -Hltnp "sport = :$(cat "$dir/port")" | grep -q "pid=$pid," &&
+    curl -fs -o /dev/null --max-time 3 "$(endpoint)/"
 }
 
 settings() {
@@ -121,9 +146,30 @@ EOF
 
 osd_up() { ceph_ osd stat -f json | grep -q '"num_up_osds":1'; }
 
+# Starts radosgw on the port in $dir/port and waits until it answers. With $1=retry, when
+# another program took that port meanwhile, moves on to the next free one (up to 5 times).
 start_gateway() {
-  launch rgw radosgw -n client.rgw
-  wait_for 60 rgw gateway_answers
+  local tries=1 port pid deadline
+  [ "${1:-}" = retry ] && tries=5
+  while :; do
+    port="$(cat "$dir/port")"
+    launch rgw radosgw -n client.rgw --rgw_frontends "beast endpoint=127.0.0.1:$port"
+    pid="$(cat "$dir/run/rgw.pid")"
+    deadline=$((SECONDS + 60))
+    until gateway_answers; do
+      if ! running "$pid" && grep -q "failed to bind address 127.0.0.1:$port" "$dir/log/client.rgw.log"; then
+        tries=$((tries - 1))
+        [ "$tries" -gt 0 ] || fail "radosgw could not listen on 127.0.0.1:$port: the port is taken"
+        say "port $port was taken meanwhile; trying the next free one"
+        free_port $((port + 1)) >"$dir/port"
+        continue 2
+      fi
+      check_daemons radosgw
+      [ "$SECONDS" -lt "$deadline" ] || fail "radosgw did not answer within 60 s; see the logs in $dir.failed-logs"
+      sleep 0.3
+    done
+    return 0
+  done
 }
 
 # After a failed start, keeps the daemons' logs beside the folder for a look.
@@ -139,12 +185,13 @@ stop_all() {
   halt osd ceph-osd --kill
   halt mon ceph-mon --kill
   rm -rf "$dir"
+  unclaim
 }
 
 # Installs the packages when missing, without letting their install scripts start daemons.
 install_packages() {
   local need=0 p rc=0 made_policy=0
-  for p in ceph-mon ceph-osd radosgw ceph-common awscli curl; do
+  for p in ceph-mon ceph-osd radosgw ceph-common awscli curl iproute2; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || need=1
   done
   [ "$need" -eq 1 ] || return 0
@@ -162,7 +209,7 @@ install_packages() {
 }
 
 write_conf() {
-  local fsid="$1" mon_port="$2" rgw_port="$3"
+  local fsid="$1" mon_port="$2"
   cat >"$conf" <<EOF
 # One-node test cluster of scripts/s3-server.sh: everything lives under $dir.
 [global]
@@ -204,7 +251,6 @@ memstore_device_bytes = $store_bytes
 
 [client.rgw]
 rgw_data = $dir/rgw
-rgw_frontends = beast endpoint=127.0.0.1:$rgw_port
 rgw_thread_pool_size = 64
 EOF
 }
@@ -230,12 +276,17 @@ start() {
   mkdir -p "$dir"/{run,log,mon,osd,rgw,crash}
   # From here on, any failure stops what was started and removes the folder.
   trap 'rc=$?; if [ $rc -ne 0 ]; then keep_logs; stop_all; fi' EXIT
+  trap 'fail "interrupted"' INT TERM HUP
+  rm -rf "$dir.failed-logs"
 
+  # The ports are chosen and bound under the machine's lock (released once radosgw answers).
+  exec 8>"$claims.lock"
+  flock -w 120 8 || fail "another s3-server.sh holds $claims.lock for over 120 s"
   fsid="$(cat /proc/sys/kernel/random/uuid)"
   mon_port="$(free_port 13300)"
   rgw_port="$(free_port "${OPC_S3_PORT:-7480}")"
   echo "$rgw_port" >"$dir/port"
-  write_conf "$fsid" "$mon_port" "$rgw_port"
+  write_conf "$fsid" "$mon_port"
 
   say "starting the monitor on 127.0.0.1:$mon_port"
   ceph-authtool --create-keyring "$dir/keyring" --gen-key -n mon. --cap mon 'allow *' >/dev/null
@@ -256,13 +307,14 @@ start() {
   wait_for 60 osd osd_up
 
   say "starting radosgw on 127.0.0.1:$rgw_port"
-  start_gateway
+  start_gateway retry
+  exec 8>&-
 
   say "creating the user and the bucket $bucket"
   wait_for 60 "the user" rgw_admin user create --uid opc-test --display-name "opc tests" \
     --access-key "$access_key" --secret "$secret_key"
   wait_for 30 "the bucket" aws_ s3api create-bucket --bucket "$bucket"
-  trap - EXIT
+  trap - EXIT INT TERM HUP
   say "ready in $((SECONDS - began)) s at $(endpoint)"
   settings
 }

@@ -16,7 +16,7 @@ declare -A groups=(
   [bench]="libbenchmark-dev"
   [docs]="doxygen"
   [package]="dpkg-dev file"
-  [s3]="ceph-mon ceph-osd radosgw ceph-common awscli curl"
+  [s3]="ceph-mon ceph-osd radosgw ceph-common awscli curl iproute2"
 )
 
 wanted=("$@")
