@@ -56,7 +56,7 @@ free_port() {
 }
 
 # Drops the claims of our folder.
-unclaim() { grep -lxF "$dir" "$claims"/* 2>/dev/null | xargs -r rm -f; }
+unclaim() { grep -lxF "$dir" "$claims"/* 2>/dev/null | xargs -r rm -f || true; }
 
 # pid of a daemon we started, if it is still running (its pid file names it and /proc agrees).
 alive_pid() {
@@ -308,11 +308,17 @@ start() {
 
   say "starting radosgw on 127.0.0.1:$rgw_port"
   start_gateway retry
-  exec 8>&-
 
   say "creating the user and the bucket $bucket"
   wait_for 60 "the user" rgw_admin user create --uid opc-test --display-name "opc tests" \
     --access-key "$access_key" --secret "$secret_key"
+  # radosgw's first start made the zonegroup, whose S3 name is "default": name it us-east-1 and
+  # restart radosgw, so that a CreateBucket naming us-east-1 as its LocationConstraint is
+  # accepted and GetBucketLocation says us-east-1. (Without a realm it cannot be made earlier.)
+  wait_for 30 "the zonegroup" rgw_admin zonegroup modify --rgw-zonegroup default --api-name "$region"
+  halt rgw radosgw
+  start_gateway
+  exec 8>&-
   wait_for 30 "the bucket" aws_ s3api create-bucket --bucket "$bucket"
   trap - EXIT INT TERM HUP
   say "ready in $((SECONDS - began)) s at $(endpoint)"
