@@ -13,6 +13,9 @@
 # Only the settings go to standard output; progress and errors go to standard error.
 # Environment: OPC_S3_DIR (the folder, default /tmp/opc-s3), OPC_S3_PORT (radosgw's port,
 # default 7480 or the next free one), OPC_S3_STORE_BYTES (the OSD's memory, default 4 GiB).
+# Beside the folder: $dir.lock (one command at a time) and, after a failed start, the daemons'
+# logs in $dir.failed-logs. For the whole machine: /tmp/opc-s3-ports{,.lock} (the ports taken).
+# Debian's awscli (2.9) ignores AWS_ENDPOINT_URL: give it --endpoint-url "$AWS_ENDPOINT_URL".
 set -euo pipefail
 
 dir="${OPC_S3_DIR:-/tmp/opc-s3}"
