@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a task needs, and only those that are missing.
 #
-#   setup-deps.sh [group...]    groups: build (the default), test, bench, docs, package, all
+#   setup-deps.sh [group...]    groups: build (the default), test, bench, docs, package, s3, all
 #
 # build: compile the library and the examples; test: the unit tests; bench: the benchmarks;
-# docs: the API reference; package: the .deb files. apt's own progress is shown.
+# docs: the API reference; package: the .deb files; s3: the one-node Ceph object store
+# (radosgw) that scripts/s3-server.sh runs for the s3 scheme's tests, and awscli.
+# all: every group but s3 (a few hundred MB, for the object-store tests only). apt's own progress is shown.
 set -euo pipefail
 
 declare -A groups=(
@@ -15,6 +17,7 @@ declare -A groups=(
   [bench]="libbenchmark-dev"
   [docs]="doxygen"
   [package]="dpkg-dev file"
+  [s3]="ceph-mon ceph-osd radosgw ceph-common awscli curl iproute2"
 )
 
 wanted=("$@")
@@ -24,7 +27,7 @@ wanted=("$@")
 packages=()
 for g in "${wanted[@]}"; do
   if [ -z "${groups[$g]+set}" ]; then
-    echo "setup-deps.sh: unknown group '$g'; the groups are: build test bench docs package all" >&2
+    echo "setup-deps.sh: unknown group '$g'; the groups are: build test bench docs package s3 all" >&2
     exit 2
   fi
   # shellcheck disable=SC2206 # the lists are plain words
