@@ -4,12 +4,26 @@
 # and runs only the tests that start threads (CTest label "threads"); any report fails it.
 # Warnings are errors, and so are the API reference's (built with the normal build). Last, the
 # installed package and the .deb files are checked by building a consumer project against them.
+# The s3 tests run against a real object store (scripts/s3-server.sh: Ceph's radosgw on
+# loopback), started first and stopped at the end; when it cannot be started they are skipped
+# and this script says so.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 cd "$root"
 ./scripts/setup-deps.sh all
 
 jobs=$(nproc)
+
+echo "== Object store for the s3 tests"
+export OPC_S3_DIR="${OPC_S3_DIR:-/tmp/opc-s3-test}"
+if settings="$(./scripts/s3-server.sh start)"; then
+  eval "$settings"
+  trap './scripts/s3-server.sh stop >/dev/null 2>&1 || true' EXIT
+  echo "   radosgw at $AWS_ENDPOINT_URL, bucket $S3_BUCKET"
+else
+  s3_missing="the object store could not be started (the reason is above): the s3 tests are SKIPPED"
+  echo "   NOTE: $s3_missing"
+fi
 
 configure() {
   local dir=$1; shift
@@ -41,3 +55,4 @@ unset TSAN_OPTIONS
 
 echo "== Installed package and .deb files"
 ./scripts/check-install.sh build/release
+[ -z "${s3_missing:-}" ] || echo "NOTE: $s3_missing"
