@@ -4,6 +4,7 @@
 #include "commit/CrossCopy.hpp"
 
 #include <boost/system/error_code.hpp>
+#include <vela/filesystem/operations.hpp>
 
 #include <cstdint>
 #include <functional>
@@ -252,6 +253,10 @@ void commit(Commit& c) {
 void replaceFileWithBackup(FileSystemOps& targetOps, const std::u16string& targetPath, FileSystemOps& sourceOps,
                            const std::u16string& sourcePath, const CommitOptions& options) {
     Commit c(targetOps, targetPath, sourceOps, sourcePath, options);
+    // A local target's temporary file (the first name its getTempName gives in here) is copied
+    // and renamed at once, so the rename's flushes stand in for the copy's folder flush and a
+    // second data flush. Host calls of other back ends are not affected.
+    vela::filesystem::staged_rename_scope staging;
     try {
         commit(c);
     } catch (const Exception& e) {
