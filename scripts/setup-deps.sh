@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a task needs, and only those that are missing.
 #
-#   setup-deps.sh [group...]    groups: build (the default), test, bench, docs, package, all
+#   setup-deps.sh [group...]    groups: build (the default), test, bench, profile, docs, package, all
 #
 # build: compile the library and the examples; test: the unit tests; bench: the benchmarks;
+# profile: instruction counts and system-call traces of a benchmark (callgrind, perf, strace);
 # docs: the API reference; package: the .deb files. apt's own progress is shown.
 set -euo pipefail
 
@@ -12,18 +13,19 @@ declare -A groups=(
            libboost-filesystem1.74-dev libboost-iostreams1.74-dev libicu-dev tzdata"
   [test]="libgtest-dev libgmock-dev strace"
   [bench]="libbenchmark-dev"
+  [profile]="valgrind linux-perf strace"
   [docs]="doxygen"
   [package]="dpkg-dev file"
 )
 
 wanted=("$@")
 [ ${#wanted[@]} -eq 0 ] && wanted=(build)
-[ "${wanted[*]}" = all ] && wanted=(build test bench docs package)
+[ "${wanted[*]}" = all ] && wanted=(build test bench profile docs package)
 
 packages=()
 for g in "${wanted[@]}"; do
   if [ -z "${groups[$g]+set}" ]; then
-    echo "setup-deps.sh: unknown group '$g'; the groups are: build test bench docs package all" >&2
+    echo "setup-deps.sh: unknown group '$g'; the groups are: build test bench profile docs package all" >&2
     exit 2
   fi
   # shellcheck disable=SC2206 # the lists are plain words
