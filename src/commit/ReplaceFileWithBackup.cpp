@@ -235,12 +235,18 @@ void setFinalPermissions(Commit& c) {
 }
 
 void commit(Commit& c) {
+    // A local target's temporary file (the first name its getTempName gives in here) is copied
+    // and renamed at once, so the rename's flushes stand in for the copy's folder flush and a
+    // second data flush. Host calls of other back ends are not affected, and the staging ends
+    // with the rename: the callback's own copies are flushed as usual.
+    vela::filesystem::staged_rename_scope staging;
     if (readStartingState(c))
         makeBackup(c);
     makeTargetWritable(c);
     chooseTempPath(c);
     copyNewContent(c);
     replaceTarget(c);
+    staging.close();
     if (c.madeBackup && c.removeBackupAfter)
         removeBackupIfAsked(c);
     else if (c.madeBackup)
@@ -253,10 +259,6 @@ void commit(Commit& c) {
 void replaceFileWithBackup(FileSystemOps& targetOps, const std::u16string& targetPath, FileSystemOps& sourceOps,
                            const std::u16string& sourcePath, const CommitOptions& options) {
     Commit c(targetOps, targetPath, sourceOps, sourcePath, options);
-    // A local target's temporary file (the first name its getTempName gives in here) is copied
-    // and renamed at once, so the rename's flushes stand in for the copy's folder flush and a
-    // second data flush. Host calls of other back ends are not affected.
-    vela::filesystem::staged_rename_scope staging;
     try {
         commit(c);
     } catch (const Exception& e) {

@@ -84,6 +84,14 @@ staged_rename_scope::~staged_rename_scope() {
     sys::state.reset();
 }
 
+void staged_rename_scope::close() {
+    if (sys::state.depth != 1)
+        return;
+    sys::settle_owed();
+    sys::state.reset();
+    sys::state.staged = true; // with no name: nothing more is staged
+}
+
 void staged_rename_scope::stage(path const& temporary) {
     if (sys::state.depth == 0 || sys::state.staged)
         return;

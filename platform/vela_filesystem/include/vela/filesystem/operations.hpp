@@ -148,6 +148,11 @@ public:
     /// Marks `temporary` as the staged name when a scope lives on this thread and none has
     /// been staged in it yet; otherwise does nothing.
     static void stage(path const& temporary);
+
+    /// Ends the staging early, once the staged file is in place: pays an owed folder flush
+    /// (throwing on failure) and stages nothing more, so that code run later in the scope
+    /// copies and renames as usual.
+    void close();
 };
 
 /// Removes a file, a symbolic link (not its target) or an empty folder. A missing path throws
