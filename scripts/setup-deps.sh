@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a task needs, and only those that are missing.
 #
-#   setup-deps.sh [group...]    groups: build (the default), test, bench, docs, package, s3, all
+#   setup-deps.sh [group...]    groups: build (the default), test, bench, profile, docs, package, s3, all
 #
 # build: compile the library and the examples; test: the unit tests; bench: the benchmarks;
+# profile: instruction counts and system-call traces of a benchmark (callgrind, perf, strace);
 # docs: the API reference; package: the .deb files; s3: the one-node Ceph object store
 # (radosgw) that scripts/s3-server.sh runs for the s3 scheme's tests, and awscli.
-# all: every group but s3 (a few hundred MB, for the object-store tests only). apt's own progress is shown.
+# all: every group but profile and s3 (a few hundred MB, for the object-store tests only). apt's own progress is shown.
 set -euo pipefail
 
 declare -A groups=(
@@ -15,6 +16,7 @@ declare -A groups=(
            libcurl4-openssl-dev libpugixml-dev"
   [test]="libgtest-dev libgmock-dev strace"
   [bench]="libbenchmark-dev"
+  [profile]="valgrind linux-perf strace"
   [docs]="doxygen"
   [package]="dpkg-dev file"
   [s3]="ceph-mon ceph-osd radosgw ceph-common awscli curl iproute2"
@@ -27,7 +29,7 @@ wanted=("$@")
 packages=()
 for g in "${wanted[@]}"; do
   if [ -z "${groups[$g]+set}" ]; then
-    echo "setup-deps.sh: unknown group '$g'; the groups are: build test bench docs package s3 all" >&2
+    echo "setup-deps.sh: unknown group '$g'; the groups are: build test bench profile docs package s3 all" >&2
     exit 2
   fi
   # shellcheck disable=SC2206 # the lists are plain words

@@ -4,6 +4,7 @@
 #include "commit/CrossCopy.hpp"
 
 #include <boost/system/error_code.hpp>
+#include <vela/filesystem/operations.hpp>
 
 #include <cstdint>
 #include <functional>
@@ -234,12 +235,18 @@ void setFinalPermissions(Commit& c) {
 }
 
 void commit(Commit& c) {
+    // A local target's temporary file (the first name its getTempName gives in here) is copied
+    // and renamed at once, so the rename's flushes stand in for the copy's folder flush and a
+    // second data flush. Host calls of other back ends are not affected, and the staging ends
+    // with the rename: the callback's own copies are flushed as usual.
+    vela::filesystem::staged_rename_scope staging;
     if (readStartingState(c))
         makeBackup(c);
     makeTargetWritable(c);
     chooseTempPath(c);
     copyNewContent(c);
     replaceTarget(c);
+    staging.close();
     if (c.madeBackup && c.removeBackupAfter)
         removeBackupIfAsked(c);
     else if (c.madeBackup)

@@ -6,6 +6,7 @@
 
 #include "fs/LocalTranslate.hpp"
 
+#include <vela/filesystem/operations.hpp>
 #include <vela/filesystem/path.hpp>
 
 namespace opc {
@@ -19,8 +20,12 @@ LocalFileSystemOps::~LocalFileSystemOps() = default;
 std::u16string LocalFileSystemOps::doGetTempName(const std::u16string& folder, std::string& detail,
                                                  error_code& ec) {
     // Empty prefix and extension: the temporary-name defaults ("." and ".tmp") apply.
-    return guardedHostCall(std::u16string(), detail, ec,
-                           [&] { return util::getTempName(folder, std::u16string(), std::u16string()); });
+    return guardedHostCall(std::u16string(), detail, ec, [&] {
+        std::u16string name = util::getTempName(folder, std::u16string(), std::u16string());
+        // Inside a commit of this back end the first name handed out is its temporary file.
+        host::staged_rename_scope::stage(host::path(name));
+        return name;
+    });
 }
 
 std::u16string LocalFileSystemOps::doGetParentPath(const std::u16string& path, std::string& detail,

@@ -113,11 +113,18 @@ void LocalFileSystemOps::doGetFiles(const std::u16string& folder, std::vector<st
     // The call (an allocation and two passes per entry) is made only where a derived class may
     // have replaced it.
     bool const normalizeEntries = typeid(*this) != typeid(LocalFileSystemOps);
+    if (!normalizeEntries) {
+        // Nothing can replace the recursion or the normalisation either: the host walks the
+        // whole tree in one call, which lists the same entries in the same order and throws
+        // what the innermost iterator would (entries found before stay listed).
+        guardedHostCall(detail, ec, [&] { host::list_files(host::path(folder), recursive, files); });
+        return;
+    }
     guardedHostCall(detail, ec, [&] {
         for (host::directory_iterator it{host::path(folder)}; it.is_open(); ++it) {
             std::uint32_t const type = it->status().type() & Status::file_type_mask;
             if (type == Status::regular_file || type == Status::symlink_file) {
-                files.push_back(normalizeEntries ? normalizePath(it->full_pathname()) : it->full_pathname());
+                files.push_back(normalizePath(it->full_pathname()));
             } else if (recursive && type == Status::directory_file) {
                 // Depth first; the innermost failure is reported once and ends every level.
                 doGetFiles(normalizePath(it->full_pathname()), files, true, detail, ec);

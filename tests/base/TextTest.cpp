@@ -94,6 +94,9 @@ TEST(Utf8Conversion, RefusalsNameTheFault) {
     std::u16string const lone = std::u16string(u"ab") + char16_t(0xDC01);
     EXPECT_EQ(thrownMessage([&] { toUTF8String(lone, true); }), "Unpaired surrogate U+DC01 at UTF-16 offset 2 cannot be converted to UTF-8");
     EXPECT_EQ(thrownMessage([&] { opc::toUDEString(lone); }), "Unpaired surrogate U+DC01 at UTF-16 offset 2 cannot be converted to UTF-8");
+    // Past the first sixteen units, inside mixed text, and a lead unit without its trail.
+    std::u16string const later = std::u16string(40, u'\u00E9') + char16_t(0xD83D) + u"xyz" + std::u16string(20, u'\u6F22');
+    EXPECT_EQ(thrownMessage([&] { toUTF8String(later, true); }), "Unpaired surrogate U+D83D at UTF-16 offset 40 cannot be converted to UTF-8");
     std::string const badMessage = "Invalid UTF-8 sequence starting with byte 0xC3 at offset 1";
     EXPECT_EQ(thrownMessage([&] { toStringFromUTF8String("x\xC3(", true); }), badMessage);
     EXPECT_EQ(thrownMessage([&] { opc::toString("x\xC3(", true); }), badMessage);

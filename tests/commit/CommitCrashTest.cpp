@@ -140,6 +140,16 @@ TEST_P(Traced, NewDataIsFlushedBeforeTheRenameAndTheFolderAfter) {
     };
     EXPECT_TRUE(syncs(temporary, 0, renameAt)) << "the temporary file's data is not flushed before the rename";
     EXPECT_TRUE(syncs(dir, renameAt + 1, lines.size())) << "the folder is not flushed after the rename";
+    if (GetParam().to != Local)
+        return;
+    // Nothing is flushed twice: the temporary's data once, the folder once, after the rename.
+    std::size_t dataFlushes = 0, folderFlushes = 0;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        dataFlushes += syncs(temporary, i, i + 1);
+        folderFlushes += syncs(dir, i, i + 1);
+    }
+    EXPECT_EQ(dataFlushes, 1u);
+    EXPECT_EQ(folderFlushes, 1u);
 }
 
 // Every write, sync, rename and close on the package's folder fails in turn with EIO (calls

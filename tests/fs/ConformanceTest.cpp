@@ -21,6 +21,7 @@
 #include <sstream>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace opc::test {
@@ -423,6 +424,72 @@ TEST_P(Conformance, CommitReplacesKeepsABackupAndReportsThroughTheFrame) {
     ops().replaceFileWithBackup(at("link"), local, source, CommitOptions());
     EXPECT_EQ(modeOf(host("link")), 0600);
     EXPECT_EQ(read(at("outside")) + read(at("link")), "keptfresh");
+}
+
+// The local back end lists a whole tree in one host walk; a derived class (which could replace
+// the recursion) still walks folder by folder with the directory iterator. Both give the same
+// entries in the same order, and stop at an unreadable sub-folder with the same partial list,
+// code and detail.
+TEST(LocalListing, TreeWalkMatchesFolderByFolderWalk) {
+    struct Derived : LocalFileSystemOps {};
+    HostFolder root;
+    std::string const dir = root.path().string();
+    std::mt19937 rng(7);
+    std::vector<std::string> folders = {""};
+    static char const* const names[] = {"a", "Zeta.txt", "caf\xC3\xA9", "\xE6\xBC\xA2\xE5\xAD\x97.bin", "n-\xF0\x9F\x98\x80"};
+    for (int i = 0; i < 60; ++i) {
+        std::string const parent = folders[rng() % folders.size()];
+        std::string const name = std::string(names[rng() % 5]) + std::to_string(i);
+        std::string const path = dir + parent + "/" + name;
+        switch (rng() % 4) {
+        case 0: ASSERT_EQ(::mkdir(path.c_str(), 0755), 0); folders.push_back(parent + "/" + name); break;
+        case 1: ASSERT_EQ(::symlink("..", path.c_str()), 0); break; // listed, never followed
+        default: writeFile(path, name);
+        }
+    }
+    // True when both walks give the same list, code and message; `locked` counts the listings
+    // cut short.
+    int cut = 0;
+    auto same = [&](bool recursive) {
+        LocalFileSystemOps local;
+        Derived derived;
+        std::vector<std::u16string> tree = {u"kept"}, byFolder = {u"kept"};
+        error_code treeCode, byFolderCode;
+        local.getFiles(root.path16(), tree, recursive, treeCode);
+        derived.getFiles(root.path16(), byFolder, recursive, byFolderCode);
+        std::string messages[2];
+        try {
+            local.getFiles(root.path16(), tree, recursive);
+        } catch (Exception const& e) {
+            messages[0] = e.what();
+        }
+        try {
+            derived.getFiles(root.path16(), byFolder, recursive);
+        } catch (Exception const& e) {
+            messages[1] = e.what();
+        }
+        cut += treeCode.failed();
+        return tree == byFolder && tree.size() > 2 && treeCode == byFolderCode && messages[0] == messages[1];
+    };
+    for (bool recursive : {false, true})
+        EXPECT_TRUE(same(recursive)) << recursive;
+    EXPECT_EQ(cut, 0);
+    // An unreadable sub-folder, met by a user whom its bits stop (root is not stopped).
+    ASSERT_GT(folders.size(), 2u);
+    ASSERT_EQ(::chmod((dir + folders[2]).c_str(), 0), 0);
+    ASSERT_EQ(::chmod(dir.c_str(), 0755), 0);
+    pid_t const child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (::geteuid() == 0 && ::setuid(65534) != 0)
+            std::_Exit(2);
+        bool const ok = same(true) && cut == 1;
+        std::_Exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    ::chmod((dir + folders[2]).c_str(), 0755);
 }
 
 // Storage: no links or pipes, only writable/read-only, coarser errors, no merging folder copy, strict

@@ -74,21 +74,28 @@ TEST(ByteArrayInAdaptor, FollowsAModelUnderGeneratedOperations) {
 }
 
 // Whatever the owner does to the vector, each write leaves what "resize to position + size,
-// then copy" leaves; flush and close change nothing, and it is never done.
+// then copy" leaves; flush and close change nothing, and it is never done. Every fourth seed
+// writes blocks of up to 9000 bytes from any offset within a 64-byte line, into room the
+// owner reserved or not (large blocks take their own copy path).
 TEST(ByteArrayOutAdaptor, MatchesResizeThenCopyWhateverTheOwnerDoes) {
     for (unsigned seed = 0; seed < 300; ++seed) {
         std::mt19937 rng(seed);
+        unsigned const largest = seed % 4 ? 40 : 9000;
         Bytes target = randomBytes(rng, rng() % 50), model = target;
         ByteArrayOutAdaptor out(target);
         std::size_t pos = target.size();
         for (int step = 0; step < 40; ++step) {
-            unsigned const action = rng() % 4;
+            unsigned const action = rng() % 5;
             if (action == 0)
                 model = target = randomBytes(rng, rng() % (pos + 30));
             else if (action == 1)
                 step % 2 ? out.flush() : out.close();
-            Bytes const chunk = randomBytes(rng, rng() % 40);
-            ASSERT_EQ(out.write(chunk.data(), chunk.size()), chunk.size());
+            else if (action == 2)
+                target.reserve(pos + rng() % (2 * largest));
+            std::size_t const skip = rng() % 64;
+            Bytes const block = randomBytes(rng, skip + rng() % largest);
+            Bytes const chunk(block.begin() + long(skip), block.end());
+            ASSERT_EQ(out.write(block.data() + skip, chunk.size()), chunk.size());
             model.resize(pos + chunk.size());
             std::copy(chunk.begin(), chunk.end(), model.begin() + long(pos));
             pos += chunk.size();

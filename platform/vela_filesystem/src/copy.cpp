@@ -54,14 +54,18 @@ int copy_content(int in, int out) {
     }
 }
 
-// Fills the new, empty `out` with all of `in`, gives it `mode`, flushes and closes it. On
-// failure removes `out_access` (a file this copy created) and throws about `to`.
-void fill_new_file(int in, sys::fd out, mode_t mode, std::string const& out_access, path const& to) {
+// Fills the new, empty `out` with all of `in`, gives it `mode`, flushes and closes it; with
+// `flushed` given, also takes its status after the flush. On failure removes `out_access` (a
+// file this copy created) and throws about `to`.
+void fill_new_file(int in, sys::fd out, mode_t mode, std::string const& out_access, path const& to,
+                   struct stat* flushed = nullptr) {
     int error = copy_content(in, out.get());
     // A file is created with the mode less the umask: set it again in full.
     if (error == 0 && ::fchmod(out.get(), mode) != 0)
         error = errno;
     if (error == 0 && ::fdatasync(out.get()) != 0)
+        error = errno;
+    if (error == 0 && flushed != nullptr && ::fstat(out.get(), flushed) != 0)
         error = errno;
     if (error == 0 && ::close(out.release()) != 0)
         error = errno;
@@ -79,6 +83,8 @@ void fill_new_file(int in, sys::fd out, mode_t mode, std::string const& out_acce
 void copy_regular(path const& from, path const& to, copy_option option, bool sync_new_name) {
     std::string const from_access = from.access_form();
     std::string const to_access = to.access_form();
+    // A name whose folder flush a staged copy still owes becomes durable before any other.
+    sys::settle_owed();
 
     sys::fd in(sys::retry([&] { return ::open(from_access.c_str(), O_RDONLY | O_CLOEXEC); }));
     if (!in)
@@ -93,7 +99,14 @@ void copy_regular(path const& from, path const& to, copy_option option, bool syn
     sys::fd out(sys::retry(
         [&] { return ::open(to_access.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode); }));
     if (out) {
-        fill_new_file(in.get(), std::move(out), mode, to_access, to);
+        // A staged temporary's name is made durable by the folder flush of its rename.
+        bool const deferred = sync_new_name && sys::defer_new_name(to_access);
+        struct stat flushed;
+        fill_new_file(in.get(), std::move(out), mode, to_access, to, deferred ? &flushed : nullptr);
+        if (deferred) {
+            sys::note_flushed(to_access, flushed);
+            return;
+        }
         try {
             if (sync_new_name)
                 sys::sync_folder(sys::folder_of(to_access));

@@ -6,6 +6,10 @@
 #include <dirent.h>
 #include <fcntl.h>
 
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
 #include <unicode/ustring.h>
 
 namespace vela::filesystem {
@@ -48,6 +52,31 @@ file_status stat_entry(DIR* dir, std::string const& name, std::string const& fol
     return sys::status_of(st);
 }
 
+/// Appends the UTF-16 form of the UTF-8 file name name[0, length) to `out`, which holds its
+/// folder with a final "/": the place the error for a name that is not valid UTF-8 names.
+void append_name(std::u16string& out, char const* name, std::size_t length) {
+    std::size_t const start = out.size();
+    out.resize(start + length);
+    // ASCII names, the usual case, widen byte by byte; the Unicode library's call costs more
+    // than the conversion of a short name.
+    unsigned char seen = 0;
+    char16_t* const wide = out.data() + start;
+    for (std::size_t i = 0; i < length; ++i) {
+        auto const byte = static_cast<unsigned char>(name[i]);
+        seen |= byte;
+        wide[i] = byte;
+    }
+    if (seen < 0x80)
+        return;
+    UErrorCode status = U_ZERO_ERROR;
+    int32_t converted = 0;
+    u_strFromUTF8(wide, static_cast<int32_t>(length), &converted, name, static_cast<int32_t>(length), &status);
+    if (U_FAILURE(status))
+        throw FileNameConversionFailure("vela:filesystem:FileNameConversionFailure",
+                                        "File name is not valid UTF-8: " + std::string(name, length), out.substr(0, start));
+    out.resize(start + static_cast<std::size_t>(converted));
+}
+
 } // namespace
 
 file_status const& directory_entry::status() const { return m_status; }
@@ -63,29 +92,11 @@ file_status const& directory_entry::symlink_status() const {
 
 std::u16string directory_entry::full_pathname() const {
     auto const* s = static_cast<directory_iterator::state const*>(m_owner);
-    // Convert the name straight onto the end of the folder: one allocation per entry.
+    // The name converted straight onto the end of the folder: one allocation per entry.
     std::u16string out;
-    out.resize(s->folder.size() + m_name.size());
-    std::copy(s->folder.begin(), s->folder.end(), out.begin());
-    // ASCII names, the usual case, widen byte by byte; the Unicode library's call costs more
-    // than the conversion of a short name.
-    unsigned char seen = 0;
-    char16_t* const name = out.data() + s->folder.size();
-    for (std::size_t i = 0; i < m_name.size(); ++i) {
-        auto const byte = static_cast<unsigned char>(m_name[i]);
-        seen |= byte;
-        name[i] = byte;
-    }
-    if (seen < 0x80)
-        return out;
-    UErrorCode status = U_ZERO_ERROR;
-    int32_t length = 0;
-    u_strFromUTF8(out.data() + s->folder.size(), static_cast<int32_t>(m_name.size()), &length, m_name.data(),
-                  static_cast<int32_t>(m_name.size()), &status);
-    if (U_FAILURE(status))
-        throw FileNameConversionFailure("vela:filesystem:FileNameConversionFailure",
-                                        "File name is not valid UTF-8: " + m_name, s->folder);
-    out.resize(s->folder.size() + static_cast<std::size_t>(length));
+    out.reserve(s->folder.size() + m_name.size());
+    out = s->folder;
+    append_name(out, m_name.data(), m_name.size());
     return out;
 }
 
@@ -157,6 +168,119 @@ directory_iterator& directory_iterator::operator++() {
         }
         return *this;
     }
+}
+
+namespace {
+
+/// The walk behind list_files: one folder at a time, read with getdents64 into a buffer of its
+/// depth (a parent's unread entries stay in its own while a sub-folder is read).
+class file_lister {
+public:
+    file_lister(bool recursive, std::vector<std::u16string>& files) : m_recursive(recursive), m_files(files) {}
+
+    /// Lists the open folder `fd`, whose native form with a final "/" is in m_folder and whose
+    /// access form with a final "/" is in m_access; closes `fd`.
+    void list(sys::fd fd, std::size_t depth) {
+        if (m_buffers.size() <= depth)
+            m_buffers.push_back(std::make_unique<char[]>(buffer_size));
+        char* const buffer = m_buffers[depth].get();
+        for (;;) {
+            ssize_t const got = sys::retry([&] { return ::getdents64(fd.get(), buffer, buffer_size); });
+            if (got < 0)
+                throw_from_errno(errno, detail::from_filesystem(m_access));
+            if (got == 0)
+                return;
+            for (ssize_t at = 0; at < got;) {
+                auto const* d = reinterpret_cast<struct dirent64 const*>(buffer + at);
+                at += d->d_reclen;
+                entry(fd.get(), d->d_name, d->d_type, depth);
+            }
+        }
+    }
+
+    std::u16string m_folder;
+    std::string m_access;
+
+private:
+    static constexpr std::size_t buffer_size = 32768;
+
+    /// m_folder followed by the name. ASCII names are widened in m_scratch, which keeps the
+    /// folder in front between entries, so each costs one allocation, that of the result.
+    std::u16string full_name(char const* name, std::size_t length) {
+        std::size_t const folder_length = m_folder.size();
+        if (m_scratch_folder != folder_length || m_scratch.size() < folder_length + length) {
+            m_scratch.assign(m_folder);
+            m_scratch.resize(folder_length + std::max<std::size_t>(length, 256));
+            m_scratch_folder = folder_length;
+        }
+        char16_t* const wide = m_scratch.data() + folder_length;
+        unsigned char seen = 0;
+        for (std::size_t i = 0; i < length; ++i) {
+            auto const byte = static_cast<unsigned char>(name[i]);
+            seen |= byte;
+            wide[i] = byte;
+        }
+        if (seen < 0x80)
+            return std::u16string(m_scratch.data(), folder_length + length);
+        std::u16string out = m_folder;
+        append_name(out, name, length);
+        return out;
+    }
+
+    void entry(int folder_fd, char const* name, unsigned char d_type, std::size_t depth) {
+        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
+            return;
+        std::size_t const length = std::strlen(name);
+        std::uint32_t type = type_of_dirent(d_type);
+        if (type == 0) {
+            struct stat st;
+            if (::fstatat(folder_fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0)
+                type = sys::type_of_mode(st.st_mode);
+            else if (errno != ENOENT) // gone meanwhile: not listed
+                throw_from_errno(errno, detail::from_filesystem(m_access + name));
+        }
+        if (type == file_status::regular_file || type == file_status::symlink_file) {
+            m_files.push_back(full_name(name, length));
+        } else if (type == file_status::directory_file && m_recursive) {
+            std::size_t const folder_length = m_folder.size(), access_length = m_access.size();
+            append_name(m_folder, name, length);
+            int const sub = sys::retry([&] { return ::openat(folder_fd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+            if (sub < 0)
+                throw_from_errno(errno, m_folder);
+            m_folder.push_back(u'/');
+            m_access.append(name, length).push_back('/');
+            m_scratch_folder = npos; // another folder in front
+            list(sys::fd(sub), depth + 1);
+            m_folder.resize(folder_length);
+            m_access.resize(access_length);
+            m_scratch_folder = npos;
+        }
+    }
+
+    bool const m_recursive;
+    std::vector<std::u16string>& m_files;
+    std::vector<std::unique_ptr<char[]>> m_buffers;
+    static constexpr std::size_t npos = std::size_t(-1);
+    std::u16string m_scratch;
+    std::size_t m_scratch_folder = npos; // length of the folder m_scratch begins with
+};
+
+} // namespace
+
+void list_files(path const& folder, bool recursive, std::vector<std::u16string>& files) {
+    file_lister lister(recursive, files);
+    lister.m_access = folder.access_form();
+    if (lister.m_access.empty())
+        throw_from_errno(ENOENT, folder.native());
+    int const fd = sys::retry([&] { return ::open(lister.m_access.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+    if (fd < 0)
+        sys::fail(folder);
+    lister.m_folder = folder.native();
+    if (lister.m_folder.back() != u'/')
+        lister.m_folder.push_back(u'/');
+    if (lister.m_access.back() != '/')
+        lister.m_access.push_back('/');
+    lister.list(sys::fd(fd), 0);
 }
 
 } // namespace vela::filesystem

@@ -93,12 +93,14 @@ void move_into_place(std::string const& from, std::string const& to, std::u16str
     bool const regular = S_ISREG(source.st_mode);
     bool const present = ::lstat(to.c_str(), &target) == 0;
 
-    // 1. The data, so that the name never reaches the disk before the content does.
+    // 1. The data, so that the name never reaches the disk before the content does; not again
+    //    for a staged copy that is unchanged since its own flush.
+    bool const staged = take_staged(from, source);
     fd file;
-    if (regular && (how.sync_data || how.narrow))
+    if (regular && how.sync_data && !staged) {
         file = open_moved_file(from, from_name);
-    if (regular && how.sync_data)
         sync_data(file, from, from_name);
+    }
 
     // 2. No moment with the destination wider than before: take away the bits the replaced file
     //    (or the file behind a link there) lacks. Bits that cannot be read cannot be kept
@@ -113,8 +115,11 @@ void move_into_place(std::string const& from, std::string const& to, std::u16str
             throw_from_errno(errno, to_name);
         }
     }
-    if (after != before)
+    if (after != before) {
+        if (!file)
+            file = open_moved_file(from, from_name);
         set_mode(file, from, after, from_name);
+    }
 
     // 3. The rename. Over an existing file or link, exchange the two names, so that the old
     //    destination can come back if a later step fails. A file system that cannot exchange

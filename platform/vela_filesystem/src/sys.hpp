@@ -93,4 +93,14 @@ struct placement {
 void move_into_place(std::string const& from, std::string const& to, std::u16string const& from_name,
                      std::u16string const& to_name, placement how);
 
+/// Staged renames (see `staged_rename_scope`). `defer_new_name`: true when `access` is the
+/// staged name not yet created, so copy_file may leave its folder unflushed; it then reports
+/// the flushed file with `note_flushed`. `take_staged`: true when `access` (with status `st`)
+/// is that unchanged flushed file, whose data need not be flushed again; otherwise, as
+/// `settle_owed` does, the owed folder flush is made first (throwing on failure).
+bool defer_new_name(std::string const& access);
+void note_flushed(std::string const& access, struct stat const& st);
+bool take_staged(std::string const& access, struct stat const& st);
+void settle_owed();
+
 } // namespace vela::filesystem::sys

@@ -128,6 +128,33 @@ struct rename_options {
 /// place.
 VELA_FS_API void rename(path const& from, path const& to, rename_options options = {});
 
+/// For a caller that copies into a fresh temporary name and renames that file into place at
+/// once (a commit): while an object lives on a thread, the first path given to `stage()` there
+/// is such a name, and the rename's own flushes stand in for two of the copy's.
+/// - `copy_file` creating the staged file flushes its data but not yet its folder: that flush
+///   is owed. Any other `copy_file` or `rename` on the thread pays it first, and so does the
+///   end of the scope (where a failure can no longer be reported).
+/// - `rename` of the staged file, when it is still the file `copy_file` made and flushed (same
+///   device, inode, size, mode and times), does not flush its data a second time; the folder
+///   fsync after the rename makes both names durable, so the owed flush is settled by it.
+/// Scopes nest; only the outermost one stages and settles.
+class VELA_FS_API staged_rename_scope {
+public:
+    staged_rename_scope();
+    ~staged_rename_scope();
+    staged_rename_scope(staged_rename_scope const&) = delete;
+    staged_rename_scope& operator=(staged_rename_scope const&) = delete;
+
+    /// Marks `temporary` as the staged name when a scope lives on this thread and none has
+    /// been staged in it yet; otherwise does nothing.
+    static void stage(path const& temporary);
+
+    /// Ends the staging early, once the staged file is in place: pays an owed folder flush
+    /// (throwing on failure) and stages nothing more, so that code run later in the scope
+    /// copies and renames as usual.
+    void close();
+};
+
 /// Removes a file, a symbolic link (not its target) or an empty folder. A missing path throws
 /// `PathNotFound`, a folder with entries `DirectoryNotEmpty`.
 VELA_FS_API void remove(path const& p);
