@@ -99,7 +99,7 @@ public:
         if (!iri.hasParent() || getKind(iri.getParent()) != provider::FolderItem) {
             throw Exception(ErrorCode::NotFound, iri.getParent(), "the parent folder is missing");
         }
-        writeMarker(iri, {}, false);
+        writeMarker(iri, {}, false, true);
     }
 
     bool isWritable(AbsoluteIRI const& iri) override {
@@ -233,6 +233,8 @@ public:
 
     void copyFile(AbsoluteIRI const& from, AbsoluteIRI const& to) override {
         Head const head = fileHead(from);
+        // Checked first: CopyObject ignores If-None-Match (measured on radosgw 16), so a file
+        // made at `to` between this check and the copy is replaced.
         if (getKind(to) != provider::NoItem) {
             throw Exception(ErrorCode::FileExists, to);
         }
@@ -346,9 +348,17 @@ private:
         } while (!token.empty());
     }
 
-    void writeMarker(AbsoluteIRI const& iri, boost::posix_time::ptime modified, bool readOnly) {
+    // A create-only marker is sent with If-None-Match: *, so that of two folders made at once
+    // one fails with FileExists (412) rather than both succeeding. It is not repeated after a
+    // dropped connection: the lost answer may have been its own success.
+    void writeMarker(AbsoluteIRI const& iri, boost::posix_time::ptime modified, bool readOnly, bool createOnly = false) {
         ObjectRef const marker = markerOf(iri);
-        check(marker.http->send(requestFor(marker, "PUT", {}, metadataHeaders(modified, readOnly))), marker, "PUT");
+        HttpRequest request = requestFor(marker, "PUT", {}, metadataHeaders(modified, readOnly));
+        if (createOnly) {
+            request.headers.emplace_back("if-none-match", "*");
+            request.idempotent = false;
+        }
+        check(marker.http->send(request), marker, "PUT", createOnly);
     }
 
     // Metadata can only change by copying the object onto itself with new metadata, pinned to
