@@ -123,8 +123,13 @@ TEST_F(ObjectStore, LibraryReadsWhatAwsWrites) {
     EXPECT_NE(head("twenty").find("-3\\\""), std::string::npos) << "awscli sent three parts: " << head("twenty");
     EXPECT_EQ(m_ops->getSizeInBytes(at("twenty")), bytes.size());
     EXPECT_TRUE(read("twenty") == bytes);
-    ASSERT_TRUE(run("printf doubled | aws --endpoint-url '" + env("AWS_ENDPOINT_URL") + "' s3 cp - '" + uri("a//b") + "'").first);
-    EXPECT_EQ(read("a//b"), "doubled"); // an empty segment in the key
+    // Keys no library write makes: an empty segment, a file beside a folder of its name.
+    for (std::string key : {"a//b", "x", "x/y", "e/f"})
+        ASSERT_TRUE(run("printf " + key + " | aws --endpoint-url '" + env("AWS_ENDPOINT_URL") + "' s3 cp - '" + uri(key) + "'").first);
+    EXPECT_EQ(read("a//b"), "a//b");
+    std::vector<std::u16string> files;
+    m_ops->getFiles(at(""), files, true);
+    EXPECT_EQ(files, (std::vector<std::u16string>{at("e/f"), at("twenty"), at("x")}));
 }
 
 TEST_F(ObjectStore, PartWiseCopiesPagedListingsAndPinnedReads) {

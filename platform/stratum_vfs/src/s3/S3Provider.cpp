@@ -42,7 +42,7 @@ std::string base64Md5(std::string const& bytes) {
     return std::string(reinterpret_cast<char*>(text), std::size_t(written));
 }
 
-class S3Provider final : public provider::StorageProvider {
+class S3Provider final : public provider::StorageProvider, public TreeListing {
 public:
     explicit S3Provider(std::optional<S3Settings> settings) : settings_(std::move(settings)) {}
 
@@ -89,6 +89,47 @@ public:
         for (auto const& [childName, folder] : children) {
             entries.push_back(FolderEntry{childName, folder});
         }
+        return entries;
+    }
+
+    // One flat listing of every key below the folder (no delimiter), shaped into the tree a
+    // walk with listFolder would give: markers only make folders, a file hides a folder of its
+    // name, and nothing below an empty name ("a//b") is listed.
+    std::vector<TreeEntry> listTree(AbsoluteIRI const& iri) override {
+        requireFolder(iri);
+        struct Node {
+            bool file = false;
+            std::map<std::u16string, Node> children;
+        };
+        Node root;
+        std::string const prefix = prefixOf(iri);
+        forEachPage(ref(iri), prefix, false, [&](ListPage const& page) {
+            for (auto const& key : page.keys) {
+                Node* node = &root;
+                for (std::size_t start = prefix.size(); start < key.size();) {
+                    std::size_t const end = std::min(key.find('/', start), key.size());
+                    if (end == start) {
+                        break;
+                    }
+                    node = &node->children[name(key.substr(start, end - start), iri)];
+                    node->file = node->file || end == key.size();
+                    start = end + 1;
+                }
+            }
+        });
+        std::vector<TreeEntry> entries;
+        std::vector<std::u16string> path;
+        auto visit = [&](Node const& folder, auto const& self) -> void {
+            for (auto const& [childName, child] : folder.children) {
+                path.push_back(childName);
+                entries.push_back(TreeEntry{path, !child.file});
+                if (!child.file) {
+                    self(child, self);
+                }
+                path.pop_back();
+            }
+        };
+        visit(root, visit);
         return entries;
     }
 
