@@ -72,10 +72,10 @@ protected:
         if (m_ops)
             m_ops->removeAll(at(""), ec);
     }
-    std::u16string at(std::string const& relative) {
-        return toString("s3://" + env("S3_BUCKET") + "/" + m_prefix + (relative.empty() ? "" : "/" + relative), true);
+    std::string uri(std::string const& relative) {
+        return "s3://" + env("S3_BUCKET") + "/" + m_prefix + (relative.empty() ? "" : "/" + relative);
     }
-    std::string uri(std::string const& relative) { return "s3://" + env("S3_BUCKET") + "/" + m_prefix + "/" + relative; }
+    std::u16string at(std::string const& relative) { return toString(uri(relative), true); }
     void write(std::string const& relative, std::string const& bytes) {
         m_ops->createOutputStream(at(relative), OpenMode::WriteBinary | OpenMode::Truncate)->write(bytes.data(), bytes.size());
     }
