@@ -3,6 +3,8 @@
 #include <stratum/storage/vfs/Exception.hpp>
 #include <stratum/storage/vfs/File.hpp>
 
+#include "Providers.hpp"
+
 namespace stratum::storage::vfs {
 
 namespace {
@@ -51,6 +53,18 @@ bool globMatch(std::u16string const& pattern, std::u16string const& name) {
 
 void listInto(std::vector<ListEntry>& out, provider::StorageProvider& provider, AbsoluteIRI const& folder,
               std::u16string const& filter, StorageSystemReference const& storage, bool recursive) {
+    if (auto* tree = dynamic_cast<detail::TreeListing*>(&provider); tree && recursive) {
+        for (auto const& entry : tree->listTree(folder)) {
+            if (filter.empty() || globMatch(filter, entry.path.back())) {
+                AbsoluteIRI child = folder;
+                for (auto const& name : entry.path) {
+                    child = child.getChild(name);
+                }
+                out.emplace_back(std::move(child), entry.folder, storage);
+            }
+        }
+        return;
+    }
     for (auto const& entry : provider.listFolder(folder)) {
         AbsoluteIRI child = folder.getChild(entry.name);
         if (filter.empty() || globMatch(filter, entry.name)) {

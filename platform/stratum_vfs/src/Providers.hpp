@@ -6,8 +6,27 @@
 
 #include <memory>
 #include <optional>
+#include <string>
+#include <vector>
 
 namespace stratum::storage::vfs::detail {
+
+/// One item below a listed folder: its names from there, and whether it is a folder.
+struct TreeEntry {
+    std::vector<std::u16string> path;
+    bool folder = false;
+};
+
+/// A provider that lists a whole tree in fewer requests than a walk folder by folder (an
+/// object store lists every key below a prefix at once). The answer holds what a walk with
+/// `listFolder` would: each folder's entries sorted by name, a folder followed by its content.
+class TreeListing {
+public:
+    virtual std::vector<TreeEntry> listTree(AbsoluteIRI const& iri) = 0;
+
+protected:
+    ~TreeListing() = default;
+};
 
 /// A new, empty in-memory tree (just the root folder) behind the provider interface.
 std::shared_ptr<provider::StorageProvider> makeMemoryProvider();

@@ -93,6 +93,9 @@ std::string HttpResponse::header(std::string const& lowerName) const {
 }
 
 HttpClient::HttpClient(S3Settings settings) : settings_(std::move(settings)) {
+    // Initialised once, at the first client, and never cleaned up: a client in a static storage
+    // system may be destroyed after any cleanup at exit could run; what libcurl keeps stays
+    // reachable (no leak).
     static std::once_flag curlReady;
     std::call_once(curlReady, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
     if (settings_.region.empty()) {

@@ -42,7 +42,7 @@ std::string base64Md5(std::string const& bytes) {
     return std::string(reinterpret_cast<char*>(text), std::size_t(written));
 }
 
-class S3Provider final : public provider::StorageProvider {
+class S3Provider final : public provider::StorageProvider, public TreeListing {
 public:
     explicit S3Provider(std::optional<S3Settings> settings) : settings_(std::move(settings)) {}
 
@@ -92,6 +92,47 @@ public:
         return entries;
     }
 
+    // One flat listing of every key below the folder (no delimiter), shaped into the tree a
+    // walk with listFolder would give: markers only make folders, a file hides a folder of its
+    // name, and nothing below an empty name ("a//b") is listed.
+    std::vector<TreeEntry> listTree(AbsoluteIRI const& iri) override {
+        requireFolder(iri);
+        struct Node {
+            bool file = false;
+            std::map<std::u16string, Node> children;
+        };
+        Node root;
+        std::string const prefix = prefixOf(iri);
+        forEachPage(ref(iri), prefix, false, [&](ListPage const& page) {
+            for (auto const& key : page.keys) {
+                Node* node = &root;
+                for (std::size_t start = prefix.size(); start < key.size();) {
+                    std::size_t const end = std::min(key.find('/', start), key.size());
+                    if (end == start) {
+                        break;
+                    }
+                    node = &node->children[name(key.substr(start, end - start), iri)];
+                    node->file = node->file || end == key.size();
+                    start = end + 1;
+                }
+            }
+        });
+        std::vector<TreeEntry> entries;
+        std::vector<std::u16string> path;
+        auto visit = [&](Node const& folder, auto const& self) -> void {
+            for (auto const& [childName, child] : folder.children) {
+                path.push_back(childName);
+                entries.push_back(TreeEntry{path, !child.file});
+                if (!child.file) {
+                    self(child, self);
+                }
+                path.pop_back();
+            }
+        };
+        visit(root, visit);
+        return entries;
+    }
+
     void createFolder(AbsoluteIRI const& iri) override {
         if (getKind(iri) != provider::NoItem) {
             throw Exception(ErrorCode::FileExists, iri);
@@ -99,7 +140,7 @@ public:
         if (!iri.hasParent() || getKind(iri.getParent()) != provider::FolderItem) {
             throw Exception(ErrorCode::NotFound, iri.getParent(), "the parent folder is missing");
         }
-        writeMarker(iri, {}, false);
+        writeMarker(iri, {}, false, true);
     }
 
     bool isWritable(AbsoluteIRI const& iri) override {
@@ -233,6 +274,8 @@ public:
 
     void copyFile(AbsoluteIRI const& from, AbsoluteIRI const& to) override {
         Head const head = fileHead(from);
+        // Checked first: CopyObject ignores If-None-Match (measured on radosgw 16), so a file
+        // made at `to` between this check and the copy is replaced.
         if (getKind(to) != provider::NoItem) {
             throw Exception(ErrorCode::FileExists, to);
         }
@@ -346,9 +389,17 @@ private:
         } while (!token.empty());
     }
 
-    void writeMarker(AbsoluteIRI const& iri, boost::posix_time::ptime modified, bool readOnly) {
+    // A create-only marker is sent with If-None-Match: *, so that of two folders made at once
+    // one fails with FileExists (412) rather than both succeeding. It is not repeated after a
+    // dropped connection: the lost answer may have been its own success.
+    void writeMarker(AbsoluteIRI const& iri, boost::posix_time::ptime modified, bool readOnly, bool createOnly = false) {
         ObjectRef const marker = markerOf(iri);
-        check(marker.http->send(requestFor(marker, "PUT", {}, metadataHeaders(modified, readOnly))), marker, "PUT");
+        HttpRequest request = requestFor(marker, "PUT", {}, metadataHeaders(modified, readOnly));
+        if (createOnly) {
+            request.headers.emplace_back("if-none-match", "*");
+            request.idempotent = false;
+        }
+        check(marker.http->send(request), marker, "PUT", createOnly);
     }
 
     // Metadata can only change by copying the object onto itself with new metadata, pinned to

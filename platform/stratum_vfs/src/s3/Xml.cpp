@@ -29,7 +29,8 @@ bool parseError(std::string const& body, std::string& code, std::string& message
     if (body.find("<Error") == std::string::npos) {
         return false;
     }
-    pugi::xml_node error = parse(body).child("Error");
+    pugi::xml_document const document = parse(body); // nodes live only as long as their document
+    pugi::xml_node error = document.child("Error");
     if (!error) {
         return false;
     }
