@@ -128,13 +128,6 @@ protected:
         touch(*node_);
         return size;
     }
-    int_type overflow(int_type c) override {
-        if (!traits_type::eq_int_type(c, traits_type::eof())) {
-            char const byte = traits_type::to_char_type(c);
-            xsputn(&byte, 1);
-        }
-        return traits_type::not_eof(c);
-    }
     // Within the content only. Appending writes always go to the end: only telling is allowed.
     pos_type seekoff(off_type offset, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
         if (!(which & std::ios_base::out) || (append_ && !(offset == 0 && dir == std::ios_base::cur))) {

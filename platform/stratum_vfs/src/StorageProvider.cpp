@@ -13,6 +13,14 @@ FileAttributes::FileAttributes(std::uint64_t size, boost::posix_time::ptime last
 
 StorageProvider::~StorageProvider() = default;
 
+OutputBuffer::int_type OutputBuffer::overflow(int_type c) {
+    if (!traits_type::eq_int_type(c, traits_type::eof())) {
+        char const byte = traits_type::to_char_type(c);
+        xsputn(&byte, 1);
+    }
+    return traits_type::not_eof(c);
+}
+
 void StorageProvider::removeTree(vfs::AbsoluteIRI const& iri) {
     for (auto const& entry : listFolder(iri)) {
         vfs::AbsoluteIRI child = iri.getChild(entry.name);

@@ -133,13 +133,6 @@ protected:
         return size;
     }
 
-    int_type overflow(int_type c) override {
-        if (!traits_type::eq_int_type(c, traits_type::eof())) {
-            char const byte = traits_type::to_char_type(c);
-            xsputn(&byte, 1);
-        }
-        return traits_type::not_eof(c);
-    }
 
     pos_type seekoff(off_type offset, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
         if (offset != 0 || dir != std::ios_base::cur || !(which & std::ios_base::out)) {

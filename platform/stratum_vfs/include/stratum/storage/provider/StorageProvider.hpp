@@ -29,6 +29,10 @@ public:
     /// leave no object at all when this fails. Called at most once, by the stream's `close()`;
     /// the destructor releases without reporting.
     virtual void close() = 0;
+
+protected:
+    /// One byte through `xsputn`, so a scheme writes bytes in one place only.
+    int_type overflow(int_type c) override;
 };
 
 /// One child of a folder, as a provider lists it.
