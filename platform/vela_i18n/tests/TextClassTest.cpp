@@ -34,7 +34,8 @@ TEST(CodePage, ConvertsGrowsAndNamesTheFault) {
     EXPECT_EQ(i18n::to_ustring(std::wstring(L"\U00010000\uFFFF")), u"\U00010000\uFFFF");
     // Four bytes for each unit: more than the first guess of the output's size.
     EXPECT_EQ(i18n::to_string(std::u16string(100, u'a'), i18n::codecvt_ustring_to_string("UTF-32BE")).size(), 400u);
-    // A byte the code page lacks, a character it cannot hold, a lone surrogate.
+    // A byte the code page lacks, a character it cannot hold, a lone surrogate; U+0080 is not ASCII.
+    EXPECT_THROW(i18n::to_string(u"a\u0080", i18n::codecvt_ustring_to_ascii()), i18n::CvtInvalidInput);
     EXPECT_THROW(i18n::to_ustring("ab\x80", i18n::codecvt_string_to_ustring("US-ASCII")), i18n::CvtInvalidInput);
     EXPECT_THROW(i18n::to_string(u"caf\u00E9", i18n::codecvt_ustring_to_string("US-ASCII")), i18n::CvtInvalidInput);
     EXPECT_THROW(i18n::to_string(std::u16string(u"a") + char16_t(0xD800) + u"b",
