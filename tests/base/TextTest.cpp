@@ -124,6 +124,7 @@ TEST(LowerCase, AsciiFoldingAndFullLowerCasing) {
             EXPECT_EQ(opc::toLowerASCIIString(text), std::u16string(1024, u'a'));
         }
     }
+    EXPECT_EQ(thrownMessage([] { opc::toLowerASCIIString(u"A\u0080"); }), "Invalid character error."); // the first non-ASCII unit
     for (std::size_t length : {0, 1, 1023, 1024, 1025, 3000})
         for (std::u16string const& text : {randomText(rng, length), std::u16string(length, u'\u0130')}) {
             icu::UnicodeString expected(text.data(), static_cast<int32_t>(text.size()));

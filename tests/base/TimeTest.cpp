@@ -104,8 +104,13 @@ TEST(TimeText, SpecialValuesAndRejectedTexts) {
              u"2023-02-29T00:00:00Z", // not a leap year
          })
         EXPECT_TRUE(opc::convertStringToTime(text).is_not_a_date_time()) << opc::toUDEString(text);
-    for (std::u16string const date : {u"2024-03-09", u"2024-03-09Z"}) // a bare date is midnight
+    // A bare date is midnight; a pair or a lone lead surrogate is one separator character, and
+    // "x" followed by a lone trail two.
+    std::u16string const lead(1, char16_t(0xD800)), trail(1, char16_t(0xDC00));
+    for (std::u16string const& date : {std::u16string(u"2024-03-09"), std::u16string(u"2024-03-09Z"),
+                                       std::u16string(u"2024-03\U0001F60009"), u"2024-03" + lead + u"09"})
         EXPECT_EQ(opc::convertStringToTime(date), at(2024, 3, 9, 0, 0));
+    EXPECT_TRUE(opc::convertStringToTime(u"2024-03x" + trail + u"09").is_not_a_date_time());
     pt::ptime const before = pt::second_clock::universal_time(), now = opc::getCurrentTime();
     EXPECT_LE(before, now);
     EXPECT_LE(now, pt::second_clock::universal_time());

@@ -136,6 +136,13 @@ TEST_F(RealCommit, FaultInjectingOpsFailsAsABackEndDoes) {
     EXPECT_TRUE(faulty.fired());
     EXPECT_EQ(faulty.callCount(), 4u);
     EXPECT_EQ(faulty.callCount("exists"), 1u);
+    // failCall and reset start every count afresh: a stale one would move the fault.
+    faulty.failCall(2, io);
+    EXPECT_EQ(faulty.callCount("exists"), 0u);
+    EXPECT_TRUE(faulty.exists(u16(dir)));
+    EXPECT_EQ(message([&] { faulty.exists(u16(dir)); }).substr(0, 14), "exists failed:");
+    faulty.reset();
+    EXPECT_EQ(faulty.callCount() + faulty.callCount("exists"), 0u);
 }
 
 // The k-th call of the target back end fails, for every k until a run makes no k-th call. The

@@ -63,8 +63,11 @@ TEST_F(TempTest, GuardsRemoveTheirItemUnlessReleased) {
         fs::create_directory_symlink(dir + "/outside", folder + "/a/to-dir");
         fs::create_symlink(dir + "/outside/precious", folder + "/to-file");
         fs::create_symlink(dir + "/nothing", folder + "/dangling");
+        auto const open = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+        auto const before = open();
         std::string const second = narrow(fileGuard.generateTempFile(u16(dir), u"", u""));
         EXPECT_TRUE(second != file && fs::is_regular_file(second));
+        EXPECT_EQ(open(), before); // the new file is closed again
     }
     EXPECT_FALSE(fs::exists(fs::symlink_status(file)) || fs::exists(fs::symlink_status(folder)));
     EXPECT_EQ(readFile(dir + "/outside/precious"), "keep");

@@ -1,5 +1,6 @@
 // Host copy, rename, removal and temporary files: what a failed call or a planted link must not
 // cost, on real files and under strace. Missing rights are the library's conformance suite's.
+#include <vela/filesystem/directory_iterator.hpp>
 #include <vela/filesystem/exceptions.hpp>
 #include <vela/filesystem/operations.hpp>
 #include <vela/filesystem/temp.hpp>
@@ -80,6 +81,14 @@ struct TracedChild {
         try {
             if (op == "copy")
                 hostfs::copy_file(utf16(from), utf16(to), hostfs::copy_option::overwrite_if_exists);
+            else if (op == "chmod")
+                hostfs::permissions(utf16(from), 0600);
+            else if (op == "remove")
+                hostfs::remove_all(utf16(from));
+            else if (op == "copydir")
+                hostfs::copy_directory(utf16(from), utf16(to));
+            else if (op == "rename" || op == "move" || op == "movekeep")
+                hostfs::rename(utf16(from), utf16(to), {op == "movekeep", op != "rename"});
             else if (std::FILE* file = hostfs::tmpfile(name, utf16(from), u"t", u""))
                 std::fclose(file);
             else
@@ -97,7 +106,8 @@ int traced(std::string const& op, std::string const& from, std::string const& to
            std::string const& trace = "/dev/null") {
     return exit_code(
         std::system((std::string(traced_variable) + "='" + op + " " + from + " " + to + "' strace -f -y -qq -z -o '" +
-                     trace + "' -e trace=openat,fdatasync,fsync,rename,renameat,renameat2,unlink,unlinkat,getrandom" +
+                     trace + "' -e trace=openat,fdatasync,fsync,rename,renameat,renameat2,unlink,unlinkat,getrandom," +
+                     inject.substr(0, inject.find(':')) + // strace injects into traced calls only
                      (inject.empty() ? "" : " -e inject=" + inject) + " /proc/" + std::to_string(::getpid()) +
                      "/exe >/dev/null 2>&1")
                         .c_str()));
@@ -144,6 +154,15 @@ TEST(Rename, FailuresNameTheirSide) {
     EXPECT_EQ(thrown_path<hostfs::DirectoryNotEmpty>([&] { hostfs::rename(s.u("e"), s.u("d")); }), s.u("d"));
     EXPECT_EQ(thrown_path<hostfs::FileIsDirectory>([&] { hostfs::rename(s.u("kept"), s.u("d")); }), s.u("d"));
     EXPECT_EQ(read_all(s.at("d/c")) + read_all(s.at("kept")), "Cold");
+    EXPECT_EQ(thrown_path<hostfs::FileExistsError>([&] { hostfs::create_directories(s.u("kept")); }), s.u("kept"));
+    ASSERT_EQ(::symlink("kept", s.at("l").c_str()), 0);
+    hostfs::rename(s.u("l"), s.u("e/l")); // a link moves as it is, never opened
+    EXPECT_TRUE(S_ISLNK(mode_of(s.at("e/l"))));
+    // A listed name that is not UTF-8 (a lone continuation byte) is reported, not widened.
+    ASSERT_EQ(::unlink(s.at("d/c").c_str()), 0);
+    ASSERT_EQ(::mkdir(s.at("d/c").c_str(), 0755), 0);
+    std::ofstream(s.at("d/c/\x80"));
+    EXPECT_THROW(hostfs::directory_iterator(s.u("d/c"))->full_pathname(), hostfs::FileNameConversionFailure);
 }
 
 // A file whose bits cannot be read (behind a link into a closed folder) cannot have the moved
@@ -232,6 +251,44 @@ TEST(Traced, TakenNamesAreSkipped) {
     EXPECT_EQ(traced("copy", s.at("a"), s.at("b"), "openat:error=EEXIST:when=3..4"), 0);
     EXPECT_EQ(read_all(s.at("b")), "new");
     EXPECT_EQ(s.entries(), 3u);
+}
+
+// A step that fails is reported (exit 3) and leaves both files as they were; a copy refused by
+// the kernel is made by hand, and a move across file systems copies only when allowed to.
+TEST(Traced, FailedStepsAreReported) {
+    if (!strace_works())
+        GTEST_SKIP() << "strace is missing or tracing is not permitted here";
+    Scratch s;
+    std::string const a = s.at("a"), b = s.at("b"), c = s.at("c");
+    struct Row {
+        char const *op, *to;
+        std::string inject; // strace's -e inject=, with -P for the calls on one path only
+        int status;
+        char const* left; // the content of a, b and c after it
+    } const rows[] = {
+        {"chmod", "-", "newfstatat:error=EIO -P " + a, 3, "AB"}, // the look before the change
+        {"remove", "-", "unlink:error=EIO", 3, "AB"},
+        {"rename", "b", "fdatasync:error=EIO", 3, "AB"},          // the data before the name
+        {"rename", "b", "renameat2:error=EIO", 3, "AB"},          // the exchange over b
+        {"rename", "c", "rename:error=EIO", 3, "AB"},             // the plain rename to a new name
+        {"rename", "b", "renameat2:error=EXDEV:when=1", 3, "AB"}, // across file systems: not allowed
+        {"move", "b", "renameat2:error=EXDEV:when=1", 0, "A"},    // allowed: copied, source removed
+        {"movekeep", "b", "renameat2:error=EXDEV:when=1", 3, "AB"}, // allowed, but b is taken
+        {"copy", "c", "close:error=EIO -P " + c, 3, "AB"},       // of the new file only
+        {"copy", "c", "copy_file_range:error=EIO", 3, "AB"},
+        {"copy", "c", "copy_file_range:error=ENOSYS", 0, "ABA"},
+    };
+    for (Row const& r : rows) {
+        SCOPED_TRACE(std::string(r.op) + " to " + r.to + " failing " + r.inject);
+        std::ofstream(a) << "A";
+        std::ofstream(b) << "B";
+        ::unlink(c.c_str());
+        EXPECT_EQ(traced(r.op, a, s.at(r.to), r.inject), r.status);
+        EXPECT_EQ(read_all(a) + read_all(b) + read_all(c), r.left);
+    }
+    // The copy of a folder syncs the folder that received the names.
+    ASSERT_EQ(::mkdir(s.at("d").c_str(), 0755), 0);
+    EXPECT_EQ(traced("copydir", s.at("d"), s.at("e"), "fsync:error=EIO"), 3);
 }
 
 // Names the library's temporary-name tests do not look into: their exact shape, and the mode

@@ -10,6 +10,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <unistd.h>
 #include <random>
 #include <stdexcept>
 #include <utility>
@@ -45,11 +46,17 @@ TEST(Zone, TZFormsAgreeWithTheCLibrary) {
                                     {":Asia/Tokyo", "Asia/Tokyo"},
                                     {"/usr/share/zoneinfo/Australia/Sydney", "Australia/Sydney"},
                                     {"", "GMT"},
-                                    {":", "GMT"}}) {
-        ::setenv("TZ", value, 1); // the process ends with this test: nothing else reads TZ
+                                    {":", "GMT"},
+                                    {nullptr, nullptr}}) { // unset: the host's zone, not the fallback
+        value ? ::setenv("TZ", value, 1) : ::unsetenv("TZ"); // the process ends with this test
         ::tzset();
+        char const* const name = value ? value : "(unset)";
         tz::timezone const local("");
-        EXPECT_EQ(local.id(), id) << value;
+        if (id) {
+            EXPECT_EQ(local.id(), id) << value;
+        } else if (::access("/etc/localtime", R_OK) == 0) {
+            EXPECT_NE(local.id(), "GMT");
+        }
         for (std::time_t const t : instants) {
             std::tm parts{};
             localtime_r(&t, &parts);
@@ -57,9 +64,9 @@ TEST(Zone, TZFormsAgreeWithTheCLibrary) {
             pt::ptime const wall = tz::from_utc(utc, local);
             ASSERT_EQ(wall, at(parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
                                parts.tm_sec))
-                << value << ' ' << utc;
+                << name << ' ' << utc;
             pt::ptime const back = tz::to_utc(wall, local);
-            ASSERT_TRUE(back == utc || (back < utc && tz::from_utc(back, local) == wall)) << value << ' ' << utc;
+            ASSERT_TRUE(back == utc || (back < utc && tz::from_utc(back, local) == wall)) << name << ' ' << utc;
         }
     }
 }
