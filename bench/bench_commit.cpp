@@ -28,9 +28,7 @@ constexpr std::size_t packageSize = std::size_t(1) << 20;
 
 std::u16string utf16(std::string const& text) { return fs::path(text).u16string(); }
 
-[[noreturn]] void fail(char const* what) {
-    throw std::runtime_error(std::string(what) + " failed: " + std::to_string(errno));
-}
+[[noreturn]] void fail(char const* what) { throw std::runtime_error(std::string(what) + " failed: " + std::to_string(errno)); }
 
 // A scratch folder holding the target and the new package; removed afterwards.
 struct Scratch {

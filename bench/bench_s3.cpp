@@ -34,9 +34,7 @@ std::string const bucket = env("S3_BUCKET");
 std::string const prefix = "bench-s3";
 fs::path const scratch = fs::temp_directory_path() / "opc-bench-s3";
 
-std::u16string object(std::string const& name) {
-    return opc::toString("s3://" + bucket + "/" + prefix + "/" + name, true);
-}
+std::u16string object(std::string const& name) { return opc::toString("s3://" + bucket + "/" + prefix + "/" + name, true); }
 std::string awsUri(std::string const& name) { return "s3://" + bucket + "/" + prefix + "/" + name; }
 std::string aws() { return "aws --endpoint-url '" + env("AWS_ENDPOINT_URL") + "' "; }
 

@@ -23,11 +23,9 @@ std::u16string makeText(std::size_t units, int kind) {
     static std::u16string const ascii = u"The quick brown fox jumps over the lazy dog. 0123456789 ";
     std::u16string const& pattern = kind == Mixed ? mixed : ascii;
     std::u16string out;
-    while (out.size() < units)
-        out += pattern;
+    while (out.size() < units) out += pattern;
     out.resize(units);
-    if (out.size() && out.back() >= 0xD800 && out.back() < 0xDC00)
-        out.back() = u'.';
+    if (out.size() && out.back() >= 0xD800 && out.back() < 0xDC00) out.back() = u'.';
     return out;
 }
 
@@ -52,8 +50,7 @@ void ToUTF8_Icu(benchmark::State& state) {
         u_strToUTF8(buffer.data(), static_cast<int32_t>(buffer.size()), &written, text.data(),
                     static_cast<int32_t>(text.size()), &status);
         benchmark::DoNotOptimize(buffer.data());
-        if (U_FAILURE(status))
-            state.SkipWithError("conversion failed");
+        if (U_FAILURE(status)) state.SkipWithError("conversion failed");
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size() * 2));
     state.SetLabel(label(static_cast<int>(state.range(1))));
@@ -80,8 +77,7 @@ void FromUTF8_Icu(benchmark::State& state) {
         u_strFromUTF8(buffer.data(), static_cast<int32_t>(buffer.size()), &written, bytes.data(),
                       static_cast<int32_t>(bytes.size()), &status);
         benchmark::DoNotOptimize(buffer.data());
-        if (U_FAILURE(status))
-            state.SkipWithError("conversion failed");
+        if (U_FAILURE(status)) state.SkipWithError("conversion failed");
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
     state.SetLabel(label(static_cast<int>(state.range(1))));
@@ -89,8 +85,7 @@ void FromUTF8_Icu(benchmark::State& state) {
 
 void sizes(benchmark::internal::Benchmark* b) {
     for (long units : {static_cast<long>(kSmall), static_cast<long>(kLarge)}) {
-        for (int kind : {Ascii, Mixed})
-            b->Args({units, kind});
+        for (int kind : {Ascii, Mixed}) b->Args({units, kind});
     }
 }
 

@@ -13,8 +13,9 @@ int main() {
 
     opc::CommitOptions options;
     options.removeBackup(false); // keep the replaced package as report.docx.bak
-    options.backupCreatedFcn(
-        [](std::u16string const& backup) { std::cout << "backup kept: " << opc::toUDEString(backup) << '\n'; });
+    options.backupCreatedFcn([](std::u16string const& backup) {
+        std::cout << "backup kept: " << opc::toUDEString(backup) << '\n';
+    });
 
     for (char const* content : {"first version", "second version"}) {
         // The new package is written to a temporary file beside the target; the guard removes

@@ -43,8 +43,7 @@ int main() {
     s3.replaceFileWithBackup(target, local, draft.getFileName(), options);
 
     auto in = s3.createInputStream(target, opc::OpenMode::ReadBinary);
-    std::cout << opc::detail::toUTF8String(target, false) << ": "
-              << std::string(std::istreambuf_iterator<char>(*in), {}) << '\n';
+    std::cout << opc::detail::toUTF8String(target, false) << ": " << std::string(std::istreambuf_iterator<char>(*in), {}) << '\n';
     std::vector<std::u16string> files;
     s3.getFiles(folder, files, false);
     for (std::u16string const& name : files)

@@ -45,10 +45,10 @@ public:
             put32(0x02014b50);
             put16(20); // made by
             header(e);
-            put16(0); // comment length
-            put16(0); // disk number
-            put16(0); // internal attributes
-            put32(0); // external attributes
+            put16(0);  // comment length
+            put16(0);  // disk number
+            put16(0);  // internal attributes
+            put32(0);  // external attributes
             put32(e.offset);
             m_out += e.name;
         }
@@ -70,10 +70,10 @@ private:
         std::uint32_t crc, size, offset;
     };
     void header(Entry const& e) {
-        put16(20);   // version needed
-        put16(0);    // flags
-        put16(0);    // stored
-        put16(0);    // time
+        put16(20); // version needed
+        put16(0);  // flags
+        put16(0);  // stored
+        put16(0);  // time
         put16(0x21); // date: 1980-01-01
         put32(e.crc);
         put32(e.size);
@@ -104,8 +104,8 @@ std::string makePackage(int version) {
             "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
             "<Relationships xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\">"
             "<Relationship Id=\"r1\" Type=\"urn:example:report\" Target=\"/report/summary.xml\"/></Relationships>\n");
-    std::string summary =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<summary version=\"" + std::to_string(version) + "\">";
+    std::string summary = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<summary version=\"" +
+                          std::to_string(version) + "\">";
     for (int i = 0; i < version * 20; ++i)
         summary += "<row n=\"" + std::to_string(i) + "\"/>";
     zip.add("report/summary.xml", summary + "</summary>\n");
@@ -129,10 +129,10 @@ void show(opc::FileSystemOps& ops, std::u16string const& folder, char const* hea
     std::sort(files.begin(), files.end());
     for (auto const& f : files) {
         auto const perms = ops.getPermissions(f);
-        std::cout << "   " << std::left << std::setw(28) << narrow(ops.getFilename(f)) << std::right << std::setw(7)
-                  << ops.getSizeInBytes(f) << " bytes  mode " << std::oct << std::setw(4) << std::setfill('0')
-                  << (perms & opc::Perms::AllPerms) << std::dec << std::setfill(' ') << "  modified "
-                  << narrow(opc::convertTimeToString(ops.getLastModifiedTime(f))) << '\n';
+        std::cout << "   " << std::left << std::setw(28) << narrow(ops.getFilename(f)) << std::right
+                  << std::setw(7) << ops.getSizeInBytes(f) << " bytes  mode " << std::oct << std::setw(4)
+                  << std::setfill('0') << (perms & opc::Perms::AllPerms) << std::dec << std::setfill(' ')
+                  << "  modified " << narrow(opc::convertTimeToString(ops.getLastModifiedTime(f))) << '\n';
     }
     if (files.empty())
         std::cout << "   (empty)\n";

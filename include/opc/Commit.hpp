@@ -34,7 +34,8 @@ namespace opc {
 /// `opc::Exception` (from a back end, a stream or the callback) pass through unchanged.
 ///
 /// Holds no state and takes no locks; other writers of the same paths are not excluded.
-OPC_API void replaceFileWithBackup(FileSystemOps& targetOps, const std::u16string& targetPath, FileSystemOps& sourceOps,
-                                   const std::u16string& sourcePath, const CommitOptions& options);
+OPC_API void replaceFileWithBackup(FileSystemOps& targetOps, const std::u16string& targetPath,
+                                   FileSystemOps& sourceOps, const std::u16string& sourcePath,
+                                   const CommitOptions& options);
 
 } // namespace opc

@@ -84,7 +84,7 @@ struct OpsFrame;
 class OPC_API FileSystemOps {
 public:
     using error_code = boost::system::error_code; ///< The code of the error-code forms.
-    using ptime = boost::posix_time::ptime;       ///< Modification times, in UTC.
+    using ptime = boost::posix_time::ptime;        ///< Modification times, in UTC.
 
     virtual ~FileSystemOps();
 
@@ -163,7 +163,8 @@ public:
     /// Opens the file for reading with the `OpenMode` bits; the file closes with the last holder.
     std::shared_ptr<std::istream> createInputStream(const std::u16string& path, unsigned mode);
     /// Error-code form; a failure gives an empty pointer.
-    std::shared_ptr<std::istream> createInputStream(const std::u16string& path, unsigned mode, error_code& ec) noexcept;
+    std::shared_ptr<std::istream> createInputStream(const std::u16string& path, unsigned mode,
+                                                    error_code& ec) noexcept;
     /// Opens the file for writing with the `OpenMode` bits; the file closes with the last holder.
     ///
     /// Writes go through: both back ends hand every write to the storage at once and keep no
@@ -225,7 +226,8 @@ public:
                                const std::u16string& sourcePath, const CommitOptions& options);
     /// Error-code form.
     void replaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,
-                               const std::u16string& sourcePath, const CommitOptions& options, error_code& ec) noexcept;
+                               const std::u16string& sourcePath, const CommitOptions& options,
+                               error_code& ec) noexcept;
 
 protected:
     /// @name Back-end operations
@@ -244,8 +246,8 @@ protected:
     /// Does `getExtension`.
     virtual std::u16string doGetExtension(const std::u16string& path, std::string& detail, error_code& ec) = 0;
     /// Does `appendPath`.
-    virtual std::u16string doAppendPath(const std::u16string& path, const std::u16string& child, std::string& detail,
-                                        error_code& ec) = 0;
+    virtual std::u16string doAppendPath(const std::u16string& path, const std::u16string& child,
+                                        std::string& detail, error_code& ec) = 0;
     /// Does `normalizePath`.
     virtual std::u16string doNormalizePath(const std::u16string& path, std::string& detail, error_code& ec) = 0;
     /// Does `getLocalPath`.
@@ -268,7 +270,8 @@ protected:
     /// Does `getLastModifiedTime`.
     virtual ptime doGetLastModifiedTime(const std::u16string& path, std::string& detail, error_code& ec) = 0;
     /// Does `setLastModifiedTime`.
-    virtual void doSetLastModifiedTime(const std::u16string& path, ptime time, std::string& detail, error_code& ec) = 0;
+    virtual void doSetLastModifiedTime(const std::u16string& path, ptime time, std::string& detail,
+                                       error_code& ec) = 0;
     /// Does `getSizeInBytes`.
     virtual std::uint64_t doGetSizeInBytes(const std::u16string& path, std::string& detail, error_code& ec) = 0;
     /// Does `getLinkTarget`.

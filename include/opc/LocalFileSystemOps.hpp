@@ -63,7 +63,8 @@ protected:
     /// The last-write time (UTC) of the path itself; not-a-date-time with ENOENT when missing.
     ptime doGetLastModifiedTime(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// Sets the last-write time of the path itself; not-a-date-time does nothing.
-    void doSetLastModifiedTime(const std::u16string& path, ptime time, std::string& detail, error_code& ec) override;
+    void doSetLastModifiedTime(const std::u16string& path, ptime time, std::string& detail,
+                               error_code& ec) override;
     /// The size of a regular file. Anything else (a folder, a link) is EISDIR, a missing path
     /// ENOENT; both give 0.
     std::uint64_t doGetSizeInBytes(const std::u16string& path, std::string& detail, error_code& ec) override;
@@ -80,8 +81,8 @@ protected:
     /// Opens a file stream for reading (the input bit is always added; other `OpenMode` bits are
     /// kept). A failed open reports the system's errno and its `strerror` text, not a host
     /// exception, and returns an empty pointer.
-    std::shared_ptr<std::istream> doCreateInputStream(const std::u16string& path, unsigned mode, std::string& detail,
-                                                      error_code& ec) override;
+    std::shared_ptr<std::istream> doCreateInputStream(const std::u16string& path, unsigned mode,
+                                                      std::string& detail, error_code& ec) override;
     /// Opens a file stream for writing (the output bit is always added). Whether a missing file
     /// is created or an existing one truncated follows from the mode alone. Reports as above.
     /// The stream (a `vela::filesystem::basic_ofstream<char>`) keeps no bytes of its own: each
@@ -89,8 +90,8 @@ protected:
     /// large, I/O error, quota) throws `opc::Exception` "write failed: " + the host's text and
     /// path from that write, with the host's code; the stream is then bad. Data reaches the
     /// disk when the file is renamed into place (`rename` syncs it first).
-    std::shared_ptr<std::ostream> doCreateOutputStream(const std::u16string& path, unsigned mode, std::string& detail,
-                                                       error_code& ec) override;
+    std::shared_ptr<std::ostream> doCreateOutputStream(const std::u16string& path, unsigned mode,
+                                                       std::string& detail, error_code& ec) override;
     /// Creates one folder; an existing path is EEXIST, a missing parent ENOENT.
     void doCreateFolder(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// Creates a folder and its missing parents; an existing folder is fine.
@@ -110,14 +111,15 @@ protected:
     ///   what was copied (and, after `Overwrite`, the old destination gone);
     /// - link: copied as a link whatever the mode;
     /// - anything else (socket, device, pipe): nothing happens, no error.
-    void doCopy(const std::u16string& source, const std::u16string& destination, ExistsMode mode, std::string& detail,
-                error_code& ec) override;
+    void doCopy(const std::u16string& source, const std::u16string& destination, ExistsMode mode,
+                std::string& detail, error_code& ec) override;
     /// One rename: atomic and durable (the moved file's data synced first, the folders involved
     /// after); replaces an existing destination file, whose permission bits the moved file never
     /// exceeds; a file onto a folder is EISDIR. A failure of any step leaves the destination as
     /// it was (see `vela::filesystem::rename`). Never falls back to copy-and-delete (across file
     /// systems it fails with the host's error). An empty path on either side is EINVAL.
-    void doRename(const std::u16string& from, const std::u16string& to, std::string& detail, error_code& ec) override;
+    void doRename(const std::u16string& from, const std::u16string& to, std::string& detail,
+                  error_code& ec) override;
     /// Removes a file, a link (not its target) or an empty folder.
     void doRemove(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// Removes a folder with everything in it, never following a link out of the tree; a missing
@@ -126,8 +128,8 @@ protected:
     /// `opc::replaceFileWithBackup` with this object as the target back end. Its `opc::Exception`
     /// comes back as detail and code unchanged (a cleared code included).
     void doReplaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,
-                                 const std::u16string& sourcePath, const CommitOptions& options, std::string& detail,
-                                 error_code& ec) override;
+                                 const std::u16string& sourcePath, const CommitOptions& options,
+                                 std::string& detail, error_code& ec) override;
 };
 
 } // namespace opc

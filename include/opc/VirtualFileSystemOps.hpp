@@ -70,7 +70,8 @@ protected:
     void doSetPermissions(const std::u16string& path, Perms::Perms_tag perms, std::string& detail,
                           error_code& ec) override;
     ptime doGetLastModifiedTime(const std::u16string& path, std::string& detail, error_code& ec) override;
-    void doSetLastModifiedTime(const std::u16string& path, ptime time, std::string& detail, error_code& ec) override;
+    void doSetLastModifiedTime(const std::u16string& path, ptime time, std::string& detail,
+                               error_code& ec) override;
     std::uint64_t doGetSizeInBytes(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// Always fails: "Symlinks are not supported", `operation_not_supported`.
     std::u16string doGetLinkTarget(const std::u16string& path, std::string& detail, error_code& ec) override;
@@ -81,8 +82,8 @@ protected:
 
     /// A storage stream opened with `mode` exactly as given (no bits added). A stream that
     /// opens in a failed state gives `io_error` and no detail text.
-    std::shared_ptr<std::istream> doCreateInputStream(const std::u16string& path, unsigned mode, std::string& detail,
-                                                      error_code& ec) override;
+    std::shared_ptr<std::istream> doCreateInputStream(const std::u16string& path, unsigned mode,
+                                                      std::string& detail, error_code& ec) override;
     /// Opens as `doCreateInputStream` does.
     /// The output stream writes through: each write operation hands its bytes to the storage
     /// before it returns, and a write the storage refuses (full, file too large, I/O error, a
@@ -90,8 +91,8 @@ protected:
     /// "write failed: " and the translated detail, with the translated code, from that
     /// operation (its bad bit is set). Closing the stream (the last holder letting go) cannot
     /// lose bytes: none are held back.
-    std::shared_ptr<std::ostream> doCreateOutputStream(const std::u16string& path, unsigned mode, std::string& detail,
-                                                       error_code& ec) override;
+    std::shared_ptr<std::ostream> doCreateOutputStream(const std::u16string& path, unsigned mode,
+                                                       std::string& detail, error_code& ec) override;
     void doCreateFolder(const std::u16string& path, std::string& detail, error_code& ec) override;
     void doCreateFolders(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// Always fails with `operation_not_supported`.
@@ -101,12 +102,13 @@ protected:
     /// leave the decision to the storage (which refuses with `file_exists`). A file is replaced
     /// by a new one renamed over it (as `rename` does), never written into; a file never
     /// replaces a folder (`file_exists`, nothing removed).
-    void doCopy(const std::u16string& source, const std::u16string& destination, ExistsMode mode, std::string& detail,
-                error_code& ec) override;
+    void doCopy(const std::u16string& source, const std::u16string& destination, ExistsMode mode,
+                std::string& detail, error_code& ec) override;
     /// Always replaces an existing file, durably (data synced before the name, the folders
     /// after it) and without widening its permissions (`file:`); a file never replaces a
     /// folder (`file_exists`, nothing removed).
-    void doRename(const std::u16string& from, const std::u16string& to, std::string& detail, error_code& ec) override;
+    void doRename(const std::u16string& from, const std::u16string& to, std::string& detail,
+                  error_code& ec) override;
     /// A file or an empty folder; a non-empty folder fails with `directory_not_empty`.
     void doRemove(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// A file, or a folder with everything in it.
@@ -114,8 +116,8 @@ protected:
     /// `opc::replaceFileWithBackup` with this back end as the target's; its exception's text and
     /// code come back unchanged.
     void doReplaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,
-                                 const std::u16string& sourcePath, const CommitOptions& options, std::string& detail,
-                                 error_code& ec) override;
+                                 const std::u16string& sourcePath, const CommitOptions& options,
+                                 std::string& detail, error_code& ec) override;
 
 private:
     StorageSystemReference m_storage;

@@ -64,9 +64,13 @@ std::u16string toString(std::string const& text, bool strict) {
         [&] { return vela::i18n::to_ustring(text, vela::i18n::codecvt_string_to_ustring(std::string(), strict)); });
 }
 
-std::u16string toString(std::wstring const& text) { return vela::i18n::to_ustring(text); }
+std::u16string toString(std::wstring const& text) {
+    return vela::i18n::to_ustring(text);
+}
 
-std::wstring toWideString(std::u16string const& text) { return vela::i18n::to_wstring(text); }
+std::wstring toWideString(std::u16string const& text) {
+    return vela::i18n::to_wstring(text);
+}
 
 std::string toASCIIString(std::u16string const& text) {
     return translateConversion([&] { return vela::i18n::to_string(text, vela::i18n::codecvt_ustring_to_ascii()); });

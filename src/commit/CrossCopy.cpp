@@ -27,7 +27,8 @@ bool sameBackEndType(const FileSystemOps& a, const FileSystemOps& b) {
     return typeid(a).hash_code() == typeid(b).hash_code();
 }
 
-void copyAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps, const std::u16string& to) {
+void copyAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps,
+                const std::u16string& to) {
     if (sameBackEndType(fromOps, toOps)) {
         toOps.copy(from, to, Overwrite);
         return;
@@ -44,7 +45,8 @@ void copyAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOp
     in.reset();
 }
 
-void moveAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps, const std::u16string& to) {
+void moveAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps,
+                const std::u16string& to) {
     if (sameBackEndType(fromOps, toOps)) {
         toOps.rename(from, to);
         return;

@@ -15,10 +15,12 @@ bool sameBackEndType(const FileSystemOps& a, const FileSystemOps& b);
 /// binary input stream of `fromOps` and a binary output stream of `toOps`; both are released
 /// before returning, and a short copy is not reported (the streams carry no error state the
 /// back ends promise to keep).
-void copyAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps, const std::u16string& to);
+void copyAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps,
+                const std::u16string& to);
 
 /// Moves file `from` of `fromOps` onto `to` of `toOps`: one `toOps.rename` for the same
 /// back-end type, otherwise `copyAcross` followed by `fromOps.remove(from)`.
-void moveAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps, const std::u16string& to);
+void moveAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps,
+                const std::u16string& to);
 
 } // namespace opc::detail

@@ -153,8 +153,8 @@ void makeTargetWritable(Commit& c) {
     if (!c.target.exists(c.path))
         return;
     c.rememberedPerms = readPerms(c.target, c.path);
-    Bits wanted =
-        c.rememberedPerms == Unknown ? WritableWhenUnknown : ((c.rememberedPerms & ~ClearedWhenWritable) | OwnerWrite);
+    Bits wanted = c.rememberedPerms == Unknown ? WritableWhenUnknown
+                                               : ((c.rememberedPerms & ~ClearedWhenWritable) | OwnerWrite);
     if (wanted == c.rememberedPerms)
         return;
     try {

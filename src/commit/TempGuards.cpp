@@ -40,7 +40,8 @@ std::u16string TempfileGuard::generateTempFile(const std::u16string& folder, con
     return detail::normalizePath(name);
 }
 
-TempdirGuard::TempdirGuard(const std::u16string& folder, const std::u16string& prefix, const std::u16string& extension)
+TempdirGuard::TempdirGuard(const std::u16string& folder, const std::u16string& prefix,
+                           const std::u16string& extension)
     : m_path(generateTempDir(folder, prefix, extension)) {
     m_armed = true;
 }

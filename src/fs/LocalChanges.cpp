@@ -26,8 +26,8 @@ void LocalFileSystemOps::doCreateFolders(const std::u16string& path, std::string
     guardedHostCall(detail, ec, [&] { host::create_directories(host::path(path)); });
 }
 
-void LocalFileSystemOps::doCreateSymlink(const std::u16string& target, const std::u16string& link, std::string& detail,
-                                         error_code& ec) {
+void LocalFileSystemOps::doCreateSymlink(const std::u16string& target, const std::u16string& link,
+                                         std::string& detail, error_code& ec) {
     guardedHostCall(detail, ec,
                     [&] { host::create_symlink(host::path(target), host::path(link), Status::regular_file); });
 }
@@ -61,7 +61,9 @@ void LocalFileSystemOps::doCopy(const std::u16string& source, const std::u16stri
             host::copy_directory(from, to);
             break;
         }
-        case Status::symlink_file: host::copy_symlink(from, to); break;
+        case Status::symlink_file:
+            host::copy_symlink(from, to);
+            break;
         default:
             // Sockets, devices and pipes are left alone, without an error.
             break;
@@ -90,8 +92,9 @@ void LocalFileSystemOps::doRemoveAll(const std::u16string& path, std::string& de
 void LocalFileSystemOps::doReplaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,
                                                  const std::u16string& sourcePath, const CommitOptions& options,
                                                  std::string& detail, error_code& ec) {
-    guardedHostCall(detail, ec,
-                    [&] { detail::commitAndReport(*this, targetPath, sourceOps, sourcePath, options, detail, ec); });
+    guardedHostCall(detail, ec, [&] {
+        detail::commitAndReport(*this, targetPath, sourceOps, sourcePath, options, detail, ec);
+    });
 }
 
 } // namespace opc

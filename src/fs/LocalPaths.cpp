@@ -17,7 +17,8 @@ using detail::guardedHostCall;
 LocalFileSystemOps::LocalFileSystemOps() = default;
 LocalFileSystemOps::~LocalFileSystemOps() = default;
 
-std::u16string LocalFileSystemOps::doGetTempName(const std::u16string& folder, std::string& detail, error_code& ec) {
+std::u16string LocalFileSystemOps::doGetTempName(const std::u16string& folder, std::string& detail,
+                                                 error_code& ec) {
     // Empty prefix and extension: the temporary-name defaults ("." and ".tmp") apply.
     return guardedHostCall(std::u16string(), detail, ec, [&] {
         std::u16string name = util::getTempName(folder, std::u16string(), std::u16string());
@@ -27,7 +28,8 @@ std::u16string LocalFileSystemOps::doGetTempName(const std::u16string& folder, s
     });
 }
 
-std::u16string LocalFileSystemOps::doGetParentPath(const std::u16string& path, std::string& detail, error_code& ec) {
+std::u16string LocalFileSystemOps::doGetParentPath(const std::u16string& path, std::string& detail,
+                                                   error_code& ec) {
     return guardedHostCall(std::u16string(), detail, ec, [&] { return detail::getParentPath(path); });
 }
 

@@ -52,7 +52,8 @@ bool LocalFileSystemOps::doIsSymlink(const std::u16string& path, std::string& de
     return guardedHostCall(false, detail, ec, [&] { return typeOf(path) == Status::symlink_file; });
 }
 
-Perms::Perms_tag LocalFileSystemOps::doGetPermissions(const std::u16string& path, std::string& detail, error_code& ec) {
+Perms::Perms_tag LocalFileSystemOps::doGetPermissions(const std::u16string& path, std::string& detail,
+                                                      error_code& ec) {
     return guardedHostCall(Perms::PermsUnknown, detail, ec, [&] {
         // The attribute bits travel with the permission bits, untranslated.
         constexpr std::uint32_t kept = Status::perms_all | Status::archive_file | Status::system_file |
@@ -86,7 +87,8 @@ void LocalFileSystemOps::doSetLastModifiedTime(const std::u16string& path, ptime
     guardedHostCall(detail, ec, [&] { host::last_write_time(host::path(path), time); });
 }
 
-std::uint64_t LocalFileSystemOps::doGetSizeInBytes(const std::u16string& path, std::string& detail, error_code& ec) {
+std::uint64_t LocalFileSystemOps::doGetSizeInBytes(const std::u16string& path, std::string& detail,
+                                                   error_code& ec) {
     return guardedHostCall(std::uint64_t(0), detail, ec, [&] {
         Status const status = existingStatus(path);
         // Folders, links and every other kind are "not a file" alike.
@@ -96,15 +98,16 @@ std::uint64_t LocalFileSystemOps::doGetSizeInBytes(const std::u16string& path, s
     });
 }
 
-std::u16string LocalFileSystemOps::doGetLinkTarget(const std::u16string& path, std::string& detail, error_code& ec) {
+std::u16string LocalFileSystemOps::doGetLinkTarget(const std::u16string& path, std::string& detail,
+                                                   error_code& ec) {
     return guardedHostCall(std::u16string(), detail, ec, [&] {
         // As stored in the link, not resolved against the link's folder.
         return normalizePath(host::read_symlink(host::path(path)).native());
     });
 }
 
-void LocalFileSystemOps::doGetFiles(const std::u16string& folder, std::vector<std::u16string>& files, bool recursive,
-                                    std::string& detail, error_code& ec) {
+void LocalFileSystemOps::doGetFiles(const std::u16string& folder, std::vector<std::u16string>& files,
+                                    bool recursive, std::string& detail, error_code& ec) {
     // An entry's full path is the folder in native form, one "/" and a name without "/": it is
     // already normalised, and this back end's own normalisation would hand back the same text.
     // The call (an allocation and two passes per entry) is made only where a derived class may

@@ -40,7 +40,8 @@ std::ios_base::openmode toOpenMode(unsigned mode) {
 // alone (an open-mode combination the library refuses, such as in with truncate) is not
 // reported with a stale number: it becomes EINVAL.
 template <class Stream, class Handle>
-Handle openStream(std::u16string const& path, unsigned mode, std::string& detail, boost::system::error_code& ec) {
+Handle openStream(std::u16string const& path, unsigned mode, std::string& detail,
+                  boost::system::error_code& ec) {
     errno = 0;
     auto stream = std::make_shared<Stream>(path, toOpenMode(mode));
     if (!stream->fail() && !stream->bad())
@@ -65,8 +66,8 @@ Handle openStream(std::u16string const& path, unsigned mode, std::string& detail
 std::shared_ptr<std::istream> LocalFileSystemOps::doCreateInputStream(const std::u16string& path, unsigned mode,
                                                                       std::string& detail, error_code& ec) {
     return detail::guardedHostCall(std::shared_ptr<std::istream>(), detail, ec, [&] {
-        return openStream<host::basic_ifstream<char>, std::shared_ptr<std::istream>>(path, mode | OpenMode::In, detail,
-                                                                                     ec);
+        return openStream<host::basic_ifstream<char>, std::shared_ptr<std::istream>>(path, mode | OpenMode::In,
+                                                                                     detail, ec);
     });
 }
 

@@ -36,7 +36,8 @@ VirtualFileSystemOps::~VirtualFileSystemOps() = default;
 
 VirtualFileSystemOps::StorageSystemReference VirtualFileSystemOps::getStorageSystem() const { return m_storage; }
 
-std::u16string VirtualFileSystemOps::doGetTempName(const std::u16string& folder, std::string& detail, error_code& ec) {
+std::u16string VirtualFileSystemOps::doGetTempName(const std::u16string& folder, std::string& detail,
+                                                   error_code& ec) {
     std::u16string candidate;
     bool const made = guarded(detail, ec, false, [&] {
         std::u16string const folderIRI =
@@ -56,7 +57,8 @@ std::u16string VirtualFileSystemOps::doGetTempName(const std::u16string& folder,
     return made ? candidate : std::u16string();
 }
 
-std::u16string VirtualFileSystemOps::doGetParentPath(const std::u16string& path, std::string& detail, error_code& ec) {
+std::u16string VirtualFileSystemOps::doGetParentPath(const std::u16string& path, std::string& detail,
+                                                     error_code& ec) {
     return guarded(detail, ec, std::u16string(), [&] {
         store::AbsoluteIRI const iri(path);
         return iri.hasParent() ? iri.getParent().toString() : std::u16string();
@@ -83,7 +85,8 @@ std::u16string VirtualFileSystemOps::doAppendPath(const std::u16string& path, co
     });
 }
 
-std::u16string VirtualFileSystemOps::doNormalizePath(const std::u16string& path, std::string& detail, error_code& ec) {
+std::u16string VirtualFileSystemOps::doNormalizePath(const std::u16string& path, std::string& detail,
+                                                     error_code& ec) {
     return guarded(detail, ec, std::u16string(), [&] {
         if (store::hasIRIPrefix(path))
             return store::AbsoluteIRI(path).toString();

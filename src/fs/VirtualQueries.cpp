@@ -3,9 +3,9 @@
 
 #include <opc/VirtualFileSystemOps.hpp>
 
+#include <stratum/storage/vfs/IRI.hpp>
 #include <stratum/storage/vfs/Exception.hpp>
 #include <stratum/storage/vfs/File.hpp>
-#include <stratum/storage/vfs/IRI.hpp>
 #include <stratum/storage/vfs/Operations.hpp>
 
 namespace opc {
@@ -55,8 +55,8 @@ Perms::Perms_tag VirtualFileSystemOps::doGetPermissions(const std::u16string& pa
                    [&] { return store::isWritable(item(path, m_storage)) ? kWritable : kReadOnly; });
 }
 
-void VirtualFileSystemOps::doSetPermissions(const std::u16string& path, Perms::Perms_tag perms, std::string& detail,
-                                            error_code& ec) {
+void VirtualFileSystemOps::doSetPermissions(const std::u16string& path, Perms::Perms_tag perms,
+                                            std::string& detail, error_code& ec) {
     guarded(detail, ec, [&] { store::setWritable(item(path, m_storage), (perms & kAnyWrite) != 0); });
 }
 
@@ -71,7 +71,8 @@ void VirtualFileSystemOps::doSetLastModifiedTime(const std::u16string& path, pti
     guarded(detail, ec, [&] { store::setLastModified(item(path, m_storage), time); });
 }
 
-std::uint64_t VirtualFileSystemOps::doGetSizeInBytes(const std::u16string& path, std::string& detail, error_code& ec) {
+std::uint64_t VirtualFileSystemOps::doGetSizeInBytes(const std::u16string& path, std::string& detail,
+                                                     error_code& ec) {
     // A folder goes to File all the same; the storage decides what that means.
     return guarded(detail, ec, std::uint64_t(0), [&] {
         return static_cast<std::uint64_t>(store::File(store::AbsoluteIRI(path), m_storage).getAttributes().getSize());
@@ -84,8 +85,8 @@ std::u16string VirtualFileSystemOps::doGetLinkTarget(const std::u16string&, std:
     return {};
 }
 
-void VirtualFileSystemOps::doGetFiles(const std::u16string& folder, std::vector<std::u16string>& files, bool recursive,
-                                      std::string& detail, error_code& ec) {
+void VirtualFileSystemOps::doGetFiles(const std::u16string& folder, std::vector<std::u16string>& files,
+                                      bool recursive, std::string& detail, error_code& ec) {
     guarded(detail, ec, [&] {
         store::AbsoluteIRI const iri(folder);
         // A missing folder and a file are reported as the storage reports a missing item.

@@ -26,8 +26,12 @@ unsigned long ByteArrayInAdaptor::read(unsigned char* buffer, unsigned long size
     return static_cast<unsigned long>(count);
 }
 
-bool ByteArrayInAdaptor::isDone() const { return !m_open || m_position >= m_bytes.size(); }
+bool ByteArrayInAdaptor::isDone() const {
+    return !m_open || m_position >= m_bytes.size();
+}
 
-void ByteArrayInAdaptor::close() { m_open = false; }
+void ByteArrayInAdaptor::close() {
+    m_open = false;
+}
 
 } // namespace opc

@@ -20,8 +20,7 @@ constexpr std::size_t kLoopCopyFrom = 4096;
 
 bool loopCopyPays(unsigned char const* to, unsigned char const* from, std::size_t size) {
 #if defined(__SSE2__)
-    return size >= kLoopCopyFrom &&
-           ((reinterpret_cast<std::uintptr_t>(to) - reinterpret_cast<std::uintptr_t>(from)) & 63) != 0;
+    return size >= kLoopCopyFrom && ((reinterpret_cast<std::uintptr_t>(to) - reinterpret_cast<std::uintptr_t>(from)) & 63) != 0;
 #else
     (void)to;
     (void)from;
@@ -74,7 +73,9 @@ unsigned long ByteArrayOutAdaptor::write(unsigned char const* data, unsigned lon
     return size;
 }
 
-bool ByteArrayOutAdaptor::isDone() const { return false; }
+bool ByteArrayOutAdaptor::isDone() const {
+    return false;
+}
 
 void ByteArrayOutAdaptor::flush() {}
 

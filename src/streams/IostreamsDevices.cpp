@@ -8,13 +8,13 @@ std::streamsize InputStreamSource::read(char* s, std::streamsize n) {
     if (m_stream.isDone()) {
         return -1;
     }
-    return static_cast<std::streamsize>(
-        m_stream.read(reinterpret_cast<unsigned char*>(s), static_cast<unsigned long>(n)));
+    return static_cast<std::streamsize>(m_stream.read(reinterpret_cast<unsigned char*>(s),
+                                                      static_cast<unsigned long>(n)));
 }
 
 std::streamsize OutputStreamSink::write(char const* s, std::streamsize n) {
-    return static_cast<std::streamsize>(
-        m_stream.write(reinterpret_cast<unsigned char const*>(s), static_cast<unsigned long>(n)));
+    return static_cast<std::streamsize>(m_stream.write(reinterpret_cast<unsigned char const*>(s),
+                                                       static_cast<unsigned long>(n)));
 }
 
 bool OutputStreamSink::flush() {

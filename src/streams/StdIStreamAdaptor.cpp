@@ -21,8 +21,12 @@ unsigned long StdIStreamAdaptor::read(unsigned char* buffer, unsigned long size)
     return static_cast<unsigned long>(m_stream.gcount());
 }
 
-bool StdIStreamAdaptor::isDone() const { return !m_open || !m_stream.good(); }
+bool StdIStreamAdaptor::isDone() const {
+    return !m_open || !m_stream.good();
+}
 
-void StdIStreamAdaptor::close() { m_open = false; }
+void StdIStreamAdaptor::close() {
+    m_open = false;
+}
 
 } // namespace opc

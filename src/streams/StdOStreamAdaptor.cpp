@@ -14,9 +14,13 @@ unsigned long StdOStreamAdaptor::write(unsigned char const* data, unsigned long 
     return static_cast<unsigned long>(after - before);
 }
 
-bool StdOStreamAdaptor::isDone() const { return !m_stream.good(); }
+bool StdOStreamAdaptor::isDone() const {
+    return !m_stream.good();
+}
 
-void StdOStreamAdaptor::flush() { m_stream.flush(); }
+void StdOStreamAdaptor::flush() {
+    m_stream.flush();
+}
 
 void StdOStreamAdaptor::close() {}
 

@@ -21,8 +21,8 @@ struct FaultInjectingOps::Route {
         Call const& c = call;
         ++self.m_counts[c.operation];
         EC const fault = self.m_calls.size() == self.m_failAt ? self.m_failAtCode
-                         : self.m_pick && self.m_pick(c)      ? self.m_pickCode
-                                                              : EC();
+                         : self.m_pick && self.m_pick(c)       ? self.m_pickCode
+                                                               : EC();
         if (fault.failed()) {
             self.m_fired = true;
             ec = fault;
@@ -157,11 +157,13 @@ void FaultInjectingOps::doSetLastModifiedTime(P p, ptime t, std::string& d, EC& 
 
 // The answered list is appended, as a back end appends what it finds.
 void FaultInjectingOps::doGetFiles(P f, std::vector<std::u16string>& out, bool r, std::string& d, EC& ec) {
-    auto answered =
-        Route::run<std::vector<std::u16string>>(*this, call("getFiles", {f}, r), d, ec, [&](FileSystemOps& in) {
-            Route::forward<void>("getFiles", d, ec, [&] { in.getFiles(f, out, r); });
-            return std::vector<std::u16string>();
-        });
+    auto answered = Route::run<std::vector<std::u16string>>(*this, call("getFiles", {f}, r), d, ec,
+                                                            [&](FileSystemOps& in) {
+                                                                Route::forward<void>("getFiles", d, ec, [&] {
+                                                                    in.getFiles(f, out, r);
+                                                                });
+                                                                return std::vector<std::u16string>();
+                                                            });
     out.insert(out.end(), answered.begin(), answered.end());
 }
 

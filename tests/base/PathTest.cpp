@@ -21,8 +21,7 @@ TEST(PathHelpers, GeneratedAgreeWithStdFilesystem) {
     auto narrow = [](std::u16string const& s) { return std::string(s.begin(), s.end()); };
     for (int i = 0; i < 4000; ++i) {
         std::string text;
-        for (int n = int(rng() % 14); n > 0; --n)
-            text += alphabet[rng() % alphabet.size()];
+        for (int n = int(rng() % 14); n > 0; --n) text += alphabet[rng() % alphabet.size()];
         SCOPED_TRACE(text);
         std::u16string const in(text.begin(), text.end());
         std::string const normalized = narrow(normalizePath(in));

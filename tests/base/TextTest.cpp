@@ -92,23 +92,18 @@ TEST(Utf8Conversion, GeneratedAndDamagedTextsAgreeWithIcu) {
 // The messages name the fault and where it is; ASCII-only conversions refuse anything else.
 TEST(Utf8Conversion, RefusalsNameTheFault) {
     std::u16string const lone = std::u16string(u"ab") + char16_t(0xDC01);
-    EXPECT_EQ(thrownMessage([&] { toUTF8String(lone, true); }),
-              "Unpaired surrogate U+DC01 at UTF-16 offset 2 cannot be converted to UTF-8");
-    EXPECT_EQ(thrownMessage([&] { opc::toUDEString(lone); }),
-              "Unpaired surrogate U+DC01 at UTF-16 offset 2 cannot be converted to UTF-8");
+    EXPECT_EQ(thrownMessage([&] { toUTF8String(lone, true); }), "Unpaired surrogate U+DC01 at UTF-16 offset 2 cannot be converted to UTF-8");
+    EXPECT_EQ(thrownMessage([&] { opc::toUDEString(lone); }), "Unpaired surrogate U+DC01 at UTF-16 offset 2 cannot be converted to UTF-8");
     // Past the first sixteen units, inside mixed text, and a lead unit without its trail.
-    std::u16string const later =
-        std::u16string(40, u'\u00E9') + char16_t(0xD83D) + u"xyz" + std::u16string(20, u'\u6F22');
-    EXPECT_EQ(thrownMessage([&] { toUTF8String(later, true); }),
-              "Unpaired surrogate U+D83D at UTF-16 offset 40 cannot be converted to UTF-8");
+    std::u16string const later = std::u16string(40, u'\u00E9') + char16_t(0xD83D) + u"xyz" + std::u16string(20, u'\u6F22');
+    EXPECT_EQ(thrownMessage([&] { toUTF8String(later, true); }), "Unpaired surrogate U+D83D at UTF-16 offset 40 cannot be converted to UTF-8");
     std::string const badMessage = "Invalid UTF-8 sequence starting with byte 0xC3 at offset 1";
     EXPECT_EQ(thrownMessage([&] { toStringFromUTF8String("x\xC3(", true); }), badMessage);
     EXPECT_EQ(thrownMessage([&] { opc::toString("x\xC3(", true); }), badMessage);
     EXPECT_EQ(opc::toString("x\xC3(", false), u"x\uFFFD(");
     EXPECT_EQ(opc::toStringFromASCIIStringLiteral("Content_Types"), u"Content_Types");
     EXPECT_EQ(opc::toASCIIString(u"rels/.rels"), "rels/.rels");
-    EXPECT_EQ(thrownMessage([] { opc::toStringFromASCIIStringLiteral("caf\xC3\xA9"); }),
-              "Non-ASCII byte 0xC3 at offset 3");
+    EXPECT_EQ(thrownMessage([] { opc::toStringFromASCIIStringLiteral("caf\xC3\xA9"); }), "Non-ASCII byte 0xC3 at offset 3");
     EXPECT_EQ(thrownMessage([] { opc::toASCIIString(u"caf\u00E9"); }), "Non-ASCII character U+00E9 at UTF-16 offset 3");
 }
 
@@ -129,8 +124,7 @@ TEST(LowerCase, AsciiFoldingAndFullLowerCasing) {
             EXPECT_EQ(opc::toLowerASCIIString(text), std::u16string(1024, u'a'));
         }
     }
-    EXPECT_EQ(thrownMessage([] { opc::toLowerASCIIString(u"A\u0080"); }),
-              "Invalid character error."); // the first non-ASCII unit
+    EXPECT_EQ(thrownMessage([] { opc::toLowerASCIIString(u"A\u0080"); }), "Invalid character error."); // the first non-ASCII unit
     for (std::size_t length : {0, 1, 1023, 1024, 1025, 3000})
         for (std::u16string const& text : {randomText(rng, length), std::u16string(length, u'\u0130')}) {
             icu::UnicodeString expected(text.data(), static_cast<int32_t>(text.size()));
@@ -147,22 +141,18 @@ TEST(CaselessCompare, AgreesWithFoldedComparison) {
         std::u16string a = randomASCII(rng, rng() % 13, u'A', u'c');
         std::u16string b = rng() % 4 == 0 ? a : randomASCII(rng, rng() % 13, u'A', u'c');
         if (rng() % 4 == 0)
-            std::transform(b.begin(), b.end(), b.begin(),
-                           [](char16_t c) { return static_cast<char16_t>(std::toupper(c)); });
+            std::transform(b.begin(), b.end(), b.begin(), [](char16_t c) { return static_cast<char16_t>(std::toupper(c)); });
         std::u16string const fa = fold(a), fb = fold(b);
         int const got = opc::caselessCompare(a, b);
         ASSERT_EQ(got, -opc::caselessCompare(b, a)) << round;
         auto const diff = std::mismatch(fa.begin(), fa.end(), fb.begin(), fb.end());
         int const length = (fa.size() > fb.size()) - (fa.size() < fb.size());
-        ASSERT_EQ(got,
-                  diff.first != fa.end() && diff.second != fb.end() ? int(*diff.first) - int(*diff.second) : length)
-            << round;
+        ASSERT_EQ(got, diff.first != fa.end() && diff.second != fb.end() ? int(*diff.first) - int(*diff.second) : length) << round;
     }
     EXPECT_EQ(opc::caselessCompare(u"b", u"a\u00E9"), 1);
     EXPECT_EQ(opc::caselessCompare(u"ab", u"ab\u00E9"), -1);
     EXPECT_EQ(opc::caselessCompare(u"", u"\u00E9"), -1);
-    for (auto const& [a, b] : std::vector<std::pair<std::u16string, std::u16string>>{
-             {u"\u00E9", u"a"}, {u"a", u"\u00E9"}, {u"ab\u00E9", u"AB\u00E9x"}})
+    for (auto const& [a, b] : std::vector<std::pair<std::u16string, std::u16string>>{{u"\u00E9", u"a"}, {u"a", u"\u00E9"}, {u"ab\u00E9", u"AB\u00E9x"}})
         EXPECT_EQ(thrownMessage([&] { opc::caselessCompare(a, b); }), "Invalid character error.");
 }
 

@@ -21,9 +21,8 @@ using boost::gregorian::date;
 namespace {
 
 pt::ptime at(int y, int mo, int d, int h, int mi) {
-    return pt::ptime(
-        date(static_cast<unsigned short>(y), static_cast<unsigned short>(mo), static_cast<unsigned short>(d)),
-        pt::time_duration(h, mi, 0));
+    return pt::ptime(date(static_cast<unsigned short>(y), static_cast<unsigned short>(mo), static_cast<unsigned short>(d)),
+                     pt::time_duration(h, mi, 0));
 }
 
 struct ScopedTZ {
@@ -75,34 +74,18 @@ TEST(TimeText, GeneratedInstantsRoundTrip) {
 TEST(TimeText, ReadsMalformedTextsAsTheFacet) {
     std::mt19937 rng(13);
     auto pick = [&rng](int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng); };
-    std::u16string const pieces[] = {u"0",
-                                     u"2",
-                                     u"9",
-                                     u"-",
-                                     u":",
-                                     u"T",
-                                     u"Z",
-                                     u" ",
-                                     u"\t",
-                                     u"+",
-                                     u"x",
-                                     u"\u00e9",
-                                     u"+infinity",
-                                     u"-INFINITY",
-                                     u"Minimum-Date-Time",
-                                     u"maximum-date-time"};
+    std::u16string const pieces[] = {u"0", u"2", u"9", u"-", u":", u"T", u"Z", u" ", u"\t", u"+", u"x", u"\u00e9",
+                                     u"+infinity", u"-INFINITY", u"Minimum-Date-Time", u"maximum-date-time"};
     for (int i = 0; i < 20000; ++i) {
         char fields[64];
         std::snprintf(fields, sizeof fields, pick(2) ? "%04d-%02d-%02dT%02d:%02d:%02dZ" : "%d-%d-%dT%d:%d:%dZ",
                       pick(3) ? 1400 + pick(8600) : pick(10000), pick(14), pick(33), pick(100), pick(100), pick(100));
         std::u16string text = opc::toStringFromASCIIStringLiteral(fields);
-        if (pick(2))
-            text.resize(static_cast<std::size_t>(pick(static_cast<int>(text.size()) + 1)));
+        if (pick(2)) text.resize(static_cast<std::size_t>(pick(static_cast<int>(text.size()) + 1)));
         for (int edits = pick(4); edits > 0; --edits) {
             std::size_t const at = static_cast<std::size_t>(pick(static_cast<int>(text.size()) + 1));
             std::u16string const& piece = pieces[pick(std::size(pieces))];
-            if (pick(2) && at < text.size())
-                text.erase(at, 1);
+            if (pick(2) && at < text.size()) text.erase(at, 1);
             text.insert(at, pick(3) ? piece.substr(0, 1) : piece);
         }
         ASSERT_EQ(key(opc::convertStringToTime(text)), key(facetRead(text))) << opc::toUDEString(text);

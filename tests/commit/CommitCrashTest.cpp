@@ -101,11 +101,9 @@ protected:
     }
     int commitUnder(std::string const& options) {
         writeFile(target, oldContent, 0640);
-        std::string const job =
-            std::to_string(GetParam().from) + " " + std::to_string(GetParam().to) + "\n" + target + "\n" + source;
+        std::string const job = std::to_string(GetParam().from) + " " + std::to_string(GetParam().to) + "\n" + target + "\n" + source;
         ::setenv(ChildVariable, job.c_str(), 1);
-        int const status = shell("strace -f -y -qq " + options + " -o '" + trace + "' /proc/" +
-                                 std::to_string(::getpid()) + "/exe >/dev/null 2>&1");
+        int const status = shell("strace -f -y -qq " + options + " -o '" + trace + "' /proc/" + std::to_string(::getpid()) + "/exe >/dev/null 2>&1");
         ::unsetenv(ChildVariable);
         return status;
     }
@@ -135,8 +133,8 @@ TEST_P(Traced, NewDataIsFlushedBeforeTheRenameAndTheFolderAfter) {
     ASSERT_NE(temporary, source) << "the new file itself must not be renamed";
     auto syncs = [&](std::string const& path, std::size_t from, std::size_t to) {
         for (std::size_t i = from; i < to; ++i)
-            if ((contains(lines[i], " fsync(") || contains(lines[i], " fdatasync(")) &&
-                contains(lines[i], "<" + path + ">)") && succeeded(lines[i]))
+            if ((contains(lines[i], " fsync(") || contains(lines[i], " fdatasync(")) && contains(lines[i], "<" + path + ">)") &&
+                succeeded(lines[i]))
                 return true;
         return false;
     };
@@ -166,8 +164,7 @@ TEST_P(Traced, EveryFailingSystemCallLeavesTheOldOrTheNewPackage) {
             if (!contains(plain[n - 1], dir))
                 continue;
             SCOPED_TRACE(plain[n - 1]);
-            int const status =
-                commitUnder("-e trace=" + call + " -e inject=" + call + ":error=EIO:when=" + std::to_string(n));
+            int const status = commitUnder("-e trace=" + call + " -e inject=" + call + ":error=EIO:when=" + std::to_string(n));
             std::vector<std::string> const lines = traceLines();
             ASSERT_TRUE(n <= lines.size() && contains(lines[n - 1], "(INJECTED)")) << "the run took another path";
             ASSERT_TRUE(status == 0 || status == 3) << "exit status " << status;

@@ -52,8 +52,7 @@ std::string inChild(std::function<std::string()> const& job) {
     ::close(channel[0]);
     int status = 0;
     ::waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? report
-                                                         : report + " (child status " + std::to_string(status) + ")";
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? report : report + " (child status " + std::to_string(status) + ")";
 }
 
 // The storage fills up while the new package is written: RLIMIT_FSIZE for anyone, a 512 KiB
@@ -90,16 +89,13 @@ std::string commitOnFullDisk(DiskCase const& c, std::string const& root) {
         commitBetween(c.pair.from, c.pair.to, target, source, c.backup);
         wrong << "the commit returned normally; ";
     } catch (Exception const& e) {
-        if (std::string(e.what()).rfind("Could not commit changes:  ", 0) != 0 ||
-            e.code().value() != (c.tmpfs ? ENOSPC : EFBIG))
+        if (std::string(e.what()).rfind("Could not commit changes:  ", 0) != 0 || e.code().value() != (c.tmpfs ? ENOSPC : EFBIG))
             wrong << "'" << e.what() << "' code " << e.code().value() << "; ";
     }
     if (readFile(target) != oldContent || modeOf(target) != 0640)
-        wrong << "the target changed: " << readFile(target).size() << " bytes, mode " << std::oct << modeOf(target)
-              << "; ";
+        wrong << "the target changed: " << readFile(target).size() << " bytes, mode " << std::oct << modeOf(target) << "; ";
     for (auto const& name : names(dir))
-        if (name != "p.pkg" && name.rfind("p.pkg.bak", 0) != 0 &&
-            !(name.front() == '.' && fs::path(name).extension() == ".tmp"))
+        if (name != "p.pkg" && name.rfind("p.pkg.bak", 0) != 0 && !(name.front() == '.' && fs::path(name).extension() == ".tmp"))
             wrong << "left behind: " << name << "; ";
     if (names(root) != before)
         wrong << "the folder around the target changed; ";

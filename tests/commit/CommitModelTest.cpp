@@ -1,6 +1,7 @@
 // The commit over a model back end (a file table behind the scripted double): the files,
 // permissions and backups it leaves, and the message and code of every way it can fail.
 
+
 #include <opc/Commit.hpp>
 #include <opc/Exception.hpp>
 #include <opc/testing/FaultInjectingOps.hpp>
@@ -100,12 +101,8 @@ struct World : opc::testing::FaultInjectingOps {
     }
 };
 using Fault = World::Fault;
-Fault failing(errc::errc_t e) {
-    return [e](Call const&) { return World::Reply{{}, e}; };
-}
-Fault throwing() {
-    return [](Call const&) -> World::Reply { throw std::logic_error("foreign"); };
-}
+Fault failing(errc::errc_t e) { return [e](Call const&) { return World::Reply{{}, e}; }; }
+Fault throwing() { return [](Call const&) -> World::Reply { throw std::logic_error("foreign"); }; }
 
 std::string wrapped(std::string const& inner, errc::errc_t e) {
     return "Could not commit changes:  " + inner + " " + code(e).message();
@@ -162,9 +159,7 @@ TEST(CommitModel, PathWithoutFolderUsesDotTmpBesideIt) {
     w.files[u"p.pkg"] = {"old"};
     EXPECT_EQ(w.commit(CommitOptions(), {}, u"p.pkg"), "");
     EXPECT_EQ(w.callCount("getTempName"), 0u);
-    EXPECT_EQ(std::find_if(w.calls().begin(), w.calls().end(), [](Call const& c) { return c.operation == "rename"; })
-                  ->paths[0],
-              u"p.pkg.tmp");
+    EXPECT_EQ(std::find_if(w.calls().begin(), w.calls().end(), [](Call const& c) { return c.operation == "rename"; })->paths[0], u"p.pkg.tmp");
     EXPECT_EQ(w.files.at(u"p.pkg").content, "new");
 }
 
@@ -176,14 +171,10 @@ TEST(CommitModel, BackupNamesAreTriedInTurnAfterFailedAttempts) {
         int from, to; // calls of `op` that fail, counted over all paths
         std::u16string extension, used;
     };
-    Row const rows[] = {{"exists", 0, -1, u".bak", u".bak"},
-                        {"exists", 2, 2, u".bak", u".bak2"},
-                        {"copy", 1, 2, u".bak", u".bak3"},
-                        {"getLastModifiedTime", 1, 3, u".bak", u".bak4"},
-                        {"setLastModifiedTime", 1, 4, u".bak", u".bak5"},
-                        {"copy", 1, 4, u".old~", u".old~5"},
-                        {"getPermissions", 2, 4, u".bak", u".bak"},
-                        {"setPermissions", 1, 1, u".bak", u".bak"}};
+    Row const rows[] = {{"exists", 0, -1, u".bak", u".bak"},          {"exists", 2, 2, u".bak", u".bak2"},
+                        {"copy", 1, 2, u".bak", u".bak3"},            {"getLastModifiedTime", 1, 3, u".bak", u".bak4"},
+                        {"setLastModifiedTime", 1, 4, u".bak", u".bak5"}, {"copy", 1, 4, u".old~", u".old~5"},
+                        {"getPermissions", 2, 4, u".bak", u".bak"},   {"setPermissions", 1, 1, u".bak", u".bak"}};
     for (Row const& r : rows) {
         SCOPED_TRACE(r.op + " " + std::to_string(r.to));
         World w;
@@ -232,9 +223,7 @@ TEST(CommitModel, PermissionValuesHandedToTheBackEnd) {
         w.files[P] = {"old", r.target};
         w.files[N].perms = r.newFile;
         if (r.failedRead.first == "copy") // the backup copy comes out with all bits set
-            w.faults[r.failedRead] = [&w](Call const& c) {
-                return w.files[c.paths[1]] = {"old", 0x1FF}, World::Reply{};
-            };
+            w.faults[r.failedRead] = [&w](Call const& c) { return w.files[c.paths[1]] = {"old", 0x1FF}, World::Reply{}; };
         else if (r.failedRead.second)
             w.faults[r.failedRead] = failing(errc::io_error);
         EXPECT_EQ(w.commit(withBackup(r.backup)), "");
@@ -265,158 +254,35 @@ Fault halfCopy(World& w) {
 TEST(CommitModel, FailureTable) {
     auto io = failing(errc::io_error);
     std::vector<std::function<FailureRow(World&)>> const rows = {
+        [&](World&) { return FailureRow{"exists", 0x1A4, false, {{{"exists", 1}, failing(errc::permission_denied)}}, "exists failed: boom", errc::permission_denied, "old", 0x1A4, false, 0}; },
+        [&](World&) { return FailureRow{"targetPerms", 0x1A4, true, {{{"getPermissions", 1}, io}}, ReadDenied, errc::permission_denied, "old", 0x1A4, false, 0}; },
+        [&](World&) { return FailureRow{"targetPermsForeign", 0x1A4, false, {{{"getPermissions", 1}, throwing()}}, ReadDenied, errc::permission_denied, "old", 0x1A4, false, 0}; },
         [&](World&) {
-            return FailureRow{"exists",
-                              0x1A4,
-                              false,
-                              {{{"exists", 1}, failing(errc::permission_denied)}},
-                              "exists failed: boom",
-                              errc::permission_denied,
-                              "old",
-                              0x1A4,
-                              false,
-                              0};
-        },
-        [&](World&) {
-            return FailureRow{
-                "targetPerms", 0x1A4, true, {{{"getPermissions", 1}, io}}, ReadDenied, errc::permission_denied, "old",
-                0x1A4,         false, 0};
-        },
-        [&](World&) {
-            return FailureRow{"targetPermsForeign",
-                              0x1A4,
-                              false,
-                              {{{"getPermissions", 1}, throwing()}},
-                              ReadDenied,
-                              errc::permission_denied,
-                              "old",
-                              0x1A4,
-                              false,
-                              0};
-        },
-        [&](World&) {
-            FailureRow r{
-                "allBackups", 0x1A4, true,  {}, "setLastModifiedTime failed: boom", errc::read_only_file_system,
-                "old",        0x1A4, false, 5};
+            FailureRow r{"allBackups", 0x1A4, true, {}, "setLastModifiedTime failed: boom", errc::read_only_file_system, "old", 0x1A4, false, 5};
             for (int i = 1; i <= 5; ++i)
-                r.faults.push_back(
-                    {{"setLastModifiedTime", i}, failing(i == 5 ? errc::read_only_file_system : errc::io_error)});
+                r.faults.push_back({{"setLastModifiedTime", i}, failing(i == 5 ? errc::read_only_file_system : errc::io_error)});
             return r;
         },
         // No temporary name: the read-only target stays writable.
-        [&](World&) {
-            return FailureRow{"tempName",
-                              0x124,
-                              false,
-                              {{{"getTempName", 1}, failing(errc::no_space_on_device)}},
-                              "getTempName failed: boom",
-                              errc::no_space_on_device,
-                              "old",
-                              0x11A4,
-                              false,
-                              0};
-        },
-        [&](World&) {
-            return FailureRow{"parentPath",
-                              0x124,
-                              false,
-                              {{{"getParentPath", 1}, io}},
-                              "getParentPath failed: boom",
-                              errc::io_error,
-                              "old",
-                              0x11A4,
-                              false,
-                              0};
-        },
+        [&](World&) { return FailureRow{"tempName", 0x124, false, {{{"getTempName", 1}, failing(errc::no_space_on_device)}}, "getTempName failed: boom", errc::no_space_on_device, "old", 0x11A4, false, 0}; },
+        [&](World&) { return FailureRow{"parentPath", 0x124, false, {{{"getParentPath", 1}, io}}, "getParentPath failed: boom", errc::io_error, "old", 0x11A4, false, 0}; },
         // A failed copy of the new content: permissions restored, the partial temporary file left.
-        [&](World& w) {
-            return FailureRow{
-                "copy", 0x124, true, {{{"copy", 2}, halfCopy(w)}}, "copy failed: boom", errc::no_space_on_device, "old",
-                0x1124, true,  1};
-        },
+        [&](World& w) { return FailureRow{"copy", 0x124, true, {{{"copy", 2}, halfCopy(w)}}, "copy failed: boom", errc::no_space_on_device, "old", 0x1124, true, 1}; },
         // A failed restore does not hide the copy's failure.
-        [&](World&) {
-            return FailureRow{"copyAndRestore",
-                              0x124,
-                              false,
-                              {{{"copy", 1}, failing(errc::no_space_on_device)},
-                               {{"setPermissions", 2}, failing(errc::operation_not_permitted)}},
-                              "copy failed: boom",
-                              errc::no_space_on_device,
-                              "old",
-                              0x11A4,
-                              false,
-                              0};
-        },
+        [&](World&) { return FailureRow{"copyAndRestore", 0x124, false, {{{"copy", 1}, failing(errc::no_space_on_device)}, {{"setPermissions", 2}, failing(errc::operation_not_permitted)}}, "copy failed: boom", errc::no_space_on_device, "old", 0x11A4, false, 0}; },
         // A failed rename: temporary file removed, permissions restored, backup kept.
-        [&](World&) {
-            return FailureRow{"rename",
-                              0x124,
-                              true,
-                              {{{"rename", 1}, failing(errc::cross_device_link)}},
-                              "rename failed: boom",
-                              errc::cross_device_link,
-                              "old",
-                              0x1124,
-                              false,
-                              1};
-        },
-        [&](World&) {
-            return FailureRow{
-                "renameFirst", 0, false, {{{"rename", 1}, io}}, "rename failed: boom", errc::io_error, "", 0, false, 0};
-        },
-        [&](World&) {
-            return FailureRow{"renameAndCleanup",
-                              0x1A4,
-                              false,
-                              {{{"rename", 1}, failing(errc::cross_device_link)}, {{"remove", 1}, io}},
-                              "rename failed: boom",
-                              errc::cross_device_link,
-                              "old",
-                              0x1A4,
-                              true,
-                              0};
-        },
+        [&](World&) { return FailureRow{"rename", 0x124, true, {{{"rename", 1}, failing(errc::cross_device_link)}}, "rename failed: boom", errc::cross_device_link, "old", 0x1124, false, 1}; },
+        [&](World&) { return FailureRow{"renameFirst", 0, false, {{{"rename", 1}, io}}, "rename failed: boom", errc::io_error, "", 0, false, 0}; },
+        [&](World&) { return FailureRow{"renameAndCleanup", 0x1A4, false, {{{"rename", 1}, failing(errc::cross_device_link)}, {{"remove", 1}, io}}, "rename failed: boom", errc::cross_device_link, "old", 0x1A4, true, 0}; },
         // Final permissions refused on a package its owner cannot write: reported, package stays.
         [&](World& w) {
             w.always["setPermissions"] = io;
             Fault readOnlyCopy = [&w](Call const& c) { return w.files[c.paths[1]] = {"new", 0x124}, World::Reply{}; };
-            return FailureRow{"finalNotWritable",
-                              0x1A4,
-                              false,
-                              {{{"copy", 1}, readOnlyCopy}},
-                              SetDenied,
-                              errc::permission_denied,
-                              "new",
-                              0x124,
-                              false,
-                              0};
+            return FailureRow{"finalNotWritable", 0x1A4, false, {{{"copy", 1}, readOnlyCopy}}, SetDenied, errc::permission_denied, "new", 0x124, false, 0};
         },
         // Refused while the owner can read and write (as the file came, or unreadable: 0xFFFF).
-        [&](World&) {
-            return FailureRow{"finalWritable",
-                              0x124,
-                              false,
-                              {{{"setPermissions", 2}, failing(errc::operation_not_permitted)}},
-                              "",
-                              {},
-                              "new",
-                              0x1A4,
-                              false,
-                              0};
-        },
-        [&](World&) {
-            return FailureRow{"finalUnreadable",
-                              0x124,
-                              false,
-                              {{{"getPermissions", 3}, io}, {{"setPermissions", 2}, io}},
-                              "",
-                              {},
-                              "new",
-                              0x1A4,
-                              false,
-                              0};
-        },
+        [&](World&) { return FailureRow{"finalWritable", 0x124, false, {{{"setPermissions", 2}, failing(errc::operation_not_permitted)}}, "", {}, "new", 0x1A4, false, 0}; },
+        [&](World&) { return FailureRow{"finalUnreadable", 0x124, false, {{{"getPermissions", 3}, io}, {{"setPermissions", 2}, io}}, "", {}, "new", 0x1A4, false, 0}; },
     };
     for (auto const& make : rows) {
         World w;
@@ -437,8 +303,7 @@ TEST(CommitModel, FailureTable) {
         EXPECT_EQ(w.files.count(Tmp), r.tempLeft ? 1u : 0u);
         std::u16string const names[] = {u".bak", u".bak2", u".bak3", u".bak4", u".bak5"};
         for (std::size_t i = 0; i < 5; ++i)
-            EXPECT_EQ(w.files.count(P + names[i]) ? w.files.at(P + names[i]).content : "",
-                      i < r.backupsLeft ? "old" : "");
+            EXPECT_EQ(w.files.count(P + names[i]) ? w.files.at(P + names[i]).content : "", i < r.backupsLeft ? "old" : "");
         EXPECT_THAT(announced, IsEmpty());
     }
 }

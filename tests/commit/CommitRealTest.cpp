@@ -130,8 +130,7 @@ TEST_F(RealCommit, FaultInjectingOpsFailsAsABackEndDoes) {
         }
         return "";
     };
-    EXPECT_EQ(message([&] { faulty.exists(picked); }),
-              "exists failed: " + io.message() + ": " + dir + "/picked: " + io.message());
+    EXPECT_EQ(message([&] { faulty.exists(picked); }), "exists failed: " + io.message() + ": " + dir + "/picked: " + io.message());
     EXPECT_EQ(message([&] { faulty.getSizeInBytes(other); }), message([&] { local.getSizeInBytes(other); }));
     EXPECT_TRUE(faulty.isFolder(u16(dir)));
     EXPECT_TRUE(faulty.fired());
@@ -175,9 +174,7 @@ TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
         boost::system::error_code ignored;
         ops(c.target).removeAll(folder(c.target), ignored);
         ops(c.target).createFolders(folder(c.target));
-        ops(c.target)
-            .createOutputStream(path, OpenMode::WriteBinary)
-            ->write(oldContent.data(), long(oldContent.size()));
+        ops(c.target).createOutputStream(path, OpenMode::WriteBinary)->write(oldContent.data(), long(oldContent.size()));
         if (c.target == Kind::Memory)
             virtualOps.setPermissions(path, Perms::Perms_tag(c.mode));
         else
@@ -232,20 +229,21 @@ TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Commit, FaultInjection,
-                         ::testing::Values(FaultCase{"LocalFromLocal", Kind::Local, Kind::Local, false, 0644},
-                                           FaultCase{"LocalFromLocalBackup", Kind::Local, Kind::Local, true, 0644},
-                                           FaultCase{"ReadOnlyLocal", Kind::Local, Kind::Local, false, 0444},
-                                           FaultCase{"ReadOnlyLocalBackup", Kind::Local, Kind::Local, true, 0444},
-                                           FaultCase{"LocalFromMemory", Kind::Local, Kind::Memory, false, 0600},
-                                           FaultCase{"LocalFromMemoryBackup", Kind::Local, Kind::Memory, true, 0640},
-                                           FaultCase{"FileFromLocal", Kind::File, Kind::Local, false, 0644},
-                                           FaultCase{"FileFromLocalBackup", Kind::File, Kind::Local, true, 0444},
-                                           FaultCase{"FileFromMemory", Kind::File, Kind::Memory, true, 0640},
-                                           FaultCase{"MemoryFromLocal", Kind::Memory, Kind::Local, false, 0644},
-                                           FaultCase{"MemoryFromLocalBackup", Kind::Memory, Kind::Local, true, 0444},
-                                           FaultCase{"MemoryFromMemory", Kind::Memory, Kind::Memory, true, 0644}),
-                         [](auto const& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Commit, FaultInjection,
+    ::testing::Values(FaultCase{"LocalFromLocal", Kind::Local, Kind::Local, false, 0644},
+                      FaultCase{"LocalFromLocalBackup", Kind::Local, Kind::Local, true, 0644},
+                      FaultCase{"ReadOnlyLocal", Kind::Local, Kind::Local, false, 0444},
+                      FaultCase{"ReadOnlyLocalBackup", Kind::Local, Kind::Local, true, 0444},
+                      FaultCase{"LocalFromMemory", Kind::Local, Kind::Memory, false, 0600},
+                      FaultCase{"LocalFromMemoryBackup", Kind::Local, Kind::Memory, true, 0640},
+                      FaultCase{"FileFromLocal", Kind::File, Kind::Local, false, 0644},
+                      FaultCase{"FileFromLocalBackup", Kind::File, Kind::Local, true, 0444},
+                      FaultCase{"FileFromMemory", Kind::File, Kind::Memory, true, 0640},
+                      FaultCase{"MemoryFromLocal", Kind::Memory, Kind::Local, false, 0644},
+                      FaultCase{"MemoryFromLocalBackup", Kind::Memory, Kind::Local, true, 0444},
+                      FaultCase{"MemoryFromMemory", Kind::Memory, Kind::Memory, true, 0644}),
+    [](auto const& info) { return std::string(info.param.name); });
 
 } // namespace
 } // namespace opc::test

@@ -31,8 +31,7 @@ TEST_F(TempTest, TempDirAndFreshNamesWithDefaults) {
     std::set<std::string> seen;
     for (int i = 0; i < 200; ++i) {
         fs::path const p(narrow(util::getTempName(u"", u"", u"")));
-        EXPECT_EQ(p.parent_path().string() + p.filename().string().substr(0, 1) + p.extension().string(),
-                  dir + "..tmp");
+        EXPECT_EQ(p.parent_path().string() + p.filename().string().substr(0, 1) + p.extension().string(), dir + "..tmp");
         EXPECT_TRUE(seen.insert(p.string()).second && !fs::exists(fs::symlink_status(p)));
     }
     fs::create_directory(dir + "/sub");
@@ -98,8 +97,7 @@ TEST_F(TempTest, GuardsRemoveTheirItemUnlessReleased) {
     };
     EXPECT_EQ(refusal([&] { TempfileGuard(u16(dir + "/missing"), u"", u""); }), "Temp file could not be created");
     std::string const what = refusal([&] { TempdirGuard(u16(dir + "/missing"), u"p", u".x"); });
-    EXPECT_EQ(
-        what.rfind("Temporary directory could not be created. No such file or directory: " + dir + "/missing/p", 0), 0u)
+    EXPECT_EQ(what.rfind("Temporary directory could not be created. No such file or directory: " + dir + "/missing/p", 0), 0u)
         << what;
     EXPECT_EQ(what.substr(what.size() - 2), ".x");
 }

@@ -31,10 +31,7 @@ protected:
     std::u16string doGetExtension(S p, D d, ec_t& ec) override { return fail<std::u16string>(p, d, ec); }
     std::u16string doAppendPath(S p, S, D d, ec_t& ec) override { return fail<std::u16string>(p, d, ec); }
     std::u16string doNormalizePath(S p, D d, ec_t& ec) override { return fail<std::u16string>(p, d, ec); }
-    bool doGetLocalPath(S, std::u16string& out) override {
-        out = u"junk";
-        return false;
-    }
+    bool doGetLocalPath(S, std::u16string& out) override { out = u"junk"; return false; }
     bool doIsAbsolutePath(S p) override { return !p.empty() && p[0] == u'/'; }
     bool doExists(S p, D d, ec_t& ec) override { return fail<bool>(p, d, ec); }
     bool doIsFile(S p, D d, ec_t& ec) override { return fail<bool>(p, d, ec); }
@@ -156,7 +153,8 @@ int main() {
     expectCode([&](error_code& ec) { o.rename(p, u"/q", ec); }, "rename/ec");
     expectCode([&](error_code& ec) { o.remove(p, ec); }, "remove/ec");
     expectCode([&](error_code& ec) { o.removeAll(p, ec); }, "removeAll/ec");
-    expectCode([&](error_code& ec) { o.replaceFileWithBackup(p, o, u"/s", options, ec); }, "replaceFileWithBackup/ec");
+    expectCode([&](error_code& ec) { o.replaceFileWithBackup(p, o, u"/s", options, ec); },
+               "replaceFileWithBackup/ec");
 
     std::u16string local = u"stale";
     expect(!o.getLocalPath(p, local) && local.empty(), "getLocalPath empties its output");

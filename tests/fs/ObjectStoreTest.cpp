@@ -77,8 +77,7 @@ protected:
     }
     std::u16string at(std::string const& relative) { return toString(uri(relative), true); }
     void write(std::string const& relative, std::string const& bytes) {
-        m_ops->createOutputStream(at(relative), OpenMode::WriteBinary | OpenMode::Truncate)
-            ->write(bytes.data(), bytes.size());
+        m_ops->createOutputStream(at(relative), OpenMode::WriteBinary | OpenMode::Truncate)->write(bytes.data(), bytes.size());
     }
     std::string read(std::string const& relative) {
         auto in = m_ops->createInputStream(at(relative), OpenMode::ReadBinary);
@@ -89,8 +88,7 @@ protected:
         return run("aws --endpoint-url '" + env("AWS_ENDPOINT_URL") + "' " + arguments);
     }
     std::string head(std::string const& relative) {
-        return aws("s3api head-object --bucket " + env("S3_BUCKET") + " --key '" + m_prefix + "/" + relative + "'")
-            .second;
+        return aws("s3api head-object --bucket " + env("S3_BUCKET") + " --key '" + m_prefix + "/" + relative + "'").second;
     }
     void needAws() {
         if (!run("command -v aws >/dev/null").first)
@@ -127,9 +125,7 @@ TEST_F(ObjectStore, LibraryReadsWhatAwsWrites) {
     EXPECT_TRUE(read("twenty") == bytes);
     // Keys no library write makes: an empty segment, a file beside a folder of its name.
     for (std::string key : {"a//b", "x", "x/y", "e/f"})
-        ASSERT_TRUE(
-            run("printf " + key + " | aws --endpoint-url '" + env("AWS_ENDPOINT_URL") + "' s3 cp - '" + uri(key) + "'")
-                .first);
+        ASSERT_TRUE(run("printf " + key + " | aws --endpoint-url '" + env("AWS_ENDPOINT_URL") + "' s3 cp - '" + uri(key) + "'").first);
     EXPECT_EQ(read("a//b"), "a//b");
     std::vector<std::u16string> files;
     m_ops->getFiles(at(""), files, true);
@@ -233,11 +229,9 @@ private:
         for (int client; (client = ::accept(m_socket, nullptr, nullptr)) >= 0; ::close(client)) {
             std::string request;
             char chunk[4096];
-            for (ssize_t n;
-                 request.find("\r\n\r\n") == std::string::npos && (n = ::recv(client, chunk, sizeof chunk, 0)) > 0;)
+            for (ssize_t n; request.find("\r\n\r\n") == std::string::npos && (n = ::recv(client, chunk, sizeof chunk, 0)) > 0;)
                 request.append(chunk, std::size_t(n));
-            std::string const& answer =
-                m_answers[std::min<std::size_t>(std::size_t(m_requests++), m_answers.size() - 1)];
+            std::string const& answer = m_answers[std::min<std::size_t>(std::size_t(m_requests++), m_answers.size() - 1)];
             ::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
         }
     }
@@ -250,8 +244,7 @@ private:
 };
 
 TEST(ObjectStoreRetries, RefusalsAreRetriedThenReportedAsTryAgain) {
-    std::string const refused =
-        "HTTP/1.1 503 Slow Down\r\nRetry-After: 0\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+    std::string const refused = "HTTP/1.1 503 Slow Down\r\nRetry-After: 0\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
     std::string const found = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\nETag: \"e\"\r\nConnection: close\r\n\r\n";
     struct Case {
         std::vector<std::string> answers;

@@ -42,17 +42,9 @@ TEST(PathText, Local) {
     struct Join {
         std::u16string base, tail, joined;
     } const joins[] = {
-        {u"/a", u"b", u"/a/b"},
-        {u"/a", u"/b", u"/a/b"},
-        {u"/a", u"/", u"/a"},
-        {u"/a", u"", u"/a"},
-        {u"/a/", u"b", u"/a/b"},
-        {u"", u"c", u"c"},
-        {u"", u"/", u""},
-        {u"a//b", u"c", u"a/b/c"},
-        {u"/a", u"//b", u"/a/b"},
-        {u"/", u"x", u"/x"},
-        {u"/a", u"caf\u00E9 1", u"/a/caf\u00E9 1"},
+        {u"/a", u"b", u"/a/b"},   {u"/a", u"/b", u"/a/b"}, {u"/a", u"/", u"/a"},        {u"/a", u"", u"/a"},
+        {u"/a/", u"b", u"/a/b"},  {u"", u"c", u"c"},       {u"", u"/", u""},            {u"a//b", u"c", u"a/b/c"},
+        {u"/a", u"//b", u"/a/b"}, {u"/", u"x", u"/x"},     {u"/a", u"caf\u00E9 1", u"/a/caf\u00E9 1"},
     };
     for (auto const& j : joins)
         EXPECT_EQ(ops.appendPath(j.base, j.tail), j.joined) << toUDEString(j.base) << " + " << toUDEString(j.tail);
@@ -65,24 +57,21 @@ TEST(PathText, Local) {
 TEST(PathText, Virtual) {
     vfs::StorageSystemReference storage;
     VirtualFileSystemOps ops(storage);
-    expectRows(ops,
-               {{u"memory:///a/b.tar.gz", u"b.tar.gz", u"gz", u"memory:///a", u"memory:///a/b.tar.gz"},
-                {u"memory:///a/b.", u"b.", u"", u"memory:///a", u"memory:///a/b."},
-                {u"memory:///a.d/b", u"b", u"", u"memory:///a.d", u"memory:///a.d/b"},
-                {u"memory:///a/.profile", u".profile", u"profile", u"memory:///a", u"memory:///a/.profile"},
-                {u"memory:///a//b/./c/../d%20e.pkg/", u"d e.pkg", u"pkg", u"memory:///a/b", u"memory:///a/b/d%20e.pkg"},
-                {u"file:///x/r%C3%A9sum%C3%A9.P%20KG", u"r\u00E9sum\u00E9.P KG", u"P KG", u"file:///x",
-                 u"file:///x/r\u00E9sum\u00E9.P%20KG"},
-                {u"memory:///", u"", u"", u"", u"memory:///"},
-                {u"memory:///\U0010FFFF.x", u"\U0010FFFF.x", u"x", u"memory:///", u"memory:///\U0010FFFF.x"}});
+    expectRows(ops, {{u"memory:///a/b.tar.gz", u"b.tar.gz", u"gz", u"memory:///a", u"memory:///a/b.tar.gz"},
+                     {u"memory:///a/b.", u"b.", u"", u"memory:///a", u"memory:///a/b."},
+                     {u"memory:///a.d/b", u"b", u"", u"memory:///a.d", u"memory:///a.d/b"},
+                     {u"memory:///a/.profile", u".profile", u"profile", u"memory:///a", u"memory:///a/.profile"},
+                     {u"memory:///a//b/./c/../d%20e.pkg/", u"d e.pkg", u"pkg", u"memory:///a/b", u"memory:///a/b/d%20e.pkg"},
+                     {u"file:///x/r%C3%A9sum%C3%A9.P%20KG", u"r\u00E9sum\u00E9.P KG", u"P KG", u"file:///x",
+                      u"file:///x/r\u00E9sum\u00E9.P%20KG"},
+                     {u"memory:///", u"", u"", u"", u"memory:///"},
+                     {u"memory:///\U0010FFFF.x", u"\U0010FFFF.x", u"x", u"memory:///", u"memory:///\U0010FFFF.x"}});
     // Names let the storage's exception out; the parent reports through the frame.
     EXPECT_THROW(ops.getFilename(u"memory:relative"), vfs::InvalidIRIException);
     EXPECT_THROW(ops.getExtension(u"gopher:///a.b"), vfs::UnsupportedIRISchemeException);
     EXPECT_THROW(ops.getParentPath(u"not an iri"), Exception);
-    for (auto const& [tail, joined] : Pairs{{u"c", u"memory:///a/b/c"},
-                                            {u"/c", u"memory:///a/b/c"},
-                                            {u"//c", u"memory:///a/b/c"},
-                                            {u"../c", u"memory:///a/c"},
+    for (auto const& [tail, joined] : Pairs{{u"c", u"memory:///a/b/c"}, {u"/c", u"memory:///a/b/c"},
+                                            {u"//c", u"memory:///a/b/c"}, {u"../c", u"memory:///a/c"},
                                             {u"", u"memory:///a/b"}})
         EXPECT_EQ(ops.appendPath(u"memory:///a/b", tail), joined) << toUDEString(tail);
     EXPECT_THROW(ops.appendPath(u"relative/base", u"c"), Exception);
@@ -95,16 +84,10 @@ TEST(PathText, Virtual) {
         std::u16string out = u"stale";
         EXPECT_FALSE(ops.getLocalPath(other, out) || !out.empty());
     }
-    for (auto const& [text, absolute] : std::vector<std::pair<std::u16string, bool>>{{u"memory:///a", true},
-                                                                                     {u"MEMORY:///a", true},
-                                                                                     {u"Z:///a", false},
-                                                                                     {u"/tmp/a", false},
-                                                                                     {u"a/b", false},
-                                                                                     {u"gopher:///a", false},
-                                                                                     {u"memory:a", false},
-                                                                                     {u"memory://host/a", false},
-                                                                                     {u"", false},
-                                                                                     {u"memory:///%zz", false}})
+    for (auto const& [text, absolute] : std::vector<std::pair<std::u16string, bool>>{
+             {u"memory:///a", true}, {u"MEMORY:///a", true}, {u"Z:///a", false}, {u"/tmp/a", false},
+             {u"a/b", false}, {u"gopher:///a", false}, {u"memory:a", false}, {u"memory://host/a", false},
+             {u"", false}, {u"memory:///%zz", false}})
         EXPECT_EQ(ops.isAbsolutePath(text), absolute) << toUDEString(text);
     std::u16string const inTemp = ops.getTempName(u""); // no folder: in the host's temporary folder
     EXPECT_TRUE(ops.getLocalPath(inTemp, back) && !ops.exists(inTemp));

@@ -17,23 +17,18 @@ enum Kind { Local, Memory, File };
 inline char const* const KindNames[] = {"Local", "Memory", "File"};
 
 inline std::u16string pathIn(Kind kind, std::string const& file) {
-    return kind == Local  ? u16(file)
-           : kind == File ? u16("file://" + file)
-                          : u"memory:///" + u16(std::filesystem::path(file).filename());
+    return kind == Local ? u16(file) : kind == File ? u16("file://" + file) : u"memory:///" + u16(std::filesystem::path(file).filename());
 }
 
 // Commits `source` over `target` between back ends of the given kinds.
-inline void commitBetween(Kind from, Kind to, std::string const& target, std::string const& source,
-                          bool backup = false) {
+inline void commitBetween(Kind from, Kind to, std::string const& target, std::string const& source, bool backup = false) {
     stratum::storage::vfs::StorageSystemReference storage;
     LocalFileSystemOps local;
     VirtualFileSystemOps storageOps(storage);
     auto ops = [&](Kind k) -> FileSystemOps& { return k == Local ? static_cast<FileSystemOps&>(local) : storageOps; };
     if (from == Memory) {
         std::string const content = readFile(source);
-        ops(Memory)
-            .createOutputStream(pathIn(Memory, source), OpenMode::WriteBinary)
-            ->write(content.data(), long(content.size()));
+        ops(Memory).createOutputStream(pathIn(Memory, source), OpenMode::WriteBinary)->write(content.data(), long(content.size()));
     }
     CommitOptions options;
     options.removeBackup(!backup);

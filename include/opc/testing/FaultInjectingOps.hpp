@@ -73,9 +73,9 @@ public:
 protected:
     /// What a call returns: nothing, or a value of one of the operations' result types (a list
     /// of paths for `getFiles`, which appends it to the caller's list).
-    using Result =
-        std::variant<std::monostate, bool, std::u16string, Perms::Perms_tag, ptime, std::uint64_t,
-                     std::shared_ptr<std::istream>, std::shared_ptr<std::ostream>, std::vector<std::u16string>>;
+    using Result = std::variant<std::monostate, bool, std::u16string, Perms::Perms_tag, ptime, std::uint64_t,
+                                std::shared_ptr<std::istream>, std::shared_ptr<std::ostream>,
+                                std::vector<std::u16string>>;
 
     /// For doubles built on this one that answer calls themselves: a call `answer` leaves to be
     /// forwarded succeeds with an empty result instead; `getLocalPath` and `isAbsolutePath`

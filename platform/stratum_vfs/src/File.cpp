@@ -15,8 +15,8 @@ std::shared_ptr<provider::StorageProvider> providerOf(AbsoluteIRI const& iri, St
 
 // Length in code units of the character starting at `i` (a surrogate pair is one character).
 std::size_t charLength(std::u16string const& text, std::size_t i) {
-    bool pair =
-        text[i] >= 0xD800 && text[i] <= 0xDBFF && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF;
+    bool pair = text[i] >= 0xD800 && text[i] <= 0xDBFF && i + 1 < text.size() && text[i + 1] >= 0xDC00 &&
+                text[i + 1] <= 0xDFFF;
     return pair ? 2 : 1;
 }
 

@@ -47,8 +47,8 @@ std::size_t schemeLength(std::u16string const& text) {
         return 0;
     }
     std::size_t i = 1;
-    while (i < text.size() &&
-           (isAlpha(text[i]) || isDigit(text[i]) || text[i] == u'+' || text[i] == u'-' || text[i] == u'.')) {
+    while (i < text.size() && (isAlpha(text[i]) || isDigit(text[i]) || text[i] == u'+' || text[i] == u'-' ||
+                               text[i] == u'.')) {
         ++i;
     }
     return i < text.size() && text[i] == u':' ? i : 0;

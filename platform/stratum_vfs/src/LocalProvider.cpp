@@ -138,8 +138,7 @@ public:
         return guarded(iri, [&] {
             std::vector<FolderEntry> entries;
             for (fs::directory_iterator it(hostPath(iri)); it.is_open(); ++it) {
-                entries.push_back(
-                    FolderEntry{it->filename(), (it->status().type() & fs::file_status::directory_file) != 0});
+                entries.push_back(FolderEntry{it->filename(), (it->status().type() & fs::file_status::directory_file) != 0});
             }
             std::sort(entries.begin(), entries.end(),
                       [](FolderEntry const& a, FolderEntry const& b) { return a.name < b.name; });
@@ -163,7 +162,9 @@ public:
         guarded(iri, [&] { fs::permissions(hostPath(iri), bits); });
     }
 
-    ptime getLastModified(AbsoluteIRI const& iri) override { return statusOf(iri, provider::NoItem).last_write_time(); }
+    ptime getLastModified(AbsoluteIRI const& iri) override {
+        return statusOf(iri, provider::NoItem).last_write_time();
+    }
 
     void setLastModified(AbsoluteIRI const& iri, ptime time) override {
         guarded(iri, [&] { fs::last_write_time(hostPath(iri), time); });
@@ -226,9 +227,7 @@ private:
         ItemKind kind = kindOf(status);
         if (kind == provider::NoItem || (expected != provider::NoItem && kind != expected)) {
             throw Exception(ErrorCode::NotFound, iri,
-                            kind == provider::NoItem       ? ""
-                            : kind == provider::FolderItem ? "a folder is not a file"
-                                                           : "a file is not a folder");
+                            kind == provider::NoItem ? "" : kind == provider::FolderItem ? "a folder is not a file" : "a file is not a folder");
         }
         return status;
     }

@@ -23,8 +23,7 @@ struct Place {
 Place placeOf(FileOrFolder const& item) {
     return std::visit(
         [](auto const& alternative) {
-            return Place{alternative.getIRI(),
-                         alternative.getStorageSystem().getProvider(alternative.getIRI().getScheme())};
+            return Place{alternative.getIRI(), alternative.getStorageSystem().getProvider(alternative.getIRI().getScheme())};
         },
         item);
 }
@@ -55,9 +54,7 @@ void removeExisting(Place const& place, ItemKind kind) {
     }
 }
 
-Place childOf(Place const& place, std::u16string const& name) {
-    return Place{place.iri.getChild(name), place.provider};
-}
+Place childOf(Place const& place, std::u16string const& name) { return Place{place.iri.getChild(name), place.provider}; }
 
 // Copies an existing item to a free place whose parent is a folder.
 void copyItem(Place const& source, ItemKind kind, Place const& destination) {

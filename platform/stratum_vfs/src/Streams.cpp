@@ -9,18 +9,12 @@ namespace {
 
 std::ios_base::openmode toOpenMode(unsigned bits) {
     std::ios_base::openmode mode{};
-    if (bits & OpenMode::Append)
-        mode |= std::ios_base::app;
-    if (bits & OpenMode::AtEnd)
-        mode |= std::ios_base::ate;
-    if (bits & OpenMode::Binary)
-        mode |= std::ios_base::binary;
-    if (bits & OpenMode::In)
-        mode |= std::ios_base::in;
-    if (bits & OpenMode::Out)
-        mode |= std::ios_base::out;
-    if (bits & OpenMode::Truncate)
-        mode |= std::ios_base::trunc;
+    if (bits & OpenMode::Append) mode |= std::ios_base::app;
+    if (bits & OpenMode::AtEnd) mode |= std::ios_base::ate;
+    if (bits & OpenMode::Binary) mode |= std::ios_base::binary;
+    if (bits & OpenMode::In) mode |= std::ios_base::in;
+    if (bits & OpenMode::Out) mode |= std::ios_base::out;
+    if (bits & OpenMode::Truncate) mode |= std::ios_base::trunc;
     return mode;
 }
 
@@ -80,7 +74,9 @@ protected:
     pos_type seekoff(off_type offset, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
         return storage_->pubseekoff(offset, dir, which);
     }
-    pos_type seekpos(pos_type pos, std::ios_base::openmode which) override { return storage_->pubseekpos(pos, which); }
+    pos_type seekpos(pos_type pos, std::ios_base::openmode which) override {
+        return storage_->pubseekpos(pos, which);
+    }
 
 private:
     template <class Work>
@@ -103,7 +99,8 @@ private:
 } // namespace detail
 
 ifstream::ifstream(File const& file, unsigned mode) : std::istream(nullptr), file_(file) {
-    bool const valid = !(mode & OpenMode::Truncate) || ((mode & OpenMode::Out) && !(mode & OpenMode::Append));
+    bool const valid = !(mode & OpenMode::Truncate) ||
+                       ((mode & OpenMode::Out) && !(mode & OpenMode::Append));
     auto provider = file_.getStorageSystem().getProvider(file_.getIRI().getScheme());
     if (valid) {
         buffer_ = provider->openInput(file_.getIRI());
@@ -129,7 +126,8 @@ void ifstream::close() {
     }
 }
 
-ofstream::ofstream(File const& file, unsigned mode, FailureHandler onFailure) : std::ostream(nullptr), file_(file) {
+ofstream::ofstream(File const& file, unsigned mode, FailureHandler onFailure)
+    : std::ostream(nullptr), file_(file) {
     AbsoluteIRI const& iri = file_.getIRI();
     auto provider = file_.getStorageSystem().getProvider(iri.getScheme());
     std::ios_base::openmode openMode = toOpenMode(mode) | std::ios_base::out;
@@ -156,8 +154,8 @@ ofstream::ofstream(File const& file, unsigned mode, FailureHandler onFailure) : 
             return;
         }
     }
-    buffer_ =
-        std::make_unique<detail::WriteThroughBuffer>(provider->openOutput(iri, openMode), iri, std::move(onFailure));
+    buffer_ = std::make_unique<detail::WriteThroughBuffer>(provider->openOutput(iri, openMode), iri,
+                                                           std::move(onFailure));
     rdbuf(buffer_.get());
     exceptions(std::ios_base::badbit);
 }

@@ -45,11 +45,12 @@ std::string toUtf8Lenient(std::u16string const& text) {
     }
     UErrorCode status = U_ZERO_ERROR;
     int32_t length = 0;
-    u_strToUTF8WithSub(nullptr, 0, &length, text.data(), static_cast<int32_t>(text.size()), 0xFFFD, nullptr, &status);
+    u_strToUTF8WithSub(nullptr, 0, &length, text.data(), static_cast<int32_t>(text.size()), 0xFFFD, nullptr,
+                       &status);
     out.resize(static_cast<std::size_t>(length));
     status = U_ZERO_ERROR;
-    u_strToUTF8WithSub(out.data(), length, &length, text.data(), static_cast<int32_t>(text.size()), 0xFFFD, nullptr,
-                       &status);
+    u_strToUTF8WithSub(out.data(), length, &length, text.data(), static_cast<int32_t>(text.size()), 0xFFFD,
+                       nullptr, &status);
     return out;
 }
 

@@ -229,24 +229,25 @@ TEST(S3Errors, StatusAndCodeTranslateToOneStorageError) {
         bool createOnly;
         ErrorCode expected;
     };
-    for (Row const& row :
-         {Row{404, "NoSuchKey", T::None, false, ErrorCode::NotFound},
-          Row{404, "NoSuchBucket", T::None, false, ErrorCode::NotFound},
-          Row{404, "", T::None, false, ErrorCode::NotFound}, // HEAD has no body
-          Row{403, "AccessDenied", T::None, false, ErrorCode::PermissionDenied},
-          Row{403, "SignatureDoesNotMatch", T::None, false, ErrorCode::PermissionDenied},
-          Row{403, "InvalidAccessKeyId", T::None, false, ErrorCode::PermissionDenied},
-          Row{403, "RequestTimeTooSkewed", T::None, false, ErrorCode::PermissionDenied},
-          Row{403, "", T::None, false, ErrorCode::PermissionDenied},
-          Row{409, "BucketNotEmpty", T::None, false, ErrorCode::DirectoryNotEmpty},
-          Row{412, "PreconditionFailed", T::None, true, ErrorCode::FileExists},
-          Row{412, "PreconditionFailed", T::None, false, ErrorCode::IOError},
-          Row{503, "SlowDown", T::None, false, ErrorCode::TryAgain}, Row{429, "", T::None, false, ErrorCode::TryAgain},
-          Row{200, "InternalError", T::None, false, ErrorCode::IOError}, // an <Error> body of a copy
-          Row{500, "InternalError", T::None, false, ErrorCode::IOError},
-          Row{400, "EntityTooLarge", T::None, false, ErrorCode::FileTooLarge},
-          Row{0, "", T::Unreachable, false, ErrorCode::NoSuchDeviceOrAddress},
-          Row{0, "", T::Dropped, false, ErrorCode::IOError}, Row{0, "", T::TimedOut, false, ErrorCode::TryAgain}})
+    for (Row const& row : {Row{404, "NoSuchKey", T::None, false, ErrorCode::NotFound},
+                           Row{404, "NoSuchBucket", T::None, false, ErrorCode::NotFound},
+                           Row{404, "", T::None, false, ErrorCode::NotFound}, // HEAD has no body
+                           Row{403, "AccessDenied", T::None, false, ErrorCode::PermissionDenied},
+                           Row{403, "SignatureDoesNotMatch", T::None, false, ErrorCode::PermissionDenied},
+                           Row{403, "InvalidAccessKeyId", T::None, false, ErrorCode::PermissionDenied},
+                           Row{403, "RequestTimeTooSkewed", T::None, false, ErrorCode::PermissionDenied},
+                           Row{403, "", T::None, false, ErrorCode::PermissionDenied},
+                           Row{409, "BucketNotEmpty", T::None, false, ErrorCode::DirectoryNotEmpty},
+                           Row{412, "PreconditionFailed", T::None, true, ErrorCode::FileExists},
+                           Row{412, "PreconditionFailed", T::None, false, ErrorCode::IOError},
+                           Row{503, "SlowDown", T::None, false, ErrorCode::TryAgain},
+                           Row{429, "", T::None, false, ErrorCode::TryAgain},
+                           Row{200, "InternalError", T::None, false, ErrorCode::IOError}, // an <Error> body of a copy
+                           Row{500, "InternalError", T::None, false, ErrorCode::IOError},
+                           Row{400, "EntityTooLarge", T::None, false, ErrorCode::FileTooLarge},
+                           Row{0, "", T::Unreachable, false, ErrorCode::NoSuchDeviceOrAddress},
+                           Row{0, "", T::Dropped, false, ErrorCode::IOError},
+                           Row{0, "", T::TimedOut, false, ErrorCode::TryAgain}})
         EXPECT_EQ(s3::errorCodeFor(row.status, row.code, row.transport, row.createOnly), row.expected)
             << row.status << " " << row.code;
     s3::HttpResponse answer;

@@ -40,8 +40,8 @@ int copy_content(int in, int out) {
         return 0;
     bool first = true;
     for (;;) {
-        ssize_t const moved =
-            sys::retry([&] { return ::copy_file_range(in, nullptr, out, nullptr, std::size_t(1) << 30, 0); });
+        ssize_t const moved = sys::retry(
+            [&] { return ::copy_file_range(in, nullptr, out, nullptr, std::size_t(1) << 30, 0); });
         if (moved == 0)
             return 0;
         if (moved < 0) {

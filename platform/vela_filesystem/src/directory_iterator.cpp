@@ -16,8 +16,8 @@ namespace vela::filesystem {
 
 struct directory_iterator::state {
     DIR* dir = nullptr;
-    std::u16string folder;     // as given, with a "/" appended when it had none
-    std::string folder_access; // the same in access form, for error reports
+    std::u16string folder;      // as given, with a "/" appended when it had none
+    std::string folder_access;  // the same in access form, for error reports
     directory_entry entry;
     bool open = false;
 
@@ -73,8 +73,7 @@ void append_name(std::u16string& out, char const* name, std::size_t length) {
     u_strFromUTF8(wide, static_cast<int32_t>(length), &converted, name, static_cast<int32_t>(length), &status);
     if (U_FAILURE(status))
         throw FileNameConversionFailure("vela:filesystem:FileNameConversionFailure",
-                                        "File name is not valid UTF-8: " + std::string(name, length),
-                                        out.substr(0, start));
+                                        "File name is not valid UTF-8: " + std::string(name, length), out.substr(0, start));
     out.resize(start + static_cast<std::size_t>(converted));
 }
 

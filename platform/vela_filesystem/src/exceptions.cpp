@@ -22,12 +22,13 @@ FsysExceptionBase::FsysExceptionBase(std::string message_id, std::string const& 
       m_arguments(std::move(arguments)) {}
 FsysExceptionBase::~FsysExceptionBase() = default;
 
-#define VELA_FS_DEFINE_EXCEPTION(Name, errno_value)                                                                    \
-    Name::Name(std::string message_id, std::u16string path, std::vector<std::string> arguments)                        \
-        : FsysExceptionBase(std::move(message_id), errno_text(errno_value), std::move(path), std::move(arguments)) {}  \
-    Name::Name(std::string message_id, std::string const& text, std::u16string path,                                   \
-               std::vector<std::string> arguments)                                                                     \
-        : FsysExceptionBase(std::move(message_id), text, std::move(path), std::move(arguments)) {}                     \
+#define VELA_FS_DEFINE_EXCEPTION(Name, errno_value)                                                      \
+    Name::Name(std::string message_id, std::u16string path, std::vector<std::string> arguments)          \
+        : FsysExceptionBase(std::move(message_id), errno_text(errno_value), std::move(path),            \
+                            std::move(arguments)) {}                                                     \
+    Name::Name(std::string message_id, std::string const& text, std::u16string path,                     \
+               std::vector<std::string> arguments)                                                       \
+        : FsysExceptionBase(std::move(message_id), text, std::move(path), std::move(arguments)) {}       \
     Name::~Name() = default;
 
 VELA_FS_DEFINE_EXCEPTION(AccessDenied, EACCES)
@@ -44,7 +45,8 @@ VELA_FS_DEFINE_EXCEPTION(FileNameConversionFailure, EILSEQ)
 #undef VELA_FS_DEFINE_EXCEPTION
 
 SystemError::SystemError(int error_number, std::u16string path, std::vector<std::string> arguments)
-    : FsysExceptionBase("vela:filesystem:SystemError", errno_text(error_number), std::move(path), std::move(arguments)),
+    : FsysExceptionBase("vela:filesystem:SystemError", errno_text(error_number), std::move(path),
+                        std::move(arguments)),
       m_error_number(error_number) {}
 SystemError::SystemError(std::string message_id, int error_number, std::string const& text, std::u16string path,
                          std::vector<std::string> arguments)
@@ -56,20 +58,28 @@ void throw_from_errno(int error_number, std::u16string const& path, errno_origin
     std::string const text = errno_text(error_number);
     switch (error_number) {
     case EACCES:
-    case EPERM: throw AccessDenied("vela:filesystem:AccessDenied", text, path);
-    case ENOENT: throw PathNotFound("vela:filesystem:PathNotFound", text, path);
+    case EPERM:
+        throw AccessDenied("vela:filesystem:AccessDenied", text, path);
+    case ENOENT:
+        throw PathNotFound("vela:filesystem:PathNotFound", text, path);
     case EEXIST:
         if (origin == errno_origin::remove_directory)
             throw DirectoryNotEmpty("vela:filesystem:DirectoryNotEmpty", errno_text(ENOTEMPTY), path);
         throw FileExistsError("vela:filesystem:FileExistsError", text, path);
-    case ENAMETOOLONG: throw FileNameTooLarge("vela:filesystem:FileNameTooLarge", text, path);
-    case ENOTDIR: throw NotDirectoryError("vela:filesystem:NotDirectoryError", text, path);
-    case ENOTEMPTY: throw DirectoryNotEmpty("vela:filesystem:DirectoryNotEmpty", text, path);
-    case EISDIR: throw FileIsDirectory("vela:filesystem:FileIsDirectory", text, path);
+    case ENAMETOOLONG:
+        throw FileNameTooLarge("vela:filesystem:FileNameTooLarge", text, path);
+    case ENOTDIR:
+        throw NotDirectoryError("vela:filesystem:NotDirectoryError", text, path);
+    case ENOTEMPTY:
+        throw DirectoryNotEmpty("vela:filesystem:DirectoryNotEmpty", text, path);
+    case EISDIR:
+        throw FileIsDirectory("vela:filesystem:FileIsDirectory", text, path);
     case EOPNOTSUPP: // ENOTSUP has the same value on Linux
         throw InvalidOperation("vela:filesystem:InvalidOperation", text, path);
-    case EINVAL: throw InvalidArgument("vela:filesystem:InvalidArgument", text, path);
-    default: throw SystemError("vela:filesystem:SystemError", error_number, text, path);
+    case EINVAL:
+        throw InvalidArgument("vela:filesystem:InvalidArgument", text, path);
+    default:
+        throw SystemError("vela:filesystem:SystemError", error_number, text, path);
     }
 }
 

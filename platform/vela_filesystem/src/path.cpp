@@ -65,10 +65,11 @@ std::string to_filesystem(std::u16string const& text) {
     std::string out(text.size() * 3, '\0');
     UErrorCode status = U_ZERO_ERROR;
     int32_t length = 0;
-    u_strToUTF8(out.data(), static_cast<int32_t>(out.size()), &length, text.data(), static_cast<int32_t>(text.size()),
-                &status);
+    u_strToUTF8(out.data(), static_cast<int32_t>(out.size()), &length, text.data(),
+                static_cast<int32_t>(text.size()), &status);
     if (U_FAILURE(status))
-        throw FileNameConversionFailure("vela:filesystem:FileNameConversionFailure", "Path is not valid UTF-16", text);
+        throw FileNameConversionFailure("vela:filesystem:FileNameConversionFailure",
+                                        "Path is not valid UTF-16", text);
     out.resize(static_cast<std::size_t>(length));
     return out;
 }
@@ -111,7 +112,8 @@ path concatenate_pathname(path const& p, std::u16string const& tail) {
 } // namespace detail
 
 path::path(std::u16string const& text) : m_text(text.empty() ? text : detail::make_native_form(text, true)) {}
-path::path(std::u16string&& text) : m_text(text.empty() ? std::move(text) : detail::make_native_form(text, true)) {}
+path::path(std::u16string&& text)
+    : m_text(text.empty() ? std::move(text) : detail::make_native_form(text, true)) {}
 path::path(char16_t const* text) : path(std::u16string(text)) {}
 
 std::u16string path::generic_string() const { return detail::make_generic_form(m_text); }

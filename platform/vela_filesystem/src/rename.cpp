@@ -52,7 +52,8 @@ void set_mode(fd const& file, std::string const& access, mode_t mode, std::u16st
 bool same_file(struct stat const& a, struct stat const& b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
 
 // fsync of the folders of both names (once when they share one); false when one fails.
-bool sync_both_folders(std::string const& from, std::string const& to, bool report, std::u16string const& to_name) {
+bool sync_both_folders(std::string const& from, std::string const& to, bool report,
+                       std::u16string const& to_name) {
     std::string const to_folder = folder_of(to), from_folder = folder_of(from);
     for (std::string const* folder : {&to_folder, &from_folder}) {
         if (folder == &from_folder && from_folder == to_folder)
@@ -134,9 +135,9 @@ void move_into_place(std::string const& from, std::string const& to, std::u16str
                 fail_rename(errno, from_name, to_name);
         }
         if (!exchanged) {
-            int const result = how.replace
-                                   ? ::rename(from.c_str(), to.c_str())
-                                   : ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE);
+            int const result = how.replace ? ::rename(from.c_str(), to.c_str())
+                                           : ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(),
+                                                         RENAME_NOREPLACE);
             if (result != 0)
                 fail_rename(errno, from_name, to_name);
         }

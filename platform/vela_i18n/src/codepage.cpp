@@ -77,11 +77,11 @@ std::u16string codepage_to_utf16(char const* text, std::size_t length, std::stri
 
     std::u16string out(length + 16, u'\0');
     char const* source = text;
-    status =
-        convert_all(out, source, text + length,
-                    [&](char16_t** target, char16_t* limit, char const** src, char const* src_limit, UErrorCode* st) {
-                        ucnv_toUnicode(cnv.get(), target, limit, src, src_limit, nullptr, true, st);
-                    });
+    status = convert_all(out, source, text + length,
+                         [&](char16_t** target, char16_t* limit, char const** src, char const* src_limit,
+                             UErrorCode* st) {
+                             ucnv_toUnicode(cnv.get(), target, limit, src, src_limit, nullptr, true, st);
+                         });
     if (is_conversion_fault(status)) {
         char bad[32];
         int8_t bad_length = sizeof bad;
@@ -111,11 +111,11 @@ std::string utf16_to_codepage(char16_t const* text, std::size_t length, std::str
 
     std::string out(length + 16, '\0');
     char16_t const* source = text;
-    status =
-        convert_all(out, source, text + length,
-                    [&](char** target, char* limit, char16_t const** src, char16_t const* src_limit, UErrorCode* st) {
-                        ucnv_fromUnicode(cnv.get(), target, limit, src, src_limit, nullptr, true, st);
-                    });
+    status = convert_all(out, source, text + length,
+                         [&](char** target, char* limit, char16_t const** src, char16_t const* src_limit,
+                             UErrorCode* st) {
+                             ucnv_fromUnicode(cnv.get(), target, limit, src, src_limit, nullptr, true, st);
+                         });
     if (is_conversion_fault(status)) {
         UChar bad[8];
         int8_t bad_length = 8;
@@ -127,8 +127,8 @@ std::string utf16_to_codepage(char16_t const* text, std::size_t length, std::str
                                      : "is an unpaired surrogate and cannot be converted to " + encoding;
         UChar32 c;
         U16_GET(text, 0, at, length, c);
-        throw CvtInvalidInput("Character " + code_point_name(static_cast<char32_t>(c)) + " at UTF-16 offset " +
-                                  std::to_string(at) + " " + what,
+        throw CvtInvalidInput("Character " + code_point_name(static_cast<char32_t>(c)) + " at UTF-16 offset " + std::to_string(at) +
+                                  " " + what,
                               at);
     }
     if (U_FAILURE(status)) {

@@ -46,7 +46,9 @@ std::u16string to_ustring(std::string const& text, codecvt_string_to_ustring con
     return impl::codepage_to_utf16(text.data(), text.size(), cvt.encoding(), cvt.strict());
 }
 
-std::u16string to_ustring(std::string const& text) { return impl::utf8_to_utf16(text.data(), text.size(), true); }
+std::u16string to_ustring(std::string const& text) {
+    return impl::utf8_to_utf16(text.data(), text.size(), true);
+}
 
 std::u16string to_ustring(std::string const& text, codecvt_ascii_to_ustring const&) {
     std::u16string out(text.size(), u'\0');
@@ -86,15 +88,18 @@ std::string to_string(std::u16string const& text, codecvt_ustring_to_string cons
     return impl::utf16_to_codepage(text.data(), text.size(), cvt.encoding(), cvt.strict());
 }
 
-std::string to_string(std::u16string const& text) { return impl::utf16_to_utf8(text.data(), text.size(), true); }
+std::string to_string(std::u16string const& text) {
+    return impl::utf16_to_utf8(text.data(), text.size(), true);
+}
 
 std::string to_string(std::u16string const& text, codecvt_ustring_to_ascii const&) {
     std::string out(text.size(), '\0');
     for (std::size_t i = 0; i < text.size(); ++i) {
         char16_t const unit = text[i];
         if (unit >= 0x80) {
-            throw CvtInvalidInput(
-                "Non-ASCII character " + impl::code_point_name(unit) + " at UTF-16 offset " + std::to_string(i), i);
+            throw CvtInvalidInput("Non-ASCII character " + impl::code_point_name(unit) + " at UTF-16 offset " +
+                                      std::to_string(i),
+                                  i);
         }
         out[i] = static_cast<char>(unit);
     }

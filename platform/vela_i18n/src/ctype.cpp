@@ -16,30 +16,18 @@ namespace vela::i18n::detail {
 namespace {
 
 bool in_posix_class(UChar32 c, unsigned mask) {
-    if ((mask & ctype_space) && u_isUWhiteSpace(c))
-        return true;
-    if ((mask & ctype_blank) && u_isblank(c))
-        return true;
-    if ((mask & ctype_upper) && u_isUUppercase(c))
-        return true;
-    if ((mask & ctype_lower) && u_isULowercase(c))
-        return true;
-    if ((mask & ctype_alpha) && u_isUAlphabetic(c))
-        return true;
-    if ((mask & ctype_digit) && u_isdigit(c))
-        return true;
-    if ((mask & ctype_xdigit) && u_isxdigit(c))
-        return true;
-    if ((mask & ctype_alnum) && u_hasBinaryProperty(c, UCHAR_POSIX_ALNUM))
-        return true;
-    if ((mask & ctype_punct) && u_ispunct(c))
-        return true;
-    if ((mask & ctype_cntrl) && u_charType(c) == U_CONTROL_CHAR)
-        return true;
-    if ((mask & ctype_print) && u_hasBinaryProperty(c, UCHAR_POSIX_PRINT))
-        return true;
-    if ((mask & ctype_graph) && u_hasBinaryProperty(c, UCHAR_POSIX_GRAPH))
-        return true;
+    if ((mask & ctype_space) && u_isUWhiteSpace(c)) return true;
+    if ((mask & ctype_blank) && u_isblank(c)) return true;
+    if ((mask & ctype_upper) && u_isUUppercase(c)) return true;
+    if ((mask & ctype_lower) && u_isULowercase(c)) return true;
+    if ((mask & ctype_alpha) && u_isUAlphabetic(c)) return true;
+    if ((mask & ctype_digit) && u_isdigit(c)) return true;
+    if ((mask & ctype_xdigit) && u_isxdigit(c)) return true;
+    if ((mask & ctype_alnum) && u_hasBinaryProperty(c, UCHAR_POSIX_ALNUM)) return true;
+    if ((mask & ctype_punct) && u_ispunct(c)) return true;
+    if ((mask & ctype_cntrl) && u_charType(c) == U_CONTROL_CHAR) return true;
+    if ((mask & ctype_print) && u_hasBinaryProperty(c, UCHAR_POSIX_PRINT)) return true;
+    if ((mask & ctype_graph) && u_hasBinaryProperty(c, UCHAR_POSIX_GRAPH)) return true;
     return false;
 }
 

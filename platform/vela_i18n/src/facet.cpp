@@ -2,6 +2,8 @@
 
 namespace vela::i18n::facet {
 
-std::locale get_global_std_locale() { return std::locale(); }
+std::locale get_global_std_locale() {
+    return std::locale();
+}
 
 } // namespace vela::i18n::facet

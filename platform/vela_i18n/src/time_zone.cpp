@@ -55,7 +55,9 @@ std::unique_ptr<icu::TimeZone> create_known(std::string const& id) {
     return zone;
 }
 
-std::unique_ptr<icu::TimeZone> create_utc() { return std::unique_ptr<icu::TimeZone>(icu::TimeZone::getGMT()->clone()); }
+std::unique_ptr<icu::TimeZone> create_utc() {
+    return std::unique_ptr<icu::TimeZone>(icu::TimeZone::getGMT()->clone());
+}
 
 /// The process's zone, read now rather than cached, so a change of TZ takes effect on the
 /// next construction.

@@ -132,10 +132,8 @@ std::size_t encode_chunk(char16_t const* text, std::size_t begin, std::size_t en
             o += 3;
         } else if (c < 0xDC00 && s < stop && U16_IS_TRAIL(*s)) {
             uint32_t const cp = U16_GET_SUPPLEMENTARY(c, *s++);
-            store_le(o,
-                     (0xF0 | (cp >> 18)) | (0x80 | ((cp >> 12) & 0x3F)) << 8 | (0x80 | ((cp >> 6) & 0x3F)) << 16 |
-                         (0x80u | (cp & 0x3F)) << 24,
-                     4);
+            store_le(o, (0xF0 | (cp >> 18)) | (0x80 | ((cp >> 12) & 0x3F)) << 8 | (0x80 | ((cp >> 6) & 0x3F)) << 16 |
+                            (0x80u | (cp & 0x3F)) << 24, 4);
             o += 4;
         } else {
             if (strict) {
@@ -171,8 +169,8 @@ encode_chunk_wide(char16_t const* text, std::size_t begin, std::size_t end, bool
     __m512i const low6 = _mm512_set1_epi32(0x3F);
     while (stop - s >= 16) {
         __m512i const c = _mm512_cvtepu16_epi32(_mm256_loadu_si256(reinterpret_cast<__m256i const*>(s)));
-        __mmask16 const surrogate =
-            _mm512_cmpeq_epi32_mask(_mm512_and_si512(c, _mm512_set1_epi32(0xF800)), _mm512_set1_epi32(0xD800));
+        __mmask16 const surrogate = _mm512_cmpeq_epi32_mask(_mm512_and_si512(c, _mm512_set1_epi32(0xF800)),
+                                                            _mm512_set1_epi32(0xD800));
         unsigned const lanes = surrogate != 0 ? static_cast<unsigned>(__builtin_ctz(surrogate)) : 16u;
         __mmask16 const two = _mm512_cmpge_epu32_mask(c, _mm512_set1_epi32(0x80));
         __mmask16 const three = _mm512_cmpge_epu32_mask(c, _mm512_set1_epi32(0x800));
@@ -197,10 +195,8 @@ encode_chunk_wide(char16_t const* text, std::size_t begin, std::size_t end, bool
             continue;
         if (*s < 0xDC00 && s + 1 < stop && U16_IS_TRAIL(s[1])) {
             uint32_t const cp = U16_GET_SUPPLEMENTARY(s[0], s[1]);
-            store_le(o,
-                     (0xF0 | (cp >> 18)) | (0x80 | ((cp >> 12) & 0x3F)) << 8 | (0x80 | ((cp >> 6) & 0x3F)) << 16 |
-                         (0x80u | (cp & 0x3F)) << 24,
-                     4);
+            store_le(o, (0xF0 | (cp >> 18)) | (0x80 | ((cp >> 12) & 0x3F)) << 8 | (0x80 | ((cp >> 6) & 0x3F)) << 16 |
+                            (0x80u | (cp & 0x3F)) << 24, 4);
             o += 4;
             s += 2;
         } else {
@@ -268,8 +264,8 @@ std::size_t decode_chunk(char const* text, std::size_t begin, std::size_t end, b
             if (c < 0) {
                 char hex[8];
                 std::snprintf(hex, sizeof hex, "0x%02X", static_cast<unsigned>(bytes[at]));
-                throw CvtInvalidInput("Invalid UTF-8 sequence starting with byte " + std::string(hex) + " at offset " +
-                                          std::to_string(at),
+                throw CvtInvalidInput("Invalid UTF-8 sequence starting with byte " + std::string(hex) +
+                                          " at offset " + std::to_string(at),
                                       at);
             }
         }

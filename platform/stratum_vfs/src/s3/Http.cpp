@@ -151,8 +151,7 @@ HttpResponse HttpClient::send(HttpRequest const& request) {
         auto const ceiling = std::chrono::milliseconds(std::min(5000, 100 << (attempt - 1)));
         auto delay = std::chrono::milliseconds(
             std::uniform_int_distribution<long long>(ceiling.count() / 2, ceiling.count())(random));
-        if (std::string after = response.header("retry-after");
-            !after.empty() && std::isdigit((unsigned char)after[0])) {
+        if (std::string after = response.header("retry-after"); !after.empty() && std::isdigit((unsigned char)after[0])) {
             delay = std::max<std::chrono::milliseconds>(delay, std::chrono::seconds(std::atol(after.c_str())));
         }
         auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(retryBudget - elapsed);

@@ -41,8 +41,8 @@ void Multipart::upload(std::string_view bytes) {
     if (etags_.size() >= maxParts) {
         throw Exception(ErrorCode::FileTooLarge, object_.iri, "more than 10,000 parts");
     }
-    HttpRequest request =
-        requestFor(object_, "PUT", {{"partNumber", std::to_string(etags_.size() + 1)}, {"uploadId", uploadId_}});
+    HttpRequest request = requestFor(object_, "PUT",
+                                     {{"partNumber", std::to_string(etags_.size() + 1)}, {"uploadId", uploadId_}});
     request.body = bytes;
     HttpResponse const response = object_.http->send(request);
     check(response, object_, "UploadPart");

@@ -52,8 +52,7 @@ ptime parseSeconds(std::string const& text) {
 }
 
 Pairs metadataHeaders(ptime modified, bool readOnly) {
-    Pairs headers{
-        {"x-amz-meta-mtime", formatSeconds(modified.is_special() ? microsec_clock::universal_time() : modified)}};
+    Pairs headers{{"x-amz-meta-mtime", formatSeconds(modified.is_special() ? microsec_clock::universal_time() : modified)}};
     if (readOnly) {
         headers.emplace_back("x-amz-meta-readonly", "1");
     }

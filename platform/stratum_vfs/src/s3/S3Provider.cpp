@@ -80,7 +80,7 @@ public:
             }
             for (auto const& below : page.prefixes) {
                 std::string const child = below.substr(prefix.size(), below.size() - prefix.size() - 1);
-                if (!child.empty()) {                         // "a//b": an empty name is reachable by IRI, never listed
+                if (!child.empty()) { // "a//b": an empty name is reachable by IRI, never listed
                     children.emplace(name(child, iri), true); // a file of the same name wins
                 }
             }
@@ -203,8 +203,9 @@ public:
     void removeTree(AbsoluteIRI const& iri) override {
         requireFolder(iri);
         std::vector<std::string> keys;
-        forEachPage(ref(iri), prefixOf(iri), false,
-                    [&](ListPage const& page) { keys.insert(keys.end(), page.keys.begin(), page.keys.end()); });
+        forEachPage(ref(iri), prefixOf(iri), false, [&](ListPage const& page) {
+            keys.insert(keys.end(), page.keys.begin(), page.keys.end());
+        });
         deleteKeys(iri, keys);
     }
 
@@ -222,8 +223,9 @@ public:
         }
         std::string const fromPrefix = prefixOf(from), toPrefix = prefixOf(to);
         std::vector<std::string> keys;
-        forEachPage(source, fromPrefix, false,
-                    [&](ListPage const& page) { keys.insert(keys.end(), page.keys.begin(), page.keys.end()); });
+        forEachPage(source, fromPrefix, false, [&](ListPage const& page) {
+            keys.insert(keys.end(), page.keys.begin(), page.keys.end());
+        });
         for (auto const& key : keys) {
             ObjectRef const item{source.http, source.bucket, key, from};
             Head const head = headObject(item);
@@ -390,8 +392,7 @@ private:
     // A create-only marker is sent with If-None-Match: *, so that of two folders made at once
     // one fails with FileExists (412) rather than both succeeding. It is not repeated after a
     // dropped connection: the lost answer may have been its own success.
-    void writeMarker(AbsoluteIRI const& iri, boost::posix_time::ptime modified, bool readOnly,
-                     bool createOnly = false) {
+    void writeMarker(AbsoluteIRI const& iri, boost::posix_time::ptime modified, bool readOnly, bool createOnly = false) {
         ObjectRef const marker = markerOf(iri);
         HttpRequest request = requestFor(marker, "PUT", {}, metadataHeaders(modified, readOnly));
         if (createOnly) {
@@ -433,8 +434,7 @@ private:
         ObjectRef const bucket = ref(iri);
         for (std::size_t start = 0; start < keys.size(); start += deleteBatch) {
             std::vector<std::string> const batch(keys.begin() + std::ptrdiff_t(start),
-                                                 keys.begin() +
-                                                     std::ptrdiff_t(std::min(keys.size(), start + deleteBatch)));
+                                                 keys.begin() + std::ptrdiff_t(std::min(keys.size(), start + deleteBatch)));
             std::string const body = deleteBody(batch);
             HttpRequest request = requestFor(bucket, "POST", {{"delete", ""}}, {{"content-md5", base64Md5(body)}});
             request.key.clear();

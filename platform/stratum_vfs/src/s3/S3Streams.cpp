@@ -34,9 +34,7 @@ protected:
 
     pos_type seekoff(off_type offset, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
         std::int64_t const current = std::int64_t(start_) + (gptr() - eback());
-        std::int64_t const base = dir == std::ios_base::beg   ? 0
-                                  : dir == std::ios_base::cur ? current
-                                                              : std::int64_t(size_);
+        std::int64_t const base = dir == std::ios_base::beg ? 0 : dir == std::ios_base::cur ? current : std::int64_t(size_);
         return seekpos(pos_type(base + offset), which);
     }
 
@@ -59,9 +57,9 @@ protected:
 private:
     void fetch(std::uint64_t position) {
         std::uint64_t const last = std::min(size_, position + readAhead) - 1;
-        HttpRequest request = requestFor(
-            object_, "GET", {},
-            {{"range", "bytes=" + std::to_string(position) + "-" + std::to_string(last)}, {"if-match", etag_}});
+        HttpRequest request = requestFor(object_, "GET", {},
+                                         {{"range", "bytes=" + std::to_string(position) + "-" + std::to_string(last)},
+                                          {"if-match", etag_}});
         HttpResponse response = object_.http->send(request);
         if (response.status == 412) {
             throw Exception(ErrorCode::IOError, object_.iri, "the object was replaced while it was read");
@@ -79,7 +77,7 @@ private:
     std::uint64_t size_;
     std::string etag_;
     std::vector<char> window_;
-    std::uint64_t start_ = 0; ///< object offset of window_[0]
+    std::uint64_t start_ = 0;  ///< object offset of window_[0]
 };
 
 class OutputBuffer : public provider::OutputBuffer {
@@ -135,6 +133,7 @@ protected:
         return size;
     }
 
+
     pos_type seekoff(off_type offset, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
         if (offset != 0 || dir != std::ios_base::cur || !(which & std::ios_base::out)) {
             return pos_type(off_type(-1));
@@ -149,8 +148,7 @@ private:
         try {
             pending_.append(data, size);
             written_ += size;
-            for (std::uint64_t part;
-                 pending_.size() > (part = partSizeFor(partSize_, (upload_ ? upload_->parts() : 0) + 1));) {
+            for (std::uint64_t part; pending_.size() > (part = partSizeFor(partSize_, (upload_ ? upload_->parts() : 0) + 1));) {
                 if (!upload_) {
                     upload_.emplace(object_, metadataHeaders({}, false));
                 }

@@ -72,7 +72,8 @@ Canonical canonicalize(Request const& request) {
     headers.reserve(request.headers.size());
     for (auto const& [name, value] : request.headers)
         headers.emplace_back(lowerAscii(name), foldBlanks(value));
-    std::stable_sort(headers.begin(), headers.end(), [](auto const& a, auto const& b) { return a.first < b.first; });
+    std::stable_sort(headers.begin(), headers.end(),
+                     [](auto const& a, auto const& b) { return a.first < b.first; });
     for (std::size_t i = 0; i < headers.size(); ++i) {
         if (i == 0 || headers[i - 1].first != headers[i].first) {
             out += (i ? "\n" : "") + headers[i].first + ':';

@@ -5,8 +5,8 @@
 #include <vela/filesystem/path.hpp>
 
 #include <memory>
-#include <string>
 #include <utility>
+#include <string>
 #include <vector>
 
 namespace vela::filesystem {

@@ -56,7 +56,8 @@ STRATUM_API void setLastModified(FileOrFolder const& item, boost::posix_time::pt
 /// - Content is copied by the provider when both ends are in it, else streamed from the
 ///   source provider to the destination's. A read-only source gives a read-only copy;
 ///   times are not copied. Not atomic: a failure may leave part of a tree copied.
-STRATUM_API void copy(FileOrFolder const& source, FileOrFolder const& destination, provider::ReplacementPolicy policy);
+STRATUM_API void copy(FileOrFolder const& source, FileOrFolder const& destination,
+                      provider::ReplacementPolicy policy);
 
 /// Moves `source` to `destination`. The same rules as `copy` for kinds, an existing
 /// destination and missing parents. Within one provider (same scheme and storage system) it
@@ -64,7 +65,8 @@ STRATUM_API void copy(FileOrFolder const& source, FileOrFolder const& destinatio
 /// provider's `rename`), a folder keeps its contents without copying. Across providers it is a
 /// copy (a file as `copy` puts it in place) followed by the removal of the source. A file
 /// never replaces a folder. Moving an item onto itself changes nothing; into itself, `ErrorCode::NotSupported`.
-STRATUM_API void move(FileOrFolder const& source, FileOrFolder const& destination, provider::ReplacementPolicy policy);
+STRATUM_API void move(FileOrFolder const& source, FileOrFolder const& destination,
+                      provider::ReplacementPolicy policy);
 
 /// Removes a file, or a folder as `policy` says. `ErrorCode::NotFound` when nothing is there;
 /// the root of a scheme can't be removed (`ErrorCode::NotSupported`). Read-only files are
