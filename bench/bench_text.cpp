@@ -14,7 +14,8 @@ namespace {
 constexpr std::size_t kLarge = 1 << 20; // UTF-16 units (1 MiB of ASCII as UTF-8)
 constexpr std::size_t kSmall = 64;
 
-enum Kind { Ascii = 0, Mixed = 1 };
+enum Kind { Ascii = 0,
+            Mixed = 1 };
 
 std::u16string makeText(std::size_t units, int kind) {
     // Latin with accents, Greek, Cyrillic, CJK, Arabic and an emoji (surrogate pair).

@@ -45,10 +45,10 @@ public:
             put32(0x02014b50);
             put16(20); // made by
             header(e);
-            put16(0);  // comment length
-            put16(0);  // disk number
-            put16(0);  // internal attributes
-            put32(0);  // external attributes
+            put16(0); // comment length
+            put16(0); // disk number
+            put16(0); // internal attributes
+            put32(0); // external attributes
             put32(e.offset);
             m_out += e.name;
         }
@@ -70,10 +70,10 @@ private:
         std::uint32_t crc, size, offset;
     };
     void header(Entry const& e) {
-        put16(20); // version needed
-        put16(0);  // flags
-        put16(0);  // stored
-        put16(0);  // time
+        put16(20);   // version needed
+        put16(0);    // flags
+        put16(0);    // stored
+        put16(0);    // time
         put16(0x21); // date: 1980-01-01
         put32(e.crc);
         put32(e.size);

@@ -84,7 +84,7 @@ struct OpsFrame;
 class OPC_API FileSystemOps {
 public:
     using error_code = boost::system::error_code; ///< The code of the error-code forms.
-    using ptime = boost::posix_time::ptime;        ///< Modification times, in UTC.
+    using ptime = boost::posix_time::ptime;       ///< Modification times, in UTC.
 
     virtual ~FileSystemOps();
 

@@ -148,7 +148,9 @@ struct Fields {
 
 // How one step of the format went. A field that is not readable may hold a special-value
 // name instead; the year only when none of its digits were read.
-enum class Step { read, unreadable, unreadableNoSpecial };
+enum class Step { read,
+                  unreadable,
+                  unreadableNoSpecial };
 
 // Step `index` of "%Y-%m-%dT%H:%M:%SZ" (fields at even indices) at the cursor, not at its end.
 Step readStep(Cursor& in, int index, Fields& fields) {

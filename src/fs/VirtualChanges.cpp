@@ -5,8 +5,8 @@
 #include <opc/Exception.hpp>
 #include <opc/VirtualFileSystemOps.hpp>
 
-#include <stratum/storage/vfs/IRI.hpp>
 #include <stratum/storage/vfs/File.hpp>
+#include <stratum/storage/vfs/IRI.hpp>
 #include <stratum/storage/vfs/Operations.hpp>
 
 namespace opc {
@@ -29,8 +29,8 @@ store::FileOrFolder item(std::u16string const& path, store::StorageSystemReferen
 // The source as it is in storage, and a destination object of the same kind (a File for a
 // file, a Folder for a folder) whatever the destination IRI looks like.
 std::pair<store::FileOrFolder, store::FileOrFolder> pairOf(std::u16string const& source,
-                                                       std::u16string const& destination,
-                                                       store::StorageSystemReference const& storage) {
+                                                           std::u16string const& destination,
+                                                           store::StorageSystemReference const& storage) {
     store::AbsoluteIRI const from(source);
     store::AbsoluteIRI const to(destination);
     store::FileOrFolder src = store::makeFileOrFolder(from, storage);

@@ -3,9 +3,9 @@
 
 #include <opc/VirtualFileSystemOps.hpp>
 
-#include <stratum/storage/vfs/IRI.hpp>
 #include <stratum/storage/vfs/Exception.hpp>
 #include <stratum/storage/vfs/File.hpp>
+#include <stratum/storage/vfs/IRI.hpp>
 #include <stratum/storage/vfs/Operations.hpp>
 
 namespace opc {

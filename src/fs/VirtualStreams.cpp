@@ -4,8 +4,8 @@
 #include <opc/Exception.hpp>
 #include <opc/VirtualFileSystemOps.hpp>
 
-#include <stratum/storage/vfs/IRI.hpp>
 #include <stratum/storage/vfs/File.hpp>
+#include <stratum/storage/vfs/IRI.hpp>
 #include <stratum/storage/vfs/Streams.hpp>
 
 #include <exception>
@@ -71,7 +71,7 @@ std::shared_ptr<std::istream> VirtualFileSystemOps::doCreateInputStream(const st
 std::shared_ptr<std::ostream> VirtualFileSystemOps::doCreateOutputStream(const std::u16string& path, unsigned mode,
                                                                          std::string& detail, error_code& ec) {
     return open<ClosingOfstream, std::shared_ptr<std::ostream>>(path, mode, m_storage, detail, ec,
-                                                              store::ofstream::FailureHandler(throwWriteFailure));
+                                                                store::ofstream::FailureHandler(throwWriteFailure));
 }
 
 } // namespace opc

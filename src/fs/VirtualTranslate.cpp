@@ -15,18 +15,18 @@ namespace store = stratum::storage::vfs;
 
 // Storage error code (by number) to the generic error it stands for.
 constexpr std::array<errc::errc_t, 12> kStorageErrors = {
-    errc::directory_not_empty,         // 0
-    errc::no_such_device_or_address,   // 1
-    errc::permission_denied,           // 2
-    errc::file_exists,                 // 3
-    errc::no_such_file_or_directory,   // 4
-    errc::read_only_file_system,       // 5
-    errc::file_too_large,              // 6
+    errc::directory_not_empty,            // 0
+    errc::no_such_device_or_address,      // 1
+    errc::permission_denied,              // 2
+    errc::file_exists,                    // 3
+    errc::no_such_file_or_directory,      // 4
+    errc::read_only_file_system,          // 5
+    errc::file_too_large,                 // 6
     errc::resource_unavailable_try_again, // 7
-    errc::no_space_on_device,          // 8
-    errc::io_error,                    // 9
-    errc::state_not_recoverable,       // 10
-    errc::operation_not_supported,     // 11
+    errc::no_space_on_device,             // 8
+    errc::io_error,                       // 9
+    errc::state_not_recoverable,          // 10
+    errc::operation_not_supported,        // 11
 };
 
 // Narrow text of a UTF-16 fragment for a detail. An invalid IRI may hold invalid UTF-16 (a lone

@@ -21,8 +21,8 @@ struct FaultInjectingOps::Route {
         Call const& c = call;
         ++self.m_counts[c.operation];
         EC const fault = self.m_calls.size() == self.m_failAt ? self.m_failAtCode
-                         : self.m_pick && self.m_pick(c)       ? self.m_pickCode
-                                                               : EC();
+                         : self.m_pick && self.m_pick(c)      ? self.m_pickCode
+                                                              : EC();
         if (fault.failed()) {
             self.m_fired = true;
             ec = fault;

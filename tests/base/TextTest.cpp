@@ -62,7 +62,8 @@ TEST(Utf8Conversion, GeneratedAndDamagedTextsAgreeWithIcu) {
     std::mt19937 rng(3);
     static char const* const faults[] = {"\x80", "\xC3", "\xE2\x82", "\xFF", "\xF0\x9F\x98", "\xED\xA0\x80"};
     for (int round = 0; round < 200; ++round) {
-        std::size_t const length = round < 60 ? round : round < 140 ? 2030 + round % 40 : 1000 + rng() % 9000;
+        std::size_t const length = round < 60 ? round : round < 140 ? 2030 + round % 40
+                                                                    : 1000 + rng() % 9000;
         std::u16string text;
         while (text.size() < length)
             text += rng() % 2 ? randomASCII(rng, rng() % 40, 0x20, 0x7E) : randomText(rng, 1 + rng() % 6);

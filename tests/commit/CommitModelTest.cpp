@@ -1,7 +1,6 @@
 // The commit over a model back end (a file table behind the scripted double): the files,
 // permissions and backups it leaves, and the message and code of every way it can fail.
 
-
 #include <opc/Commit.hpp>
 #include <opc/Exception.hpp>
 #include <opc/testing/FaultInjectingOps.hpp>
@@ -101,8 +100,12 @@ struct World : opc::testing::FaultInjectingOps {
     }
 };
 using Fault = World::Fault;
-Fault failing(errc::errc_t e) { return [e](Call const&) { return World::Reply{{}, e}; }; }
-Fault throwing() { return [](Call const&) -> World::Reply { throw std::logic_error("foreign"); }; }
+Fault failing(errc::errc_t e) {
+    return [e](Call const&) { return World::Reply{{}, e}; };
+}
+Fault throwing() {
+    return [](Call const&) -> World::Reply { throw std::logic_error("foreign"); };
+}
 
 std::string wrapped(std::string const& inner, errc::errc_t e) {
     return "Could not commit changes:  " + inner + " " + code(e).message();
@@ -171,10 +174,7 @@ TEST(CommitModel, BackupNamesAreTriedInTurnAfterFailedAttempts) {
         int from, to; // calls of `op` that fail, counted over all paths
         std::u16string extension, used;
     };
-    Row const rows[] = {{"exists", 0, -1, u".bak", u".bak"},          {"exists", 2, 2, u".bak", u".bak2"},
-                        {"copy", 1, 2, u".bak", u".bak3"},            {"getLastModifiedTime", 1, 3, u".bak", u".bak4"},
-                        {"setLastModifiedTime", 1, 4, u".bak", u".bak5"}, {"copy", 1, 4, u".old~", u".old~5"},
-                        {"getPermissions", 2, 4, u".bak", u".bak"},   {"setPermissions", 1, 1, u".bak", u".bak"}};
+    Row const rows[] = {{"exists", 0, -1, u".bak", u".bak"}, {"exists", 2, 2, u".bak", u".bak2"}, {"copy", 1, 2, u".bak", u".bak3"}, {"getLastModifiedTime", 1, 3, u".bak", u".bak4"}, {"setLastModifiedTime", 1, 4, u".bak", u".bak5"}, {"copy", 1, 4, u".old~", u".old~5"}, {"getPermissions", 2, 4, u".bak", u".bak"}, {"setPermissions", 1, 1, u".bak", u".bak"}};
     for (Row const& r : rows) {
         SCOPED_TRACE(r.op + " " + std::to_string(r.to));
         World w;

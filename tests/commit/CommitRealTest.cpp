@@ -26,7 +26,9 @@ namespace errc = boost::system::errc;
 using ::testing::ElementsAre;
 using ::testing::StartsWith;
 
-enum class Kind { Local, File, Memory };
+enum class Kind { Local,
+                  File,
+                  Memory };
 
 class RealCommit : public ::testing::Test {
 protected:
@@ -47,14 +49,17 @@ protected:
     }
     FileSystemOps& ops(Kind k) { return k == Kind::Local ? static_cast<FileSystemOps&>(local) : virtualOps; }
     std::u16string folder(Kind k) const {
-        return k == Kind::Local ? u16(dir) : k == Kind::File ? u16("file://" + dir) : u"memory:///t";
+        return k == Kind::Local ? u16(dir) : k == Kind::File ? u16("file://" + dir)
+                                                             : u"memory:///t";
     }
     // A file's content by name, read through the real back end, so a failure never prints kilobytes.
     std::string contentOf(Kind k, std::u16string const& path) {
         boost::system::error_code ec;
         auto in = ops(k).createInputStream(path, OpenMode::ReadBinary, ec);
         std::string const text = in ? std::string(std::istreambuf_iterator<char>(*in), {}) : "<missing>";
-        return text == oldContent ? "old" : text == newContent ? "new" : text.size() < 40 ? text : "other";
+        return text == oldContent ? "old" : text == newContent ? "new"
+                                        : text.size() < 40     ? text
+                                                               : "other";
     }
     int modeOf(Kind k) {
         return k == Kind::Memory ? int(virtualOps.getPermissions(folder(k) + u"/p.pkg") & 07777) : test::modeOf(target);
@@ -218,7 +223,8 @@ TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
         // target made writable is not restored when no temporary name comes.
         bool const refused = afterRename && failed == "setPermissions";
         bool const noName = threw && (failed == "getParentPath" || failed == "getTempName");
-        EXPECT_EQ(mode, refused ? mode | 0600 : noName ? c.mode | 0200 : c.mode);
+        EXPECT_EQ(mode, refused ? mode | 0600 : noName ? c.mode | 0200
+                                                       : c.mode);
         // Faults strike before the inner call and a failed rename removes its temporary file.
         for (auto const& name : names(c.target))
             EXPECT_TRUE(name == "p.pkg" || name.rfind("p.pkg.bak", 0) == 0) << name;

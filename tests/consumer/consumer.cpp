@@ -31,7 +31,10 @@ protected:
     std::u16string doGetExtension(S p, D d, ec_t& ec) override { return fail<std::u16string>(p, d, ec); }
     std::u16string doAppendPath(S p, S, D d, ec_t& ec) override { return fail<std::u16string>(p, d, ec); }
     std::u16string doNormalizePath(S p, D d, ec_t& ec) override { return fail<std::u16string>(p, d, ec); }
-    bool doGetLocalPath(S, std::u16string& out) override { out = u"junk"; return false; }
+    bool doGetLocalPath(S, std::u16string& out) override {
+        out = u"junk";
+        return false;
+    }
     bool doIsAbsolutePath(S p) override { return !p.empty() && p[0] == u'/'; }
     bool doExists(S p, D d, ec_t& ec) override { return fail<bool>(p, d, ec); }
     bool doIsFile(S p, D d, ec_t& ec) override { return fail<bool>(p, d, ec); }

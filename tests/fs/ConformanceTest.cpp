@@ -128,7 +128,10 @@ protected:
 TEST_P(Conformance, GeneratedTreesAgreeWithTheOracle) {
     char const* const parts[] = {"plain", "with space", "\xC3\xBCn\xC3\xAF", "\xE6\x97\xA5", "e\xF0\x9F\x98\x80",
                                  ".hidden", "a.b.c", "trailing ", "-dash"};
-    enum Kind { Missing, File, Folder, Link };
+    enum Kind { Missing,
+                File,
+                Folder,
+                Link };
     std::map<std::string, std::pair<Kind, std::string>> made; // relative path: kind, content
     std::vector<std::string> folders = {""};
     std::mt19937 gen(unsigned(GetParam().name.size()));
@@ -141,7 +144,7 @@ TEST_P(Conformance, GeneratedTreesAgreeWithTheOracle) {
             made[rel] = {Folder, ""};
             folders.push_back(rel);
         } else if (kind < 6 && caps().symlinks) { // to a file, a folder, or dangling with a long target
-            auto const target = kind == 3 ? at(folders.back())
+            auto const target = kind == 3                    ? at(folders.back())
                                 : kind == 4 && !made.empty() ? at(made.begin()->first)
                                                              : u"../nowhere/" + std::u16string(std::size_t(i) * 7, u'n');
             ops().createSymlink(target, at(rel));
@@ -167,14 +170,17 @@ TEST_P(Conformance, GeneratedTreesAgreeWithTheOracle) {
         EXPECT_TRUE(kind == File ? !ec.failed()
                                  : ec.failed() && (kind == Missing || !caps().preciseErrors || ec == errc::is_a_directory))
             << ec.message();
-        EXPECT_EQ(kind == File ? read(path) : kind == Link ? toUDEString(ops().getLinkTarget(path)) : "", content);
+        EXPECT_EQ(kind == File ? read(path) : kind == Link ? toUDEString(ops().getLinkTarget(path))
+                                                           : "",
+                  content);
         struct stat st {};
         if (m_hostRoot.empty() || kind == Missing || ::lstat(host(rel).c_str(), &st) != 0)
             continue;
         using namespace boost::posix_time;
         EXPECT_EQ(ops().getLastModifiedTime(path), from_time_t(st.st_mtim.tv_sec) + microseconds(st.st_mtim.tv_nsec / 1000));
         EXPECT_EQ(ops().getPermissions(path) & Perms::AllPerms,
-                  caps().posixPermissions ? st.st_mode & 0777 : (st.st_mode & 0200) ? 0644u : 0444u);
+                  caps().posixPermissions ? st.st_mode & 0777 : (st.st_mode & 0200) ? 0644u
+                                                                                    : 0444u);
     }
     for (auto const& folder : folders) // listings name files and links, never folders, never follow
         for (bool recursive : {false, true}) {
@@ -231,12 +237,14 @@ TEST_P(Conformance, PermissionsAndTimesRoundTrip) {
     write(file, "data");
     ops().createFolder(at("d"));
     std::mt19937 gen(7);
-    for (int i = 0; i < 60; ++i) { // a host folder keeps its owner's rights, so only storage tries one
+    for (int i = 0; i < 60; ++i) {                                                  // a host folder keeps its owner's rights, so only storage tries one
         unsigned const bits = gen() % 01000 | (caps().posixPermissions ? 0600 : 0); // the owner must clean up
         auto const item = caps().posixPermissions || i % 2 ? file : at("d");
         ops().setPermissions(item, Perms::Perms_tag(bits));
         EXPECT_EQ(ops().getPermissions(item) & Perms::AllPerms,
-                  caps().posixPermissions ? bits : (bits & 0222) ? 0644u : 0444u) << std::oct << bits;
+                  caps().posixPermissions ? bits : (bits & 0222) ? 0644u
+                                                                 : 0444u)
+            << std::oct << bits;
     }
     ops().setPermissions(file, Perms::Perms_tag(0444));
     ops().setPermissions(file, caps().unknownValuesIgnored ? Perms::PermsUnknown : Perms::Perms_tag(0444));
@@ -272,7 +280,7 @@ TEST_P(Conformance, RefusalsCarryTheirCodeAndChangeNothing) {
     std::vector<std::u16string> files;
     auto const before = listing(m_root);
     using Call = std::function<void(error_code&)>;
-#define OPC_ROW(call, code) {[&](error_code & ec) { call; }, errc::errc_t(code)}
+#define OPC_ROW(call, code) {[&](error_code& ec) { call; }, errc::errc_t(code)}
     std::pair<Call, errc::errc_t> const rows[] = {
         OPC_ROW(ops().getSizeInBytes(at("missing"), ec), errc::no_such_file_or_directory),
         OPC_ROW(ops().getPermissions(at("missing"), ec), errc::no_such_file_or_directory),
@@ -294,7 +302,8 @@ TEST_P(Conformance, RefusalsCarryTheirCodeAndChangeNothing) {
         OPC_ROW(ops().remove(at("full"), ec), errc::directory_not_empty),
         OPC_ROW(ops().remove(at("missing"), ec), errc::no_such_file_or_directory),
         // A file never replaces a folder, empty or not (any code).
-        OPC_ROW(ops().rename(at("file"), at("empty"), ec), 0), OPC_ROW(ops().rename(at("file"), at("full"), ec), 0),
+        OPC_ROW(ops().rename(at("file"), at("empty"), ec), 0),
+        OPC_ROW(ops().rename(at("file"), at("full"), ec), 0),
         OPC_ROW(ops().copy(at("file"), at("empty"), Overwrite, ec), 0),
         OPC_ROW(ops().copy(at("file"), at("full"), Overwrite, ec), 0),
         OPC_ROW(ops().replaceFileWithBackup(at("empty"), ops(), at("file"), {}, ec), 0),
@@ -442,7 +451,10 @@ TEST(LocalListing, TreeWalkMatchesFolderByFolderWalk) {
         std::string const name = std::string(names[rng() % 5]) + std::to_string(i);
         std::string const path = dir + parent + "/" + name;
         switch (rng() % 4) {
-        case 0: ASSERT_EQ(::mkdir(path.c_str(), 0755), 0); folders.push_back(parent + "/" + name); break;
+        case 0:
+            ASSERT_EQ(::mkdir(path.c_str(), 0755), 0);
+            folders.push_back(parent + "/" + name);
+            break;
         case 1: ASSERT_EQ(::symlink("..", path.c_str()), 0); break; // listed, never followed
         default: writeFile(path, name);
         }

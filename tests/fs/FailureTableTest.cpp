@@ -158,10 +158,10 @@ TEST(FailureTable, OtherFailuresThroughTheirTranslation) {
 TEST(FailureTable, StorageCodesThroughTheVirtualTranslation) {
     storage::AbsoluteIRI const where(u"memory:///reports/q%C3%A9 3.pkg");
     errc::errc_t const table[] = {
-        errc::directory_not_empty, errc::no_such_device_or_address,     errc::permission_denied,
-        errc::file_exists,         errc::no_such_file_or_directory,     errc::read_only_file_system,
-        errc::file_too_large,      errc::resource_unavailable_try_again, errc::no_space_on_device,
-        errc::io_error,            errc::state_not_recoverable,          errc::operation_not_supported};
+        errc::directory_not_empty, errc::no_such_device_or_address, errc::permission_denied,
+        errc::file_exists, errc::no_such_file_or_directory, errc::read_only_file_system,
+        errc::file_too_large, errc::resource_unavailable_try_again, errc::no_space_on_device,
+        errc::io_error, errc::state_not_recoverable, errc::operation_not_supported};
     for (int code : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 255}) {
         SCOPED_TRACE(code);
         storage::Exception const thrown(static_cast<storage::ErrorCode>(code), where);
@@ -180,13 +180,16 @@ void expectEveryFamilyRefuses(FileSystemOps& o, P p, P q, errc::errc_t code, boo
     auto const time = boost::posix_time::time_from_string("2020-01-02 03:04:05");
     std::vector<std::u16string> files;
     using Family = std::pair<char const*, std::function<bool(error_code*)>>;
-#define OPC_FAMILY(name, expr)                                                                         \
-    Family{name, [&](error_code* ec) {                                                                 \
-               auto const form = [&](auto&... e) { return expr; };                                     \
-               return ec ? form(*ec) : form();                                                         \
-           }}
+#define OPC_FAMILY(name, expr)                                  \
+    Family {                                                    \
+        name, [&](error_code* ec) {                             \
+            auto const form = [&](auto&... e) { return expr; }; \
+            return ec ? form(*ec) : form();                     \
+        }                                                       \
+    }
     Family const families[] = {
-        OPC_FAMILY("exists", !o.exists(p, e...)), OPC_FAMILY("isFile", !o.isFile(p, e...)),
+        OPC_FAMILY("exists", !o.exists(p, e...)),
+        OPC_FAMILY("isFile", !o.isFile(p, e...)),
         OPC_FAMILY("isFolder", !o.isFolder(p, e...)),
         OPC_FAMILY("getPermissions", o.getPermissions(p, e...) == Perms::PermsUnknown),
         OPC_FAMILY("setPermissions", (o.setPermissions(p, Perms::Perms_tag(0600), e...), true)),
@@ -201,8 +204,10 @@ void expectEveryFamilyRefuses(FileSystemOps& o, P p, P q, errc::errc_t code, boo
         OPC_FAMILY("createFolders", (o.createFolders(p, e...), true)),
         OPC_FAMILY("createSymlink", (o.createSymlink(q, p, e...), true)),
         OPC_FAMILY("copy", (o.copy(p, q, Overwrite, e...), true)),
-        OPC_FAMILY("copy", (o.copy(q, p, Overwrite, e...), true)), OPC_FAMILY("rename", (o.rename(p, q, e...), true)),
-        OPC_FAMILY("rename", (o.rename(q, p, e...), true)), OPC_FAMILY("remove", (o.remove(p, e...), true)),
+        OPC_FAMILY("copy", (o.copy(q, p, Overwrite, e...), true)),
+        OPC_FAMILY("rename", (o.rename(p, q, e...), true)),
+        OPC_FAMILY("rename", (o.rename(q, p, e...), true)),
+        OPC_FAMILY("remove", (o.remove(p, e...), true)),
         OPC_FAMILY("removeAll", (o.removeAll(p, e...), true)),
         OPC_FAMILY("replaceFileWithBackup", (o.replaceFileWithBackup(p, o, q, options, e...), true)),
     };
@@ -233,8 +238,7 @@ TEST(FailureTable, EveryOperationRefusesHostilePathsAndTouchesNothing) {
     while (longPath.size() <= 4200)
         longPath += u"/abcdefghij";
     for (auto const& [element, code] : std::vector<std::pair<std::u16string, errc::errc_t>>{
-             {std::u16string(u"/a\0b", 4), errc::invalid_argument}, {u"/a\xD800z", errc::invalid_argument},
-             {u"/" + std::u16string(256, u'n'), errc::filename_too_long}, {longPath, errc::filename_too_long}})
+             {std::u16string(u"/a\0b", 4), errc::invalid_argument}, {u"/a\xD800z", errc::invalid_argument}, {u"/" + std::u16string(256, u'n'), errc::filename_too_long}, {longPath, errc::filename_too_long}})
         expectEveryFamilyRefuses(local, base + element, good, code, code == errc::invalid_argument);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
 

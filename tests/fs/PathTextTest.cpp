@@ -42,9 +42,17 @@ TEST(PathText, Local) {
     struct Join {
         std::u16string base, tail, joined;
     } const joins[] = {
-        {u"/a", u"b", u"/a/b"},   {u"/a", u"/b", u"/a/b"}, {u"/a", u"/", u"/a"},        {u"/a", u"", u"/a"},
-        {u"/a/", u"b", u"/a/b"},  {u"", u"c", u"c"},       {u"", u"/", u""},            {u"a//b", u"c", u"a/b/c"},
-        {u"/a", u"//b", u"/a/b"}, {u"/", u"x", u"/x"},     {u"/a", u"caf\u00E9 1", u"/a/caf\u00E9 1"},
+        {u"/a", u"b", u"/a/b"},
+        {u"/a", u"/b", u"/a/b"},
+        {u"/a", u"/", u"/a"},
+        {u"/a", u"", u"/a"},
+        {u"/a/", u"b", u"/a/b"},
+        {u"", u"c", u"c"},
+        {u"", u"/", u""},
+        {u"a//b", u"c", u"a/b/c"},
+        {u"/a", u"//b", u"/a/b"},
+        {u"/", u"x", u"/x"},
+        {u"/a", u"caf\u00E9 1", u"/a/caf\u00E9 1"},
     };
     for (auto const& j : joins)
         EXPECT_EQ(ops.appendPath(j.base, j.tail), j.joined) << toUDEString(j.base) << " + " << toUDEString(j.tail);
@@ -70,9 +78,7 @@ TEST(PathText, Virtual) {
     EXPECT_THROW(ops.getFilename(u"memory:relative"), vfs::InvalidIRIException);
     EXPECT_THROW(ops.getExtension(u"gopher:///a.b"), vfs::UnsupportedIRISchemeException);
     EXPECT_THROW(ops.getParentPath(u"not an iri"), Exception);
-    for (auto const& [tail, joined] : Pairs{{u"c", u"memory:///a/b/c"}, {u"/c", u"memory:///a/b/c"},
-                                            {u"//c", u"memory:///a/b/c"}, {u"../c", u"memory:///a/c"},
-                                            {u"", u"memory:///a/b"}})
+    for (auto const& [tail, joined] : Pairs{{u"c", u"memory:///a/b/c"}, {u"/c", u"memory:///a/b/c"}, {u"//c", u"memory:///a/b/c"}, {u"../c", u"memory:///a/c"}, {u"", u"memory:///a/b"}})
         EXPECT_EQ(ops.appendPath(u"memory:///a/b", tail), joined) << toUDEString(tail);
     EXPECT_THROW(ops.appendPath(u"relative/base", u"c"), Exception);
 
@@ -85,9 +91,7 @@ TEST(PathText, Virtual) {
         EXPECT_FALSE(ops.getLocalPath(other, out) || !out.empty());
     }
     for (auto const& [text, absolute] : std::vector<std::pair<std::u16string, bool>>{
-             {u"memory:///a", true}, {u"MEMORY:///a", true}, {u"Z:///a", false}, {u"/tmp/a", false},
-             {u"a/b", false}, {u"gopher:///a", false}, {u"memory:a", false}, {u"memory://host/a", false},
-             {u"", false}, {u"memory:///%zz", false}})
+             {u"memory:///a", true}, {u"MEMORY:///a", true}, {u"Z:///a", false}, {u"/tmp/a", false}, {u"a/b", false}, {u"gopher:///a", false}, {u"memory:a", false}, {u"memory://host/a", false}, {u"", false}, {u"memory:///%zz", false}})
         EXPECT_EQ(ops.isAbsolutePath(text), absolute) << toUDEString(text);
     std::u16string const inTemp = ops.getTempName(u""); // no folder: in the host's temporary folder
     EXPECT_TRUE(ops.getLocalPath(inTemp, back) && !ops.exists(inTemp));

@@ -237,7 +237,9 @@ std::deque<unsigned long> randomScript(std::mt19937& rng) {
     std::deque<unsigned long> script(rng() % 24);
     for (auto& step : script) {
         unsigned const kind = rng() % 4;
-        step = kind == 0 ? 0 : kind == 1 ? 1 + rng() % 16 : kind == 2 ? 1 + rng() % 20000 : 16384;
+        step = kind == 0 ? 0 : kind == 1 ? 1 + rng() % 16
+                           : kind == 2   ? 1 + rng() % 20000
+                                         : 16384;
     }
     return script;
 }

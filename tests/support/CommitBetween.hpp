@@ -13,11 +13,14 @@ namespace opc::test {
 // Where the source is read from and the target written to: the host through the local back
 // end, memory storage (the source's bytes copied there first, so the commit streams them across
 // back ends), or the host through a file IRI.
-enum Kind { Local, Memory, File };
+enum Kind { Local,
+            Memory,
+            File };
 inline char const* const KindNames[] = {"Local", "Memory", "File"};
 
 inline std::u16string pathIn(Kind kind, std::string const& file) {
-    return kind == Local ? u16(file) : kind == File ? u16("file://" + file) : u"memory:///" + u16(std::filesystem::path(file).filename());
+    return kind == Local ? u16(file) : kind == File ? u16("file://" + file)
+                                                    : u"memory:///" + u16(std::filesystem::path(file).filename());
 }
 
 // Commits `source` over `target` between back ends of the given kinds.

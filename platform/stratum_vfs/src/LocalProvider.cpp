@@ -227,7 +227,8 @@ private:
         ItemKind kind = kindOf(status);
         if (kind == provider::NoItem || (expected != provider::NoItem && kind != expected)) {
             throw Exception(ErrorCode::NotFound, iri,
-                            kind == provider::NoItem ? "" : kind == provider::FolderItem ? "a folder is not a file" : "a file is not a folder");
+                            kind == provider::NoItem ? "" : kind == provider::FolderItem ? "a folder is not a file"
+                                                                                         : "a file is not a folder");
         }
         return status;
     }

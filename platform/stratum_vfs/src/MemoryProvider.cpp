@@ -18,16 +18,16 @@ namespace stratum::storage::vfs::detail {
 
 namespace {
 
+using boost::posix_time::ptime;
 using provider::FileAttributes;
 using provider::FolderEntry;
 using provider::ItemKind;
-using boost::posix_time::ptime;
 
 struct Node {
     explicit Node(bool isFolder) : folder(isFolder) {}
     bool folder;
     bool readOnly = false;
-    bool removed = false;  // no longer in the tree: writers still holding it are refused
+    bool removed = false; // no longer in the tree: writers still holding it are refused
     ptime modified;
     std::shared_ptr<std::string> content = std::make_shared<std::string>();
     // Set under the lock when a reader or a copy is given `content`; the next write copies it
@@ -72,7 +72,8 @@ protected:
         if (!(which & std::ios_base::in)) {
             return pos_type(off_type(-1));
         }
-        off_type base = dir == std::ios_base::beg ? 0 : dir == std::ios_base::cur ? gptr() - eback() : egptr() - eback();
+        off_type base = dir == std::ios_base::beg ? 0 : dir == std::ios_base::cur ? gptr() - eback()
+                                                                                  : egptr() - eback();
         off_type target = base + offset;
         if (target < 0 || target > egptr() - eback()) {
             return pos_type(off_type(-1));
@@ -135,7 +136,8 @@ protected:
         }
         std::lock_guard<std::mutex> lock(tree_->mutex);
         off_type const size = static_cast<off_type>(node_->content->size());
-        off_type const base = dir == std::ios_base::beg ? 0 : dir == std::ios_base::cur ? static_cast<off_type>(position_) : size;
+        off_type const base = dir == std::ios_base::beg ? 0 : dir == std::ios_base::cur ? static_cast<off_type>(position_)
+                                                                                        : size;
         off_type const target = base + offset;
         if (target < 0 || target > size) {
             return pos_type(off_type(-1));
@@ -165,7 +167,8 @@ public:
     ItemKind getKind(AbsoluteIRI const& iri) override {
         Lock lock(tree_->mutex);
         Node* node = find(iri.getSegments(), iri.getSegments().size());
-        return node == nullptr ? provider::NoItem : node->folder ? provider::FolderItem : provider::FileItem;
+        return node == nullptr ? provider::NoItem : node->folder ? provider::FolderItem
+                                                                 : provider::FileItem;
     }
 
     FileAttributes getAttributes(AbsoluteIRI const& iri) override {
@@ -313,7 +316,7 @@ public:
             throw Exception(ErrorCode::FileExists, to);
         }
         place->second = std::make_shared<Node>(false);
-        place->second->content = source.content;  // shared until either side writes: copy on write
+        place->second->content = source.content; // shared until either side writes: copy on write
         place->second->contentShared = source.contentShared = true;
         touch(*place->second);
         touch(parent);

@@ -154,8 +154,7 @@ TEST(SigV4, DataFilesHoldEveryCase) {
 // S3's own rules beyond the vectors: the path exactly as sent, "/" encoded in the query, and the
 // query sorted by encoded name ("a/" sorts after "a." decoded, before it encoded).
 TEST(SigV4, SignsS3PathsAsSentAndSortsTheEncodedQuery) {
-    s3::Request request{"GET", "/bucket/a%20b//./c", {{"a/", "1"}, {"a.", "2"}, {"prefix", "x/y z"}},
-                        {{"Host", "h"}, {"X-Amz-Meta-A", "  x \t  y  "}}, "UNSIGNED-PAYLOAD"};
+    s3::Request request{"GET", "/bucket/a%20b//./c", {{"a/", "1"}, {"a.", "2"}, {"prefix", "x/y z"}}, {{"Host", "h"}, {"X-Amz-Meta-A", "  x \t  y  "}}, "UNSIGNED-PAYLOAD"};
     EXPECT_EQ(s3::canonicalRequest(request), "GET\n/bucket/a%20b//./c\na%2F=1&a.=2&prefix=x%2Fy%20z\n"
                                              "host:h\nx-amz-meta-a:x y\n\nhost;x-amz-meta-a\nUNSIGNED-PAYLOAD");
     EXPECT_EQ(s3::uriEncode("a/b c%~+", true), "a/b%20c%25~%2B");
@@ -164,7 +163,7 @@ TEST(SigV4, SignsS3PathsAsSentAndSortsTheEncodedQuery) {
 }
 
 // fromEnvironment over a temporary home folder and a controlled environment.
-char const* const kVariables[] = {"HOME",       "AWS_PROFILE",       "AWS_SHARED_CREDENTIALS_FILE",
+char const* const kVariables[] = {"HOME", "AWS_PROFILE", "AWS_SHARED_CREDENTIALS_FILE",
                                   "AWS_CONFIG_FILE", "AWS_ENDPOINT_URL", "AWS_REGION",
                                   "AWS_DEFAULT_REGION", "AWS_ACCESS_KEY_ID", "AWS_SECRET_ACCESS_KEY",
                                   "AWS_SESSION_TOKEN"};
@@ -181,27 +180,36 @@ char const kConfig[] = "; comment\n[default]\nregion = eu-west-3\nendpoint_url =
 
 struct SettingsCase {
     char const* what;
-    std::map<std::string, std::string> env;  // "$D" stands for the temporary home folder
+    std::map<std::string, std::string> env; // "$D" stands for the temporary home folder
     std::string endpoint, region, id, secret, token;
 };
 
 SettingsCase const kSettingsCases[] = {
     {"the default profile of both files", {}, "http://config:7480", "eu-west-3", "CRED-ID", "CRED-SECRET", ""},
-    {"AWS_PROFILE: [x] in credentials, [profile x] in config", {{"AWS_PROFILE", "work"}}, "", "ap-south-1",
-     "WORK-ID", "WORK-SECRET", "WORK-TOKEN"},
+    {"AWS_PROFILE: [x] in credentials, [profile x] in config", {{"AWS_PROFILE", "work"}}, "", "ap-south-1", "WORK-ID", "WORK-SECRET", "WORK-TOKEN"},
     {"keys only in the config file", {{"AWS_PROFILE", "solo"}}, "", "us-east-1", "SOLO-ID", "SOLO-SECRET", ""},
     {"the environment beats the files",
-     {{"AWS_ACCESS_KEY_ID", "ENV-ID"}, {"AWS_SECRET_ACCESS_KEY", "ENV-SECRET"}, {"AWS_SESSION_TOKEN", "ENV-TOKEN"},
-      {"AWS_ENDPOINT_URL", "http://env:9000"}, {"AWS_REGION", "r1"}, {"AWS_DEFAULT_REGION", "r2"}},
-     "http://env:9000", "r1", "ENV-ID", "ENV-SECRET", "ENV-TOKEN"},
+     {{"AWS_ACCESS_KEY_ID", "ENV-ID"}, {"AWS_SECRET_ACCESS_KEY", "ENV-SECRET"}, {"AWS_SESSION_TOKEN", "ENV-TOKEN"}, {"AWS_ENDPOINT_URL", "http://env:9000"}, {"AWS_REGION", "r1"}, {"AWS_DEFAULT_REGION", "r2"}},
+     "http://env:9000",
+     "r1",
+     "ENV-ID",
+     "ENV-SECRET",
+     "ENV-TOKEN"},
     {"AWS_DEFAULT_REGION before the profile; half a key pair in the environment is ignored",
-     {{"AWS_DEFAULT_REGION", "r2"}, {"AWS_ACCESS_KEY_ID", "ENV-ID"}}, "http://config:7480", "r2", "CRED-ID",
-     "CRED-SECRET", ""},
+     {{"AWS_DEFAULT_REGION", "r2"}, {"AWS_ACCESS_KEY_ID", "ENV-ID"}},
+     "http://config:7480",
+     "r2",
+     "CRED-ID",
+     "CRED-SECRET",
+     ""},
     {"AWS_SHARED_CREDENTIALS_FILE names the file",
-     {{"AWS_SHARED_CREDENTIALS_FILE", "$D/.aws/config"}, {"AWS_PROFILE", "work"}}, "", "ap-south-1",
-     "CONF-WORK-ID", "CONF-WORK-SECRET", ""},
-    {"named files missing", {{"AWS_SHARED_CREDENTIALS_FILE", "$D/none"}, {"AWS_CONFIG_FILE", "$D/none"}}, "",
-     "us-east-1", "", "", ""},
+     {{"AWS_SHARED_CREDENTIALS_FILE", "$D/.aws/config"}, {"AWS_PROFILE", "work"}},
+     "",
+     "ap-south-1",
+     "CONF-WORK-ID",
+     "CONF-WORK-SECRET",
+     ""},
+    {"named files missing", {{"AWS_SHARED_CREDENTIALS_FILE", "$D/none"}, {"AWS_CONFIG_FILE", "$D/none"}}, "", "us-east-1", "", "", ""},
     {"no HOME (an empty value unsets)", {{"HOME", ""}}, "", "us-east-1", "", "", ""},
     {"an unknown profile", {{"AWS_PROFILE", "nobody"}}, "", "us-east-1", "", "", ""},
 };

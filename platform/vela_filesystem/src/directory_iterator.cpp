@@ -16,8 +16,8 @@ namespace vela::filesystem {
 
 struct directory_iterator::state {
     DIR* dir = nullptr;
-    std::u16string folder;      // as given, with a "/" appended when it had none
-    std::string folder_access;  // the same in access form, for error reports
+    std::u16string folder;     // as given, with a "/" appended when it had none
+    std::string folder_access; // the same in access form, for error reports
     directory_entry entry;
     bool open = false;
 

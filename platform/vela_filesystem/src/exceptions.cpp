@@ -22,13 +22,13 @@ FsysExceptionBase::FsysExceptionBase(std::string message_id, std::string const& 
       m_arguments(std::move(arguments)) {}
 FsysExceptionBase::~FsysExceptionBase() = default;
 
-#define VELA_FS_DEFINE_EXCEPTION(Name, errno_value)                                                      \
-    Name::Name(std::string message_id, std::u16string path, std::vector<std::string> arguments)          \
-        : FsysExceptionBase(std::move(message_id), errno_text(errno_value), std::move(path),            \
-                            std::move(arguments)) {}                                                     \
-    Name::Name(std::string message_id, std::string const& text, std::u16string path,                     \
-               std::vector<std::string> arguments)                                                       \
-        : FsysExceptionBase(std::move(message_id), text, std::move(path), std::move(arguments)) {}       \
+#define VELA_FS_DEFINE_EXCEPTION(Name, errno_value)                                                \
+    Name::Name(std::string message_id, std::u16string path, std::vector<std::string> arguments)    \
+        : FsysExceptionBase(std::move(message_id), errno_text(errno_value), std::move(path),       \
+                            std::move(arguments)) {}                                               \
+    Name::Name(std::string message_id, std::string const& text, std::u16string path,               \
+               std::vector<std::string> arguments)                                                 \
+        : FsysExceptionBase(std::move(message_id), text, std::move(path), std::move(arguments)) {} \
     Name::~Name() = default;
 
 VELA_FS_DEFINE_EXCEPTION(AccessDenied, EACCES)

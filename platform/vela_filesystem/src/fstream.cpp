@@ -124,7 +124,8 @@ write_through_buf::pos_type write_through_buf::seekoff(off_type offset, ios_base
                                                        ios_base::openmode which) {
     if (m_fd < 0 || !(which & ios_base::out))
         return pos_type(off_type(-1));
-    int const whence = way == ios_base::beg ? SEEK_SET : way == ios_base::cur ? SEEK_CUR : SEEK_END;
+    int const whence = way == ios_base::beg ? SEEK_SET : way == ios_base::cur ? SEEK_CUR
+                                                                              : SEEK_END;
     return pos_type(off_type(::lseek(m_fd, offset, whence)));
 }
 

@@ -68,7 +68,9 @@ bool sync_both_folders(std::string const& from, std::string const& to, bool repo
     return true;
 }
 
-enum class undo { impossible, exchange, rename_back };
+enum class undo { impossible,
+                  exchange,
+                  rename_back };
 
 // Puts the destination back as it was before the rename. Called while a failure is being
 // reported: that failure is what the caller must see, so a failure here is not reported on

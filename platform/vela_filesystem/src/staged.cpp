@@ -11,11 +11,11 @@ namespace sys {
 namespace {
 
 struct staged_state {
-    int depth = 0;         // live scopes on this thread
-    bool staged = false;   // a name was given in the outermost scope
-    std::string name;      // its access form
-    bool flushed = false;  // copy_file made it and flushed its data
-    struct stat identity;  // its status right after that flush
+    int depth = 0;        // live scopes on this thread
+    bool staged = false;  // a name was given in the outermost scope
+    std::string name;     // its access form
+    bool flushed = false; // copy_file made it and flushed its data
+    struct stat identity; // its status right after that flush
     bool folder_owed = false;
 
     void reset() {

@@ -268,13 +268,13 @@ TEST(Traced, FailedStepsAreReported) {
     } const rows[] = {
         {"chmod", "-", "newfstatat:error=EIO -P " + a, 3, "AB"}, // the look before the change
         {"remove", "-", "unlink:error=EIO", 3, "AB"},
-        {"rename", "b", "fdatasync:error=EIO", 3, "AB"},          // the data before the name
-        {"rename", "b", "renameat2:error=EIO", 3, "AB"},          // the exchange over b
-        {"rename", "c", "rename:error=EIO", 3, "AB"},             // the plain rename to a new name
-        {"rename", "b", "renameat2:error=EXDEV:when=1", 3, "AB"}, // across file systems: not allowed
-        {"move", "b", "renameat2:error=EXDEV:when=1", 0, "A"},    // allowed: copied, source removed
+        {"rename", "b", "fdatasync:error=EIO", 3, "AB"},            // the data before the name
+        {"rename", "b", "renameat2:error=EIO", 3, "AB"},            // the exchange over b
+        {"rename", "c", "rename:error=EIO", 3, "AB"},               // the plain rename to a new name
+        {"rename", "b", "renameat2:error=EXDEV:when=1", 3, "AB"},   // across file systems: not allowed
+        {"move", "b", "renameat2:error=EXDEV:when=1", 0, "A"},      // allowed: copied, source removed
         {"movekeep", "b", "renameat2:error=EXDEV:when=1", 3, "AB"}, // allowed, but b is taken
-        {"copy", "c", "close:error=EIO -P " + c, 3, "AB"},       // of the new file only
+        {"copy", "c", "close:error=EIO -P " + c, 3, "AB"},          // of the new file only
         {"copy", "c", "copy_file_range:error=EIO", 3, "AB"},
         {"copy", "c", "copy_file_range:error=ENOSYS", 0, "ABA"},
     };

@@ -132,8 +132,7 @@ std::size_t encode_chunk(char16_t const* text, std::size_t begin, std::size_t en
             o += 3;
         } else if (c < 0xDC00 && s < stop && U16_IS_TRAIL(*s)) {
             uint32_t const cp = U16_GET_SUPPLEMENTARY(c, *s++);
-            store_le(o, (0xF0 | (cp >> 18)) | (0x80 | ((cp >> 12) & 0x3F)) << 8 | (0x80 | ((cp >> 6) & 0x3F)) << 16 |
-                            (0x80u | (cp & 0x3F)) << 24, 4);
+            store_le(o, (0xF0 | (cp >> 18)) | (0x80 | ((cp >> 12) & 0x3F)) << 8 | (0x80 | ((cp >> 6) & 0x3F)) << 16 | (0x80u | (cp & 0x3F)) << 24, 4);
             o += 4;
         } else {
             if (strict) {
@@ -195,8 +194,7 @@ encode_chunk_wide(char16_t const* text, std::size_t begin, std::size_t end, bool
             continue;
         if (*s < 0xDC00 && s + 1 < stop && U16_IS_TRAIL(s[1])) {
             uint32_t const cp = U16_GET_SUPPLEMENTARY(s[0], s[1]);
-            store_le(o, (0xF0 | (cp >> 18)) | (0x80 | ((cp >> 12) & 0x3F)) << 8 | (0x80 | ((cp >> 6) & 0x3F)) << 16 |
-                            (0x80u | (cp & 0x3F)) << 24, 4);
+            store_le(o, (0xF0 | (cp >> 18)) | (0x80 | ((cp >> 12) & 0x3F)) << 8 | (0x80 | ((cp >> 6) & 0x3F)) << 16 | (0x80u | (cp & 0x3F)) << 24, 4);
             o += 4;
             s += 2;
         } else {

@@ -16,12 +16,12 @@ TEST(Scan, FirstCharacterOfEachClass) {
         std::u16string text;
         std::size_t at; // text.size(): none
     } const rows[] = {
-        {i18n::ctype_digit, u"a\u0665", 1},     // ARABIC-INDIC DIGIT FIVE
-        {i18n::ctype_upper, u"5a", 2},          // a digit belongs to no other class asked for
+        {i18n::ctype_digit, u"a\u0665", 1}, // ARABIC-INDIC DIGIT FIVE
+        {i18n::ctype_upper, u"5a", 2},      // a digit belongs to no other class asked for
         {i18n::ctype_punct, u"a b!", 3},
         {i18n::ctype_cntrl, u"a\u0085", 1},
-        {i18n::ctype_graph, u" \t\u00A0x", 3},  // a no-break space is space, not graph
-        {i18n::ctype_graph, u"\U0001F600", 0},  // a pair is one character
+        {i18n::ctype_graph, u" \t\u00A0x", 3}, // a no-break space is space, not graph
+        {i18n::ctype_graph, u"\U0001F600", 0}, // a pair is one character
     };
     for (Row const& r : rows)
         EXPECT_EQ(i18n::detail::scan(r.mask, r.text.data(), r.text.data() + r.text.size(), i18n::is_posix),

@@ -10,9 +10,9 @@
 
 #include <cstdlib>
 #include <ctime>
-#include <unistd.h>
 #include <random>
 #include <stdexcept>
+#include <unistd.h>
 #include <utility>
 
 namespace tz = vela::i18n::time_zone;
@@ -47,7 +47,7 @@ TEST(Zone, TZFormsAgreeWithTheCLibrary) {
                                     {"/usr/share/zoneinfo/Australia/Sydney", "Australia/Sydney"},
                                     {"", "GMT"},
                                     {":", "GMT"},
-                                    {nullptr, nullptr}}) { // unset: the host's zone, not the fallback
+                                    {nullptr, nullptr}}) {   // unset: the host's zone, not the fallback
         value ? ::setenv("TZ", value, 1) : ::unsetenv("TZ"); // the process ends with this test
         ::tzset();
         char const* const name = value ? value : "(unset)";

@@ -14,17 +14,21 @@
 namespace stratum::storage::vfs::detail::s3 {
 
 /// How a request failed below HTTP, if it did.
-enum class Transport { None, Unreachable, Dropped, TimedOut, Other };
+enum class Transport { None,
+                       Unreachable,
+                       Dropped,
+                       TimedOut,
+                       Other };
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 struct HttpRequest {
     std::string method;
     std::string bucket;
-    std::string key;  ///< UTF-8, not encoded; empty for requests on the bucket
-    Pairs query;      ///< decoded
-    Pairs headers;    ///< besides those the client adds (host, date, hash, authorization)
-    std::string_view body;  ///< stays owned by the caller during `send`
+    std::string key;       ///< UTF-8, not encoded; empty for requests on the bucket
+    Pairs query;           ///< decoded
+    Pairs headers;         ///< besides those the client adds (host, date, hash, authorization)
+    std::string_view body; ///< stays owned by the caller during `send`
     /// Safe to repeat after a dropped connection. Others are repeated only when the server
     /// answered that it did not act (503, 429, SlowDown).
     bool idempotent = true;
@@ -37,11 +41,11 @@ struct HttpRequest {
 struct HttpResponse {
     long status = 0;
     Transport transport = Transport::None;
-    std::string transportDetail;  ///< libcurl's text when `transport` is not None
-    Pairs headers;                ///< names in lower case
+    std::string transportDetail; ///< libcurl's text when `transport` is not None
+    Pairs headers;               ///< names in lower case
     std::string body;
-    std::string errorCode;     ///< Code of an <Error> body (also one sent with status 200)
-    std::string errorMessage;  ///< its Message
+    std::string errorCode;    ///< Code of an <Error> body (also one sent with status 200)
+    std::string errorMessage; ///< its Message
 
     bool ok() const { return transport == Transport::None && status >= 200 && status < 300 && errorCode.empty(); }
     /// The value of the header `lowerName`, "" when absent.
@@ -70,8 +74,8 @@ private:
     void release(void* handle);
 
     S3Settings settings_;
-    std::string scheme_;  ///< "http" or "https"
-    std::string host_;    ///< host[:port] of the endpoint; empty: AWS, per bucket
+    std::string scheme_; ///< "http" or "https"
+    std::string host_;   ///< host[:port] of the endpoint; empty: AWS, per bucket
     std::mutex mutex_;
     std::vector<void*> idle_;
 };

@@ -29,7 +29,7 @@ struct Head {
     std::string etag;
     /// x-amz-meta-mtime, else Last-Modified; not-a-date-time when neither reads.
     boost::posix_time::ptime modified;
-    bool readOnly = false;  ///< x-amz-meta-readonly is "1"
+    bool readOnly = false; ///< x-amz-meta-readonly is "1"
 };
 
 /// HEAD of `object`: `found` false on 404, a thrown storage error on any other failure.

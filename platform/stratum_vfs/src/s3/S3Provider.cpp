@@ -80,7 +80,7 @@ public:
             }
             for (auto const& below : page.prefixes) {
                 std::string const child = below.substr(prefix.size(), below.size() - prefix.size() - 1);
-                if (!child.empty()) { // "a//b": an empty name is reachable by IRI, never listed
+                if (!child.empty()) {                         // "a//b": an empty name is reachable by IRI, never listed
                     children.emplace(name(child, iri), true); // a file of the same name wins
                 }
             }

@@ -34,7 +34,8 @@ protected:
 
     pos_type seekoff(off_type offset, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
         std::int64_t const current = std::int64_t(start_) + (gptr() - eback());
-        std::int64_t const base = dir == std::ios_base::beg ? 0 : dir == std::ios_base::cur ? current : std::int64_t(size_);
+        std::int64_t const base = dir == std::ios_base::beg ? 0 : dir == std::ios_base::cur ? current
+                                                                                            : std::int64_t(size_);
         return seekpos(pos_type(base + offset), which);
     }
 
@@ -77,7 +78,7 @@ private:
     std::uint64_t size_;
     std::string etag_;
     std::vector<char> window_;
-    std::uint64_t start_ = 0;  ///< object offset of window_[0]
+    std::uint64_t start_ = 0; ///< object offset of window_[0]
 };
 
 class OutputBuffer : public provider::OutputBuffer {
@@ -132,7 +133,6 @@ protected:
         }
         return size;
     }
-
 
     pos_type seekoff(off_type offset, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
         if (offset != 0 || dir != std::ios_base::cur || !(which & std::ios_base::out)) {

@@ -13,7 +13,7 @@ namespace stratum::storage::vfs::detail::s3 {
 
 /// One HTTP request as it will be sent: what the signature covers.
 struct Request {
-    std::string method;  ///< "GET", "PUT", ...
+    std::string method; ///< "GET", "PUT", ...
     /// The path as sent on the wire, already percent-encoded ("/bucket/a%20b//c"). It is
     /// signed exactly as it stands: S3 paths are neither normalised nor encoded twice.
     std::string path;
@@ -29,7 +29,7 @@ struct Request {
 struct Credentials {
     std::string accessKeyId;
     std::string secretAccessKey;
-    std::string sessionToken;  ///< empty unless temporary credentials
+    std::string sessionToken; ///< empty unless temporary credentials
 };
 
 /// Lower-case hex SHA-256 of `size` bytes at `data`.

@@ -14,8 +14,8 @@ bool parseError(std::string const& body, std::string& code, std::string& message
 /// One page of ListObjectsV2.
 struct ListPage {
     std::vector<std::string> keys;
-    std::vector<std::string> prefixes;  ///< CommonPrefixes
-    std::string nextToken;              ///< empty on the last page
+    std::vector<std::string> prefixes; ///< CommonPrefixes
+    std::string nextToken;             ///< empty on the last page
 };
 ListPage parseListPage(std::string const& body);
 

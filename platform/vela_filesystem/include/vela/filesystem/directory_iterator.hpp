@@ -5,8 +5,8 @@
 #include <vela/filesystem/path.hpp>
 
 #include <memory>
-#include <utility>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vela::filesystem {

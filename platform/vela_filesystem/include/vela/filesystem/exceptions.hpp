@@ -40,14 +40,14 @@ private:
 //   T(message_id, text, path = {}, arguments = {})                 -- what() is `text`.
 // So `PathNotFound()` and `InvalidArgument("vela:filesystem:InvalidArgument",
 // "Empty path not permitted")` are both fine.
-#define VELA_FS_DECLARE_EXCEPTION(Name)                                                                  \
-    class VELA_FS_API Name : public FsysExceptionBase {                                                  \
-    public:                                                                                              \
-        explicit Name(std::string message_id = "vela:filesystem:" #Name, std::u16string path = {},        \
-                      std::vector<std::string> arguments = {});                                          \
-        Name(std::string message_id, std::string const& text, std::u16string path = {},                  \
-             std::vector<std::string> arguments = {});                                                   \
-        ~Name() override;                                                                                \
+#define VELA_FS_DECLARE_EXCEPTION(Name)                                                            \
+    class VELA_FS_API Name : public FsysExceptionBase {                                            \
+    public:                                                                                        \
+        explicit Name(std::string message_id = "vela:filesystem:" #Name, std::u16string path = {}, \
+                      std::vector<std::string> arguments = {});                                    \
+        Name(std::string message_id, std::string const& text, std::u16string path = {},            \
+             std::vector<std::string> arguments = {});                                             \
+        ~Name() override;                                                                          \
     }
 
 /// EACCES, EPERM: the caller may not do this.

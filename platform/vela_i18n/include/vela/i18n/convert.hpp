@@ -14,7 +14,8 @@ namespace vela::i18n {
 
 namespace detail {
 /// How a converter reaches its encoding: the built-in UTF-8 path or a named code page.
-enum class encoding_kind { utf8, codepage };
+enum class encoding_kind { utf8,
+                           codepage };
 } // namespace detail
 
 /// Narrow encoding settings shared by the two encoding converters.

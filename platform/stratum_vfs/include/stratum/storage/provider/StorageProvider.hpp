@@ -37,8 +37,8 @@ protected:
 
 /// One child of a folder, as a provider lists it.
 struct FolderEntry {
-    std::u16string name;  ///< decoded name of the child (one segment)
-    bool folder;          ///< true for a folder, false for a file
+    std::u16string name; ///< decoded name of the child (one segment)
+    bool folder;         ///< true for a folder, false for a file
 };
 
 /// The one interface a storage scheme implements. The public operations of `vfs` (`File`,

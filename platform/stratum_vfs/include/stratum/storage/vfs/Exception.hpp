@@ -11,18 +11,18 @@ namespace stratum::storage::vfs {
 /// Why a storage operation failed. The values are fixed (0 to 11): callers translate them to
 /// POSIX error numbers by value. Each names the POSIX condition it stands for.
 enum class ErrorCode : int {
-    DirectoryNotEmpty = 0,      ///< a folder still holds items (ENOTEMPTY)
-    NoSuchDeviceOrAddress = 1,  ///< the storage behind the IRI is not reachable (ENXIO)
-    PermissionDenied = 2,       ///< the item is read-only or access is refused (EACCES)
-    FileExists = 3,             ///< the destination or the item to create already exists (EEXIST)
-    NotFound = 4,               ///< no such file or folder, or a missing parent folder (ENOENT)
-    ReadOnlyFileSystem = 5,     ///< the storage refuses all changes (EROFS)
-    FileTooLarge = 6,           ///< (EFBIG)
-    TryAgain = 7,               ///< a transient condition (EAGAIN)
-    NoSpace = 8,                ///< (ENOSPC)
-    IOError = 9,                ///< any other failure of the storage (EIO)
-    StateNotRecoverable = 10,   ///< (ENOTRECOVERABLE)
-    NotSupported = 11           ///< the operation makes no sense for this item or scheme (ENOTSUP)
+    DirectoryNotEmpty = 0,     ///< a folder still holds items (ENOTEMPTY)
+    NoSuchDeviceOrAddress = 1, ///< the storage behind the IRI is not reachable (ENXIO)
+    PermissionDenied = 2,      ///< the item is read-only or access is refused (EACCES)
+    FileExists = 3,            ///< the destination or the item to create already exists (EEXIST)
+    NotFound = 4,              ///< no such file or folder, or a missing parent folder (ENOENT)
+    ReadOnlyFileSystem = 5,    ///< the storage refuses all changes (EROFS)
+    FileTooLarge = 6,          ///< (EFBIG)
+    TryAgain = 7,              ///< a transient condition (EAGAIN)
+    NoSpace = 8,               ///< (ENOSPC)
+    IOError = 9,               ///< any other failure of the storage (EIO)
+    StateNotRecoverable = 10,  ///< (ENOTRECOVERABLE)
+    NotSupported = 11          ///< the operation makes no sense for this item or scheme (ENOTSUP)
 };
 
 /// A fixed English sentence for each code ("Directory not empty", "Not found", ...); values
