@@ -29,6 +29,17 @@ struct directory_iterator::state {
 
 namespace {
 
+// A descriptor for reading the folder `folder`, whose access form is `access`; throws the
+// host failure when it cannot be opened (an empty path is a missing folder).
+int open_folder(path const& folder, std::string const& access) {
+    if (access.empty())
+        throw_from_errno(ENOENT, folder.native());
+    int const fd = sys::retry([&] { return ::open(access.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+    if (fd < 0)
+        sys::fail(folder);
+    return fd;
+}
+
 std::uint32_t type_of_dirent(unsigned char d_type) noexcept {
     switch (d_type) {
     case DT_REG: return file_status::regular_file;
@@ -110,11 +121,7 @@ directory_iterator::~directory_iterator() = default;
 directory_iterator::directory_iterator(path const& folder) : m_state(std::make_unique<state>()) {
     state& s = *m_state;
     s.folder_access = folder.access_form();
-    if (s.folder_access.empty())
-        throw_from_errno(ENOENT, folder.native());
-    int const fd = sys::retry([&] { return ::open(s.folder_access.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
-    if (fd < 0)
-        sys::fail(folder);
+    int const fd = open_folder(folder, s.folder_access);
     s.dir = ::fdopendir(fd);
     if (s.dir == nullptr) {
         int const error = errno;
@@ -270,11 +277,7 @@ private:
 void list_files(path const& folder, bool recursive, std::vector<std::u16string>& files) {
     file_lister lister(recursive, files);
     lister.m_access = folder.access_form();
-    if (lister.m_access.empty())
-        throw_from_errno(ENOENT, folder.native());
-    int const fd = sys::retry([&] { return ::open(lister.m_access.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
-    if (fd < 0)
-        sys::fail(folder);
+    int const fd = open_folder(folder, lister.m_access);
     lister.m_folder = folder.native();
     if (lister.m_folder.back() != u'/')
         lister.m_folder.push_back(u'/');
