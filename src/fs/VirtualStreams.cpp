@@ -8,7 +8,6 @@
 #include <stratum/storage/vfs/IRI.hpp>
 #include <stratum/storage/vfs/Streams.hpp>
 
-#include <exception>
 #include <istream>
 #include <ostream>
 
@@ -43,24 +42,6 @@ Handle open(std::u16string const& path, unsigned mode, store::StorageSystemRefer
     });
 }
 
-// The output stream a caller holds. Its last holder's release closes it, so that a scheme
-// which publishes only at close (an object store's upload) publishes then; not while an
-// exception unwinds the stack or after a failed write, so that half-written content is dropped
-// rather than made visible. A failure of that close is lost with the stream (the scheme leaves
-// no object then); a caller who must see it closes the stream itself.
-class ClosingOfstream : public store::ofstream {
-public:
-    using store::ofstream::ofstream;
-    ~ClosingOfstream() override {
-        if (is_open() && !bad() && std::uncaught_exceptions() == 0) {
-            try {
-                close();
-            } catch (...) {
-            }
-        }
-    }
-};
-
 } // namespace
 
 std::shared_ptr<std::istream> VirtualFileSystemOps::doCreateInputStream(const std::u16string& path, unsigned mode,
@@ -70,7 +51,7 @@ std::shared_ptr<std::istream> VirtualFileSystemOps::doCreateInputStream(const st
 
 std::shared_ptr<std::ostream> VirtualFileSystemOps::doCreateOutputStream(const std::u16string& path, unsigned mode,
                                                                          std::string& detail, error_code& ec) {
-    return open<ClosingOfstream, std::shared_ptr<std::ostream>>(path, mode, m_storage, detail, ec,
+    return open<store::ofstream, std::shared_ptr<std::ostream>>(path, mode, m_storage, detail, ec,
                                                                 store::ofstream::FailureHandler(throwWriteFailure));
 }
 

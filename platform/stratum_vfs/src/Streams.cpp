@@ -3,6 +3,8 @@
 #include <stratum/storage/vfs/Exception.hpp>
 #include <stratum/storage/vfs/Streams.hpp>
 
+#include <exception>
+
 namespace stratum::storage::vfs {
 
 namespace {
@@ -162,7 +164,15 @@ ofstream::ofstream(File const& file, unsigned mode, FailureHandler onFailure)
 
 // The provider's buffer releases the file without reporting: every byte reached the storage
 // at its write, so only the release itself can fail here, and close() is there to see that.
-ofstream::~ofstream() = default;
+ofstream::~ofstream() {
+    if (is_open() && !bad() && std::uncaught_exceptions() == 0) {
+        try {
+            close();
+        } catch (...) {
+            // Reported by an explicit close() only; the scheme has dropped the content.
+        }
+    }
+}
 
 bool ofstream::is_open() const { return buffer_ != nullptr; }
 

@@ -75,7 +75,11 @@ public:
 
     explicit ofstream(File const& file, unsigned mode = OpenMode::Out | OpenMode::Binary,
                       FailureHandler onFailure = {});
-    /// Releases the file without reporting; call `close()` to see a failed release.
+    /// Closes the file, so that a scheme which publishes only at close (an object store's
+    /// upload) publishes then; not while an exception unwinds the stack or after a failed
+    /// write, when the file is only released and half-written content is dropped rather than
+    /// made visible. A failure here is not reported (the scheme then leaves no object): call
+    /// `close()` to see it.
     ~ofstream() override;
 
     bool is_open() const;
