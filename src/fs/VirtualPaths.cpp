@@ -101,8 +101,7 @@ bool VirtualFileSystemOps::doGetLocalPath(const std::u16string& path, std::u16st
         localPath = store::fromAbsoluteIRI(iri);
         return true;
     }
-    localPath.clear();
-    return false;
+    return false; // the caller's frame empties localPath
 }
 
 bool VirtualFileSystemOps::doIsAbsolutePath(const std::u16string& path) {

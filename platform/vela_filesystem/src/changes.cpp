@@ -70,9 +70,9 @@ bool create_directories(path const& p) {
     }
     if (first != ENOENT)
         throw_from_errno(first, p.native());
-    // Make the parent, then this one again.
+    // Make the parent, then this one again. ("." and "/" exist, or their mkdir reports why not.)
     std::string const parent = sys::folder_of(access);
-    if (parent != access && parent != "." && parent != "/")
+    if (parent != access)
         create_directories(path(detail::from_filesystem(parent)));
     if (::mkdir(access.c_str(), 0777) == 0)
         return true;

@@ -38,12 +38,10 @@ std::u16string extract_parent_path(std::u16string const& text) {
     if (slash == std::u16string::npos)
         return {};
     // Drop the separators before the last element, but keep a root.
-    auto end = slash;
-    while (end > 0 && text[end - 1] == separator)
-        --end;
-    if (end == 0)
+    auto const last = text.find_last_not_of(separator, slash);
+    if (last == std::u16string::npos)
         return slash + 1 == text.size() ? std::u16string() : std::u16string(1, separator);
-    return text.substr(0, end);
+    return text.substr(0, last + 1);
 }
 
 std::u16string extract_filename(std::u16string const& text) {

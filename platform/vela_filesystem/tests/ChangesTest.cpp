@@ -2,6 +2,7 @@
 // cost, on real files and under strace. Missing rights are the library's conformance suite's.
 #include <vela/filesystem/directory_iterator.hpp>
 #include <vela/filesystem/exceptions.hpp>
+#include <vela/filesystem/fstream.hpp>
 #include <vela/filesystem/operations.hpp>
 #include <vela/filesystem/temp.hpp>
 
@@ -87,6 +88,8 @@ struct TracedChild {
                 hostfs::remove_all(utf16(from));
             else if (op == "copydir")
                 hostfs::copy_directory(utf16(from), utf16(to));
+            else if (op == "mkdirs")
+                hostfs::create_directories(utf16(to + "/x"));
             else if (op == "rename" || op == "move" || op == "movekeep")
                 hostfs::rename(utf16(from), utf16(to), {op == "movekeep", op != "rename"});
             else if (std::FILE* file = hostfs::tmpfile(name, utf16(from), u"t", u""))
@@ -140,6 +143,25 @@ TEST(CopyFile, ContentModeAndWhatItRefuses) {
     EXPECT_EQ(s.entries(), 4u);
 }
 
+// The host output stream writes through, a character at a time too; a second open of an open
+// stream, and a mode with no meaning, are refused and make nothing.
+TEST(Ofstream, WritesThroughAndRefusesWhatItCannotMean) {
+    Scratch s;
+    hostfs::ofstream out(s.u("f"));
+    out.put('a') << "bc";
+    EXPECT_TRUE(out.good());
+    EXPECT_EQ(read_all(s.at("f")), "abc");
+    out.open(s.u("g"));
+    EXPECT_TRUE(out.fail());
+    out.clear();
+    out.put('d');
+    out.close();
+    hostfs::ofstream(s.u("f"), std::ios::in | std::ios::out | std::ios::ate).put('e');
+    EXPECT_TRUE(hostfs::ofstream(s.u("h"), std::ios::trunc | std::ios::app).fail());
+    EXPECT_EQ(read_all(s.at("f")), "abcde");
+    EXPECT_EQ(s.entries(), 1u);
+}
+
 TEST(Rename, FailuresNameTheirSide) {
     Scratch s;
     std::ofstream(s.at("c")) << "C";
@@ -155,6 +177,8 @@ TEST(Rename, FailuresNameTheirSide) {
     EXPECT_EQ(thrown_path<hostfs::FileIsDirectory>([&] { hostfs::rename(s.u("kept"), s.u("d")); }), s.u("d"));
     EXPECT_EQ(read_all(s.at("d/c")) + read_all(s.at("kept")), "Cold");
     EXPECT_EQ(thrown_path<hostfs::FileExistsError>([&] { hostfs::create_directories(s.u("kept")); }), s.u("kept"));
+    EXPECT_EQ(thrown_path<hostfs::NotDirectoryError>([&] { hostfs::copy_directory(s.u("e"), s.u("kept")); }),
+              s.u("kept"));
     ASSERT_EQ(::symlink("kept", s.at("l").c_str()), 0);
     hostfs::rename(s.u("l"), s.u("e/l")); // a link moves as it is, never opened
     EXPECT_TRUE(S_ISLNK(mode_of(s.at("e/l"))));
@@ -277,6 +301,7 @@ TEST(Traced, FailedStepsAreReported) {
         {"copy", "c", "close:error=EIO -P " + c, 3, "AB"},          // of the new file only
         {"copy", "c", "copy_file_range:error=EIO", 3, "AB"},
         {"copy", "c", "copy_file_range:error=ENOSYS", 0, "ABA"},
+        {"mkdirs", "n", "mkdir:error=EIO:when=3", 3, "AB"}, // n/x again, once n is made
     };
     for (Row const& r : rows) {
         SCOPED_TRACE(std::string(r.op) + " to " + r.to + " failing " + r.inject);

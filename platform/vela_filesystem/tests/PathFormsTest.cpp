@@ -1,9 +1,14 @@
 // Path text: generated paths against std::filesystem. Fixed cases are the library's path-text
-// tables' to check, text that cannot be a path its failure table's.
+// tables' to check, text that cannot be a path its failure table's. Then the host texts that
+// outgrow a first buffer: a long link target and a deep working folder.
 #include <gtest/gtest.h>
 
 #include <vela/filesystem/exceptions.hpp>
+#include <vela/filesystem/operations.hpp>
 #include <vela/filesystem/path.hpp>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <random>
@@ -61,6 +66,34 @@ TEST(PathForms, GeneratedPathsAgreeWithStdFilesystem) {
             EXPECT_EQ(utf8(vd::extract_extension(native)), oracle.extension().string());
         }
     }
+}
+
+TEST(HostText, LongerThanTheFirstBuffer) {
+    std::string const base = std::filesystem::temp_directory_path() / ("vela-long-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(base);
+    std::string const target(1500, 't');
+    std::filesystem::create_symlink(target, base + "/link");
+    EXPECT_EQ(utf8(hostfs::read_symlink(hostfs::path(std::filesystem::path(base + "/link").u16string())).native()),
+              target);
+
+    int const home = ::open(".", O_RDONLY | O_DIRECTORY);
+    ASSERT_GE(home, 0);
+    ASSERT_EQ(::chdir(base.c_str()), 0);
+    std::string deep = base; // 20 names of 250 bytes: past the first page, one chdir at a time
+    for (char c = 'a'; c < 'a' + 20; ++c) {
+        ASSERT_EQ(::mkdir(std::string(250, c).c_str(), 0700), 0);
+        ASSERT_EQ(::chdir(std::string(250, c).c_str()), 0);
+        deep += "/" + std::string(250, c);
+    }
+    EXPECT_EQ(utf8(hostfs::get_current_path()), deep);
+    for (char c = 'a' + 19; c >= 'a'; --c)
+        ASSERT_TRUE(::chdir("..") == 0 && ::rmdir(std::string(250, c).c_str()) == 0);
+    // A working folder removed meanwhile is reported, not retried.
+    ASSERT_TRUE(::mkdir("gone", 0700) == 0 && ::chdir("gone") == 0 && ::rmdir((base + "/gone").c_str()) == 0);
+    EXPECT_THROW(hostfs::get_current_path(), hostfs::PathNotFound);
+    ASSERT_EQ(::fchdir(home), 0);
+    ::close(home);
+    std::filesystem::remove_all(base);
 }
 
 } // namespace

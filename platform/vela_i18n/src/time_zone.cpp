@@ -16,11 +16,10 @@
 
 namespace vela::i18n::time_zone {
 
+// Every zone the library builds (database, fixed-offset and host zones) keeps its transition
+// history, which the local-to-UTC direction needs.
 struct timezone::impl {
-    std::unique_ptr<icu::TimeZone> zone;
-    // The same object when the zone keeps its transition history (every zone the database
-    // builds does); null otherwise.
-    icu::BasicTimeZone const* basic = nullptr;
+    std::unique_ptr<icu::BasicTimeZone> zone;
 };
 
 namespace {
@@ -105,12 +104,14 @@ UDate to_udate(boost::posix_time::ptime const& time) {
 
 timezone::timezone(std::string const& name) {
     prepare_zones();
-    auto data = std::make_shared<impl>();
-    data->zone = name.empty() ? create_local() : create_known(name);
-    if (!data->zone) {
+    std::unique_ptr<icu::TimeZone> zone = name.empty() ? create_local() : create_known(name);
+    auto* const basic = dynamic_cast<icu::BasicTimeZone*>(zone.get());
+    if (!basic) {
         throw std::invalid_argument("Unknown time zone: \"" + name + "\"");
     }
-    data->basic = dynamic_cast<icu::BasicTimeZone const*>(data->zone.get());
+    zone.release();
+    auto data = std::make_shared<impl>();
+    data->zone.reset(basic);
     m_impl = std::move(data);
 }
 
@@ -147,15 +148,10 @@ boost::posix_time::ptime to_utc(boost::posix_time::ptime const& local, timezone 
     int32_t raw = 0;
     int32_t dst = 0;
     UErrorCode status = U_ZERO_ERROR;
-    UDate const wall = to_udate(local);
-    if (zone.m_impl->basic != nullptr) {
-        // "Former" for both cases: the offset in force before the change. For a repeated
-        // wall time that is the earlier instant; for a skipped one it moves the time forward
-        // by the gap.
-        zone.m_impl->basic->getOffsetFromLocal(wall, UCAL_TZ_LOCAL_FORMER, UCAL_TZ_LOCAL_FORMER, raw, dst, status);
-    } else {
-        zone.m_impl->zone->getOffset(wall, true, raw, dst, status);
-    }
+    // "Former" for both cases: the offset in force before the change. For a repeated wall time
+    // that is the earlier instant; for a skipped one it moves the time forward by the gap.
+    zone.m_impl->zone->getOffsetFromLocal(to_udate(local), UCAL_TZ_LOCAL_FORMER, UCAL_TZ_LOCAL_FORMER, raw, dst,
+                                          status);
     if (U_FAILURE(status)) {
         throw std::runtime_error(std::string("time-zone offset unavailable: ") + u_errorName(status));
     }

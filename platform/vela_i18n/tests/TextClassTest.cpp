@@ -16,8 +16,15 @@ TEST(Scan, FirstCharacterOfEachClass) {
         std::u16string text;
         std::size_t at; // text.size(): none
     } const rows[] = {
+        {i18n::ctype_space, u"a\u2003", 1},  // EM SPACE
+        {i18n::ctype_blank, u"\n\u3000", 1}, // a line break is space, not blank
+        {i18n::ctype_lower, u"A\u00DF", 1},
+        {i18n::ctype_alpha, u"1\u4E00", 1},
         {i18n::ctype_digit, u"a\u0665", 1}, // ARABIC-INDIC DIGIT FIVE
-        {i18n::ctype_upper, u"5a", 2},      // a digit belongs to no other class asked for
+        {i18n::ctype_xdigit, u"gF", 1},
+        {i18n::ctype_alnum, u"_\u0665", 1},
+        {i18n::ctype_print, u"\t\u0085 ", 2}, // a space prints; controls do not
+        {i18n::ctype_upper, u"5a", 2},        // a digit belongs to no other class asked for
         {i18n::ctype_punct, u"a b!", 3},
         {i18n::ctype_cntrl, u"a\u0085", 1},
         {i18n::ctype_graph, u" \t\u00A0x", 3}, // a no-break space is space, not graph
@@ -31,7 +38,11 @@ TEST(Scan, FirstCharacterOfEachClass) {
 
 TEST(CodePage, ConvertsGrowsAndNamesTheFault) {
     EXPECT_EQ(i18n::to_ustring("caf\xE9", i18n::codecvt_string_to_ustring("ISO-8859-1")), u"caf\u00E9");
-    EXPECT_EQ(i18n::to_ustring(std::wstring(L"\U00010000\uFFFF")), u"\U00010000\uFFFF");
+    // Wide text: each value at the edge of a surrogate or beyond the last plane becomes U+FFFD.
+    std::wstring const wide{wchar_t(0xD7FF), wchar_t(0xD800), wchar_t(0xDFFF), wchar_t(0xE000),
+                            wchar_t(0xFFFF), wchar_t(0x10000), wchar_t(0x10FFFF), wchar_t(0x110000)};
+    EXPECT_EQ(i18n::to_ustring(wide), u"\uD7FF\uFFFD\uFFFD\uE000\uFFFF\U00010000\U0010FFFF\uFFFD");
+    EXPECT_EQ(i18n::to_wstring(std::u16string{u'a', char16_t(0xDC00), char16_t(0xD800)}), L"a\uFFFD\uFFFD");
     // Four bytes for each unit: more than the first guess of the output's size.
     EXPECT_EQ(i18n::to_string(std::u16string(100, u'a'), i18n::codecvt_ustring_to_string("UTF-32BE")).size(), 400u);
     // A byte the code page lacks, a character it cannot hold, a lone surrogate; U+0080 is not ASCII.
