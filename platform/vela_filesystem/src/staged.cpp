@@ -35,7 +35,7 @@ bool same_content(struct stat const& a, struct stat const& b) {
 } // namespace
 
 bool defer_new_name(std::string const& access) {
-    return state.depth > 0 && state.staged && !state.flushed && access == state.name;
+    return state.staged && !state.flushed && access == state.name; // staged: inside a scope
 }
 
 void note_flushed(std::string const& access, struct stat const& st) {
@@ -55,7 +55,7 @@ void settle_owed() {
 }
 
 bool take_staged(std::string const& access, struct stat const& st) {
-    if (state.depth > 0 && state.flushed && access == state.name && same_content(st, state.identity)) {
+    if (state.flushed && access == state.name && same_content(st, state.identity)) {
         // The rename syncs this folder after it: that also makes the created name durable.
         state.flushed = false;
         state.folder_owed = false;

@@ -68,6 +68,26 @@ int exit_code(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 // strace's "when=" counts only them. Exit 0, or 3 when the operation failed.
 char const* const traced_variable = "VELA_FS_TRACED_CHILD";
 
+// A commit's copy to a staged temporary name and its rename, in nested scopes; the suffix says
+// what comes between: the file changed, another copy, the staging closed, or no rename at all.
+void staged(std::string const& op, std::string const& from, std::string const& to) {
+    std::u16string const temporary = utf16(to + ".t");
+    hostfs::staged_rename_scope outer;
+    hostfs::staged_rename_scope::stage(temporary);
+    {
+        hostfs::staged_rename_scope inner;
+        hostfs::copy_file(utf16(from), temporary, hostfs::copy_option::fail_if_exists);
+    }
+    if (op == "staged-changed")
+        std::ofstream(to + ".t", std::ios::app) << "+";
+    if (op == "staged-other")
+        hostfs::copy_file(utf16(from), utf16(to + ".o"), hostfs::copy_option::overwrite_if_exists);
+    if (op == "staged-closed")
+        outer.close();
+    if (op != "staged-left")
+        hostfs::rename(temporary, utf16(to));
+}
+
 struct TracedChild {
     TracedChild() {
         std::string op, from, to;
@@ -88,6 +108,8 @@ struct TracedChild {
                 hostfs::remove_all(utf16(from));
             else if (op == "copydir")
                 hostfs::copy_directory(utf16(from), utf16(to));
+            else if (op.rfind("staged", 0) == 0)
+                staged(op, from, to);
             else if (op == "mkdirs")
                 hostfs::create_directories(utf16(to + "/x"));
             else if (op == "rename" || op == "move" || op == "movekeep")
@@ -160,6 +182,19 @@ TEST(Ofstream, WritesThroughAndRefusesWhatItCannotMean) {
     EXPECT_TRUE(hostfs::ofstream(s.u("h"), std::ios::trunc | std::ios::app).fail());
     EXPECT_EQ(read_all(s.at("f")), "abcde");
     EXPECT_EQ(s.entries(), 1u);
+}
+
+// Removal takes names that only start with dots; a path it cannot even look at, and a folder
+// copied from nowhere, are reported.
+TEST(RemoveAll, DotNamesGoAndWhatCannotBeSeenIsReported) {
+    Scratch s;
+    ASSERT_EQ(::mkdir(s.at("d").c_str(), 0755), 0);
+    for (char const* name : {".a", "..b", "..."})
+        std::ofstream(s.at("d/") + name);
+    EXPECT_EQ(hostfs::remove_all(s.u("d")), 4u);
+    EXPECT_THROW(hostfs::remove_all(s.u(std::string(300, 'x'))), hostfs::FileNameTooLarge);
+    EXPECT_THROW(hostfs::copy_directory(s.u("none"), s.u("e")), hostfs::PathNotFound);
+    EXPECT_EQ(s.entries(), 0u);
 }
 
 TEST(Rename, FailuresNameTheirSide) {
@@ -259,6 +294,35 @@ TEST(Traced, CopyIsDurableOrChangesNothing) {
     }
 }
 
+// A staged copy's data and folder are flushed once with its rename when nothing came between;
+// anything that did pays the owed folder flush first, and the rename flushes as usual.
+TEST(Traced, StagedRenamesShareTheirFlushes) {
+    if (!strace_works())
+        GTEST_SKIP() << "strace is missing or tracing is not permitted here";
+    Scratch s;
+    std::string const trace = s.at("trace");
+    struct Row {
+        char const* op;
+        int data, folder; // fdatasync and fsync calls
+    } const rows[] = {{"staged", 1, 1}, {"staged-changed", 2, 2}, {"staged-other", 3, 3}, {"staged-closed", 2, 2}, {"staged-left", 1, 1}};
+    for (Row const& r : rows) {
+        SCOPED_TRACE(r.op);
+        std::ofstream(s.at("a")) << "A";
+        ::unlink(s.at("b.t").c_str());
+        ASSERT_EQ(traced(r.op, s.at("a"), s.at("b"), "", trace), 0);
+        std::string const log = read_all(trace);
+        auto count = [&](std::string const& call) {
+            int n = 0;
+            for (auto at = log.find(" " + call + "("); at != std::string::npos; at = log.find(" " + call + "(", at + 1))
+                ++n;
+            return n;
+        };
+        EXPECT_EQ(count("fdatasync"), r.data) << log;
+        EXPECT_EQ(count("fsync"), r.folder) << log;
+        EXPECT_EQ(read_all(s.at(r.op == std::string("staged-left") ? "b.t" : "b")).substr(0, 1), "A");
+    }
+}
+
 // A name that is taken (by anyone, a planted link included) is skipped for a fresh one; any other
 // failure, of the open or of the source of randomness, is reported, not retried.
 TEST(Traced, TakenNamesAreSkipped) {
@@ -311,6 +375,10 @@ TEST(Traced, FailedStepsAreReported) {
         EXPECT_EQ(traced(r.op, a, s.at(r.to), r.inject), r.status);
         EXPECT_EQ(read_all(a) + read_all(b) + read_all(c), r.left);
     }
+    // A link moved across file systems is copied as a link.
+    ASSERT_EQ(::symlink("a", s.at("l").c_str()), 0);
+    EXPECT_EQ(traced("move", s.at("l"), s.at("m"), "renameat2:error=EXDEV:when=1"), 0);
+    EXPECT_TRUE(S_ISLNK(mode_of(s.at("m"))) && mode_of(s.at("l")) == 0);
     // The copy of a folder syncs the folder that received the names.
     ASSERT_EQ(::mkdir(s.at("d").c_str(), 0755), 0);
     EXPECT_EQ(traced("copydir", s.at("d"), s.at("e"), "fsync:error=EIO"), 3);

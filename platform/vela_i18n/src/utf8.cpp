@@ -15,6 +15,7 @@
 #endif
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <new>
 #include <stdexcept>
@@ -88,11 +89,11 @@ void store_le(unsigned char* out, uint32_t bytes, std::size_t size) {
     if (size == 2) {
         auto const half = static_cast<uint16_t>(bytes);
         unsigned char le[2] = {static_cast<unsigned char>(half), static_cast<unsigned char>(half >> 8)};
-        std::memcpy(out, le, 2);
+        std::memcpy(out, le, sizeof le);
     } else {
         unsigned char le[4] = {static_cast<unsigned char>(bytes), static_cast<unsigned char>(bytes >> 8),
                                static_cast<unsigned char>(bytes >> 16), static_cast<unsigned char>(bytes >> 24)};
-        std::memcpy(out, le, 4);
+        std::memcpy(out, le, sizeof le);
     }
 }
 
@@ -297,7 +298,7 @@ std::string utf16_to_utf8(char16_t const* text, std::size_t length, bool strict)
 std::u16string utf8_to_utf16(char const* text, std::size_t length, bool strict) {
     char16_t buffer[kChunk + 64];
     if (length <= kChunk) {
-        return std::u16string(buffer, decode_chunk(text, 0, length, strict, buffer, kChunk + 64));
+        return std::u16string(buffer, decode_chunk(text, 0, length, strict, buffer, std::size(buffer)));
     }
     std::u16string out;
     // Never more units than bytes; exact for ASCII.
@@ -309,7 +310,7 @@ std::u16string utf8_to_utf16(char const* text, std::size_t length, bool strict) 
         for (int k = 0; k < 3 && end < length && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80; ++k) {
             ++end;
         }
-        out.append(buffer, decode_chunk(text, i, end, strict, buffer, kChunk + 64));
+        out.append(buffer, decode_chunk(text, i, end, strict, buffer, std::size(buffer)));
         i = end;
     }
     return out;
