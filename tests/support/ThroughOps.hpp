@@ -22,8 +22,8 @@ inline void writeThrough(FileSystemOps& ops, std::u16string const& path, std::st
     ops.createOutputStream(path, OpenMode::WriteBinary | OpenMode::Truncate)->write(bytes.data(), std::streamsize(bytes.size()));
 }
 
-/// The message and code of the library's exception that `call` throws; "<nothing thrown>" when
-/// it returns.
+/// The message and code of the library's exception that `call` throws; "" and a cleared code
+/// when it returns.
 template <class Call>
 std::pair<std::string, boost::system::error_code> thrown(Call&& call) {
     try {
@@ -31,7 +31,7 @@ std::pair<std::string, boost::system::error_code> thrown(Call&& call) {
     } catch (Exception const& e) {
         return {e.what(), e.code()};
     }
-    return {"<nothing thrown>", {}};
+    return {};
 }
 
 } // namespace opc::test
