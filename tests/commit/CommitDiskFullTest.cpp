@@ -12,13 +12,9 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <functional>
 #include <set>
 #include <sstream>
 
@@ -26,34 +22,6 @@ namespace opc::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-// Runs `job` in a child process and returns what it wrote to its channel ("" when nothing).
-std::string inChild(std::function<std::string()> const& job) {
-    int channel[2];
-    if (::pipe(channel) != 0)
-        return "pipe failed";
-    ::fflush(nullptr);
-    pid_t const child = ::fork();
-    if (child == 0) {
-        ::close(channel[0]);
-        std::string report;
-        try {
-            report = job();
-        } catch (std::exception const& e) {
-            report = std::string("set-up failed: ") + e.what();
-        }
-        std::_Exit(::write(channel[1], report.data(), report.size()) < 0 ? 2 : 0);
-    }
-    ::close(channel[1]);
-    std::string report;
-    char buffer[512];
-    for (ssize_t got; (got = ::read(channel[0], buffer, sizeof buffer)) > 0;)
-        report.append(buffer, static_cast<std::size_t>(got));
-    ::close(channel[0]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? report : report + " (child status " + std::to_string(status) + ")";
-}
 
 // The storage fills up while the new package is written: RLIMIT_FSIZE for anyone, a 512 KiB
 // tmpfs in a private mount namespace as root. The commit throws with the storage's code and

@@ -1,6 +1,8 @@
 // The commit over a model back end (a file table behind the scripted double): the files,
 // permissions and backups it leaves, and the message and code of every way it can fail.
 
+#include "support/ThroughOps.hpp"
+
 #include <opc/Commit.hpp>
 #include <opc/Exception.hpp>
 #include <opc/testing/FaultInjectingOps.hpp>
@@ -89,14 +91,10 @@ struct World : opc::testing::FaultInjectingOps {
     }
     // Commits N over `target`; returns the failure's message ("" for none) and checks its code.
     std::string commit(CommitOptions const& options, errc::errc_t expected = {}, std::u16string target = P) {
-        try {
-            opc::replaceFileWithBackup(*this, target, *this, N, options);
-            return "";
-        } catch (Exception const& e) {
-            EXPECT_EQ(e.code(), code(expected));
-            EXPECT_EQ(&e.code().category(), &boost::system::generic_category());
-            return e.what();
-        }
+        auto const [message, ec] = thrown([&] { opc::replaceFileWithBackup(*this, target, *this, N, options); });
+        EXPECT_TRUE(message.empty() || (ec == code(expected) && &ec.category() == &boost::system::generic_category()))
+            << ec.message();
+        return message;
     }
 };
 using Fault = World::Fault;
@@ -340,14 +338,9 @@ TEST(CommitModel, ExceptionsFromCallbackAndBackEnd) {
         w.files[P] = {"old", 0x124};
         CommitOptions options = withBackup(true);
         options.backupCreatedFcn([&](std::u16string const&) { throw Exception("callback says no", ec); });
-        try {
-            replaceFileWithBackup(w, P, w, N, options);
-            ADD_FAILURE() << "returned normally";
-        } catch (Exception const& e) {
-            EXPECT_EQ(e.what(), "Could not commit changes:  callback says no " + ec.message());
-            EXPECT_EQ(e.code(), ec);
-            EXPECT_EQ(&e.code().category(), &ec.category());
-        }
+        auto const [message, thrownCode] = thrown([&] { replaceFileWithBackup(w, P, w, N, options); });
+        EXPECT_EQ(message, "Could not commit changes:  callback says no " + ec.message());
+        EXPECT_TRUE(thrownCode == ec && &thrownCode.category() == &ec.category()) << thrownCode.message();
         EXPECT_EQ(w.files.at(P).content, "new");
         EXPECT_EQ(w.files.at(P + u".bak").content, "old");
     }
@@ -404,13 +397,8 @@ TEST(CommitModel, AcrossBackEndTypesTheContentIsStreamed) {
         again.files[P] = {"old"};
         source.in = std::string(missing) == "createInputStream" ? nullptr : std::make_shared<std::istringstream>("x");
         again.always["createOutputStream"] = [&](Call const&) { return World::Reply{}; };
-        try {
-            replaceFileWithBackup(again, P, source, N, CommitOptions());
-            ADD_FAILURE() << missing;
-        } catch (Exception const& e) {
-            EXPECT_EQ(e.what(), wrapped(std::string(missing) + " returned no stream", errc::io_error));
-            EXPECT_EQ(e.code(), code(errc::io_error));
-        }
+        EXPECT_EQ(thrown([&] { replaceFileWithBackup(again, P, source, N, CommitOptions()); }),
+                  std::pair(wrapped(std::string(missing) + " returned no stream", errc::io_error), code(errc::io_error)));
         EXPECT_EQ(again.files.at(P).content, "old");
     }
 }

@@ -1,6 +1,7 @@
 // Every back end behaves the same, apart from what its capabilities switch off; fixtures are made
 // through the public operations, and a scheme joins with one line at the end.
 #include "support/HostFolder.hpp"
+#include "support/ThroughOps.hpp"
 
 #include <opc/CommitOptions.hpp>
 #include <opc/Exception.hpp>
@@ -21,7 +22,6 @@
 #include <sstream>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace opc::test {
@@ -86,14 +86,8 @@ protected:
         return path;
     }
     std::string host(std::string const& relative) const { return m_hostRoot + "/" + relative; }
-    void write(P path, std::string const& bytes) {
-        ops().createOutputStream(path, OpenMode::WriteBinary | OpenMode::Truncate)->write(bytes.data(), bytes.size());
-    }
-    std::string read(P path) {
-        error_code ec;
-        auto in = ops().createInputStream(path, OpenMode::ReadBinary, ec);
-        return in ? std::string(std::istreambuf_iterator<char>(*in), {}) : "<missing>";
-    }
+    void write(P path, std::string const& bytes) { writeThrough(ops(), path, bytes); }
+    std::string read(P path) { return readThrough(ops(), path); }
     /// getFiles of `folder`, and what it should hold (paths relative to the root): normalised, sorted.
     std::vector<std::u16string> listing(P folder, bool recursive = true) {
         std::vector<std::u16string> files;
@@ -459,8 +453,8 @@ TEST(LocalListing, TreeWalkMatchesFolderByFolderWalk) {
         default: writeFile(path, name);
         }
     }
-    // True when both walks give the same list, code and message; `locked` counts the listings
-    // cut short.
+    // True when both walks, in both forms, give the same list, code and message; `cut` counts
+    // the listings cut short.
     int cut = 0;
     auto same = [&](bool recursive) {
         LocalFileSystemOps local;
@@ -469,19 +463,10 @@ TEST(LocalListing, TreeWalkMatchesFolderByFolderWalk) {
         error_code treeCode, byFolderCode;
         local.getFiles(root.path16(), tree, recursive, treeCode);
         derived.getFiles(root.path16(), byFolder, recursive, byFolderCode);
-        std::string messages[2];
-        try {
-            local.getFiles(root.path16(), tree, recursive);
-        } catch (Exception const& e) {
-            messages[0] = e.what();
-        }
-        try {
-            derived.getFiles(root.path16(), byFolder, recursive);
-        } catch (Exception const& e) {
-            messages[1] = e.what();
-        }
+        bool const sameMessage = thrown([&] { local.getFiles(root.path16(), tree, recursive); }) ==
+                                 thrown([&] { derived.getFiles(root.path16(), byFolder, recursive); });
         cut += treeCode.failed();
-        return tree == byFolder && tree.size() > 2 && treeCode == byFolderCode && messages[0] == messages[1];
+        return tree == byFolder && tree.size() > 2 && treeCode == byFolderCode && sameMessage;
     };
     for (bool recursive : {false, true})
         EXPECT_TRUE(same(recursive)) << recursive;
@@ -490,17 +475,10 @@ TEST(LocalListing, TreeWalkMatchesFolderByFolderWalk) {
     ASSERT_GT(folders.size(), 2u);
     ASSERT_EQ(::chmod((dir + folders[2]).c_str(), 0), 0);
     ASSERT_EQ(::chmod(dir.c_str(), 0755), 0);
-    pid_t const child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        if (::geteuid() == 0 && ::setuid(65534) != 0)
-            std::_Exit(2);
-        bool const ok = same(true) && cut == 1;
-        std::_Exit(ok ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(inChild([&] { return ::geteuid() == 0 && ::setuid(65534) != 0 ? "no other user"
+                                   : same(true) && cut == 1                 ? ""
+                                                                            : "the walks differ"; }),
+              "");
     ::chmod((dir + folders[2]).c_str(), 0755);
 }
 

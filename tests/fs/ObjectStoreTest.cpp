@@ -1,6 +1,9 @@
 // The s3 scheme against a live object store (eval "$(scripts/s3-server.sh start)"): what awscli
 // reads of the library's objects and the reverse, the multipart, part-copy and paged-listing
 // paths, a gateway killed during an upload, and 503 answers from a loopback server.
+#include "support/HostFolder.hpp"
+#include "support/ThroughOps.hpp"
+
 #include <opc/Exception.hpp>
 #include <opc/Text.hpp>
 #include <opc/VirtualFileSystemOps.hpp>
@@ -19,7 +22,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <random>
 #include <thread>
 
@@ -42,14 +44,6 @@ std::pair<bool, std::string> run(std::string const& command) {
     for (std::size_t n; pipe && (n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;)
         out.append(chunk, n);
     return {pipe && ::pclose(pipe) == 0, out};
-}
-
-std::string noise(std::size_t size, unsigned seed) {
-    std::string bytes(size, '\0');
-    std::mt19937 random(seed);
-    for (auto& byte : bytes)
-        byte = char(random());
-    return bytes;
 }
 
 /// A fresh folder of the bucket the environment names, through settings with 5 MiB parts and
@@ -76,13 +70,8 @@ protected:
         return "s3://" + env("S3_BUCKET") + "/" + m_prefix + (relative.empty() ? "" : "/" + relative);
     }
     std::u16string at(std::string const& relative) { return toString(uri(relative), true); }
-    void write(std::string const& relative, std::string const& bytes) {
-        m_ops->createOutputStream(at(relative), OpenMode::WriteBinary | OpenMode::Truncate)->write(bytes.data(), bytes.size());
-    }
-    std::string read(std::string const& relative) {
-        auto in = m_ops->createInputStream(at(relative), OpenMode::ReadBinary);
-        return std::string(std::istreambuf_iterator<char>(*in), {});
-    }
+    void write(std::string const& relative, std::string const& bytes) { writeThrough(*m_ops, at(relative), bytes); }
+    std::string read(std::string const& relative) { return readThrough(*m_ops, at(relative)); }
     /// awscli on the test server (Debian's ignores AWS_ENDPOINT_URL).
     std::pair<bool, std::string> aws(std::string const& arguments) {
         return run("aws --endpoint-url '" + env("AWS_ENDPOINT_URL") + "' " + arguments);
@@ -101,7 +90,7 @@ protected:
 
 TEST_F(ObjectStore, AwsReadsWhatTheLibraryWrites) {
     needAws();
-    std::string const big = noise(12 * MiB, 1);
+    std::string const big = pattern(12 * MiB, 1);
     write("small", "tiny");
     write("big", big);
     m_ops->createFolder(at("dir"));
@@ -115,11 +104,10 @@ TEST_F(ObjectStore, AwsReadsWhatTheLibraryWrites) {
 
 TEST_F(ObjectStore, LibraryReadsWhatAwsWrites) {
     needAws();
-    std::string const bytes = noise(20 * MiB, 2), file = ::testing::TempDir() + "/" + m_prefix;
-    std::ofstream(file, std::ios::binary) << bytes;
-    bool const copied = aws("s3 cp " + file + " " + uri("twenty") + " --quiet").first;
-    std::remove(file.c_str());
-    ASSERT_TRUE(copied);
+    HostFolder folder;
+    std::string const bytes = pattern(20 * MiB, 2), file = (folder.path() / "twenty").string();
+    writeFile(file, bytes);
+    ASSERT_TRUE(aws("s3 cp " + file + " " + uri("twenty") + " --quiet").first);
     EXPECT_NE(head("twenty").find("-3\\\""), std::string::npos) << "awscli sent three parts: " << head("twenty");
     EXPECT_EQ(m_ops->getSizeInBytes(at("twenty")), bytes.size());
     EXPECT_TRUE(read("twenty") == bytes);
@@ -134,7 +122,7 @@ TEST_F(ObjectStore, LibraryReadsWhatAwsWrites) {
 
 TEST_F(ObjectStore, PartWiseCopiesPagedListingsAndPinnedReads) {
     needAws();
-    std::string const big = noise(12 * MiB, 3);
+    std::string const big = pattern(12 * MiB, 3);
     write("big", big);
     m_ops->copy(at("big"), at("copy"), FailIfExists);
     m_ops->rename(at("copy"), at("moved"));
@@ -188,7 +176,7 @@ TEST_F(ObjectStore, GatewayKilledDuringAnUploadLeavesTheOldObject) {
     std::string const script = std::string(OPC_SOURCE_DIR) + "/scripts/s3-server.sh ";
     write("target", "old");
     auto out = m_ops->createOutputStream(at("target"), OpenMode::WriteBinary | OpenMode::Truncate);
-    std::string const part = noise(6 * MiB, 4);
+    std::string const part = pattern(6 * MiB, 4);
     out->write(part.data(), std::streamsize(part.size())); // the first part goes out
     ASSERT_TRUE(run(script + "stop-gateway --kill").first);
     EXPECT_THROW((out->write(part.data(), std::streamsize(part.size())), out->flush()), Exception);

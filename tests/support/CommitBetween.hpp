@@ -3,6 +3,7 @@
 // Commits between back ends of given kinds, for the tests that run a commit in a child process.
 
 #include "support/HostFolder.hpp"
+#include "support/ThroughOps.hpp"
 
 #include <opc/Commit.hpp>
 #include <opc/LocalFileSystemOps.hpp>
@@ -29,10 +30,8 @@ inline void commitBetween(Kind from, Kind to, std::string const& target, std::st
     LocalFileSystemOps local;
     VirtualFileSystemOps storageOps(storage);
     auto ops = [&](Kind k) -> FileSystemOps& { return k == Local ? static_cast<FileSystemOps&>(local) : storageOps; };
-    if (from == Memory) {
-        std::string const content = readFile(source);
-        ops(Memory).createOutputStream(pathIn(Memory, source), OpenMode::WriteBinary)->write(content.data(), long(content.size()));
-    }
+    if (from == Memory)
+        writeThrough(ops(Memory), pathIn(Memory, source), readFile(source));
     CommitOptions options;
     options.removeBackup(!backup);
     replaceFileWithBackup(ops(to), pathIn(to, target), ops(from), pathIn(from, source), options);

@@ -1,13 +1,18 @@
 #pragma once
 
-// An empty host folder for one test, removed with everything in it afterwards, and plain POSIX
-// file helpers that check the back ends' work without going through them.
+// An empty host folder for one test, removed with everything in it afterwards, plain POSIX
+// file helpers that check the back ends' work without going through them, and a job run in a
+// child process.
 
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <stdexcept>
 #include <string>
@@ -65,6 +70,35 @@ inline std::string pattern(std::size_t size, unsigned seed) {
     for (std::size_t i = 0; i < size; ++i)
         s[i] = static_cast<char>((i * (2 * seed + 1) + seed * 31 + (i >> 12)) % 251);
     return s;
+}
+
+/// Runs `job` in a child process (so that limits, a changed user or mounts never reach the test
+/// runner) and returns what it returned ("" for success), or why the child failed.
+inline std::string inChild(std::function<std::string()> const& job) {
+    int channel[2];
+    if (::pipe(channel) != 0)
+        return "pipe failed";
+    std::fflush(nullptr);
+    pid_t const child = ::fork();
+    if (child == 0) {
+        ::close(channel[0]);
+        std::string report;
+        try {
+            report = job();
+        } catch (std::exception const& e) {
+            report = std::string("set-up failed: ") + e.what();
+        }
+        std::_Exit(::write(channel[1], report.data(), report.size()) < 0 ? 2 : 0);
+    }
+    ::close(channel[1]);
+    std::string report;
+    char buffer[512];
+    for (ssize_t got; (got = ::read(channel[0], buffer, sizeof buffer)) > 0;)
+        report.append(buffer, static_cast<std::size_t>(got));
+    ::close(channel[0]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? report : report + " (child status " + std::to_string(status) + ")";
 }
 
 } // namespace opc::test
