@@ -53,9 +53,11 @@ std::uint32_t type_of_dirent(unsigned char d_type) noexcept {
     }
 }
 
-file_status stat_entry(DIR* dir, std::string const& name, std::string const& folder_access) {
+/// The status of `name` in the open folder `folder_fd` by lstat; file_not_found when it went
+/// meanwhile.
+file_status stat_entry(int folder_fd, char const* name, std::string const& folder_access) {
     struct stat st;
-    if (::fstatat(::dirfd(dir), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (::fstatat(folder_fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
         if (errno == ENOENT)
             return file_status(file_status::file_not_found);
         throw_from_errno(errno, detail::from_filesystem(folder_access + name));
@@ -63,21 +65,25 @@ file_status stat_entry(DIR* dir, std::string const& name, std::string const& fol
     return sys::status_of(st);
 }
 
-/// Appends the UTF-16 form of the UTF-8 file name name[0, length) to `out`, which holds its
-/// folder with a final "/": the place the error for a name that is not valid UTF-8 names.
-void append_name(std::u16string& out, char const* name, std::size_t length) {
-    std::size_t const start = out.size();
-    out.resize(start + length);
-    // ASCII names, the usual case, widen byte by byte; the Unicode library's call costs more
-    // than the conversion of a short name.
+/// Widens name[0, length) byte by byte into wide; true when every byte was ASCII (the usual
+/// case), for which that is the whole conversion and cheaper than the Unicode library's call.
+bool widen_ascii(char16_t* wide, char const* name, std::size_t length) noexcept {
     unsigned char seen = 0;
-    char16_t* const wide = out.data() + start;
     for (std::size_t i = 0; i < length; ++i) {
         auto const byte = static_cast<unsigned char>(name[i]);
         seen |= byte;
         wide[i] = byte;
     }
-    if (seen < 0x80)
+    return seen < 0x80;
+}
+
+/// Appends the UTF-16 form of the UTF-8 file name name[0, length) to `out`, which holds its
+/// folder with a final "/": the place the error for a name that is not valid UTF-8 names.
+void append_name(std::u16string& out, char const* name, std::size_t length) {
+    std::size_t const start = out.size();
+    out.resize(start + length);
+    char16_t* const wide = out.data() + start;
+    if (widen_ascii(wide, name, length))
         return;
     UErrorCode status = U_ZERO_ERROR;
     int32_t converted = 0;
@@ -95,7 +101,7 @@ file_status const& directory_entry::status() const { return m_status; }
 file_status const& directory_entry::symlink_status() const {
     if (!m_status_complete) {
         auto const* s = static_cast<directory_iterator::state const*>(m_owner);
-        m_status = stat_entry(s->dir, m_name, s->folder_access);
+        m_status = stat_entry(::dirfd(s->dir), m_name.c_str(), s->folder_access);
         m_status_complete = true;
     }
     return m_status;
@@ -161,16 +167,15 @@ directory_iterator& directory_iterator::operator++() {
                 throw_from_errno(errno, detail::from_filesystem(s.folder_access));
             return *this;
         }
-        char const* name = d->d_name;
-        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
+        if (sys::is_dot_entry(d->d_name))
             continue;
-        s.entry.m_name.assign(name);
+        s.entry.m_name.assign(d->d_name);
         std::uint32_t const type = type_of_dirent(d->d_type);
         if (type != 0) {
             s.entry.m_status = file_status(type);
             s.entry.m_status_complete = false;
         } else {
-            s.entry.m_status = stat_entry(s.dir, s.entry.m_name, s.folder_access);
+            s.entry.m_status = stat_entry(::dirfd(s.dir), d->d_name, s.folder_access);
             s.entry.m_status_complete = true;
         }
         return *this;
@@ -220,14 +225,7 @@ private:
             m_scratch.resize(folder_length + std::max<std::size_t>(length, 256));
             m_scratch_folder = folder_length;
         }
-        char16_t* const wide = m_scratch.data() + folder_length;
-        unsigned char seen = 0;
-        for (std::size_t i = 0; i < length; ++i) {
-            auto const byte = static_cast<unsigned char>(name[i]);
-            seen |= byte;
-            wide[i] = byte;
-        }
-        if (seen < 0x80)
+        if (widen_ascii(m_scratch.data() + folder_length, name, length))
             return std::u16string(m_scratch.data(), folder_length + length);
         std::u16string out = m_folder;
         append_name(out, name, length);
@@ -235,17 +233,12 @@ private:
     }
 
     void entry(int folder_fd, char const* name, unsigned char d_type, std::size_t depth) {
-        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
+        if (sys::is_dot_entry(name))
             return;
         std::size_t const length = std::strlen(name);
         std::uint32_t type = type_of_dirent(d_type);
-        if (type == 0) {
-            struct stat st;
-            if (::fstatat(folder_fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0)
-                type = sys::type_of_mode(st.st_mode);
-            else if (errno != ENOENT) // gone meanwhile: not listed
-                throw_from_errno(errno, detail::from_filesystem(m_access + name));
-        }
+        if (type == 0)
+            type = stat_entry(folder_fd, name, m_access).type(); // gone meanwhile: not listed
         if (type == file_status::regular_file || type == file_status::symlink_file) {
             m_files.push_back(full_name(name, length));
         } else if (type == file_status::directory_file && m_recursive) {

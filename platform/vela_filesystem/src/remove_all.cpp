@@ -39,7 +39,7 @@ std::uintmax_t empty_folder(int folder_fd, std::string const& where) {
             break;
         }
         char const* name = entry->d_name;
-        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
+        if (sys::is_dot_entry(name))
             continue;
         // Try it as a file or link first; a folder answers EISDIR.
         if (::unlinkat(fd, name, 0) == 0) {

@@ -44,6 +44,11 @@ private:
     int m_fd = -1;
 };
 
+/// True for the "." and ".." entries that every folder listing holds.
+inline bool is_dot_entry(char const* name) noexcept {
+    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
 /// The type bit for an st_mode.
 std::uint32_t type_of_mode(mode_t mode) noexcept;
 

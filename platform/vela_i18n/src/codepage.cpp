@@ -30,6 +30,9 @@ ConverterPtr open(std::string const& encoding) {
     return c;
 }
 
+// Room for the units a converter reports as the fault: more than any converter keeps.
+constexpr int8_t kErrorRoom = 32;
+
 bool is_conversion_fault(UErrorCode status) {
     return status == U_INVALID_CHAR_FOUND || status == U_ILLEGAL_CHAR_FOUND || status == U_TRUNCATED_CHAR_FOUND;
 }
@@ -83,8 +86,8 @@ std::u16string codepage_to_utf16(char const* text, std::size_t length, std::stri
                              ucnv_toUnicode(cnv.get(), target, limit, src, src_limit, nullptr, true, st);
                          });
     if (is_conversion_fault(status)) {
-        char bad[32];
-        int8_t bad_length = sizeof bad;
+        char bad[kErrorRoom];
+        int8_t bad_length = kErrorRoom;
         UErrorCode ignored = U_ZERO_ERROR;
         ucnv_getInvalidChars(cnv.get(), bad, &bad_length, &ignored);
         auto const at = static_cast<std::size_t>(source - text) - static_cast<std::size_t>(bad_length);
@@ -117,8 +120,8 @@ std::string utf16_to_codepage(char16_t const* text, std::size_t length, std::str
                              ucnv_fromUnicode(cnv.get(), target, limit, src, src_limit, nullptr, true, st);
                          });
     if (is_conversion_fault(status)) {
-        UChar bad[8];
-        int8_t bad_length = 8;
+        UChar bad[kErrorRoom];
+        int8_t bad_length = kErrorRoom;
         UErrorCode ignored = U_ZERO_ERROR;
         ucnv_getInvalidUChars(cnv.get(), bad, &bad_length, &ignored);
         auto const at = static_cast<std::size_t>(source - text) - static_cast<std::size_t>(bad_length);

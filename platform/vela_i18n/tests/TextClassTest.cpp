@@ -48,6 +48,7 @@ TEST(CodePage, ConvertsGrowsAndNamesTheFault) {
     // A byte the code page lacks, a character it cannot hold, a lone surrogate; U+0080 is not ASCII.
     EXPECT_THROW(i18n::to_string(u"a\u0080", i18n::codecvt_ustring_to_ascii()), i18n::CvtInvalidInput);
     EXPECT_THROW(i18n::to_ustring("ab\x80", i18n::codecvt_string_to_ustring("US-ASCII")), i18n::CvtInvalidInput);
+    EXPECT_THROW(i18n::to_ustring("a\x82", i18n::codecvt_string_to_ustring("Shift_JIS")), i18n::CvtInvalidInput); // cut short
     EXPECT_THROW(i18n::to_string(u"caf\u00E9", i18n::codecvt_ustring_to_string("US-ASCII")), i18n::CvtInvalidInput);
     EXPECT_THROW(i18n::to_string(std::u16string(u"a") + char16_t(0xD800) + u"b",
                                  i18n::codecvt_ustring_to_string("ISO-8859-1")),
