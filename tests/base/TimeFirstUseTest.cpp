@@ -1,16 +1,50 @@
-// Kept in its own executable so the threads below really are the first users of the time
-// text and of the local zone.
+// Kept in its own executable so that the calls below really are the first users of the text
+// library, the time text and the local zone.
+#include <opc/Text.hpp>
 #include <opc/Time.hpp>
+#include <vela/i18n/initialize.hpp>
 
 #include <gtest/gtest.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cstdlib>
+#include <functional>
 #include <thread>
 #include <vector>
 
 namespace pt = boost::posix_time;
+
+// Every entry point that needs the text library sets it up first: each is called in a child
+// of a process that has not, so that its call is the first.
+TEST(TimeFirstUse, EveryEntryPointSetsUpTheTextLibraryFirst) {
+    std::pair<char const*, std::function<void()>> const calls[] = {
+        {"toString", [] { opc::toString(std::string("a"), true); }},
+        {"toUDEString", [] { opc::toUDEString(u"a"); }},
+        {"toLowerASCIIString", [] { opc::toLowerASCIIString(u"a"); }},
+        {"toLowerString", [] { opc::toLowerString(u"a"); }},
+        {"caselessCompare", [] { opc::caselessCompare(u"a", u"b"); }},
+        {"toUTF8String", [] { opc::detail::toUTF8String(u"a", true); }},
+        {"toStringFromUTF8String", [] { opc::detail::toStringFromUTF8String("a", true); }},
+        {"convertTimeToString", [] { opc::convertTimeToString(pt::ptime(boost::gregorian::date(2024, 1, 1))); }},
+        {"convertStringToTime", [] { opc::convertStringToTime(u"2024-01-01T00:00:00Z"); }},
+    };
+    ASSERT_FALSE(vela::i18n::is_initialized());
+    for (auto const& [name, call] : calls) {
+        pid_t const child = ::fork();
+        if (child == 0) {
+            call();
+            std::_Exit(vela::i18n::is_initialized() ? 0 : 1);
+        }
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << name;
+    }
+}
 
 TEST(TimeFirstUse, ConcurrentFirstCallsFromSeveralThreads) {
     constexpr int kThreads = 8;

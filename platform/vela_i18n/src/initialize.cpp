@@ -10,11 +10,16 @@
 
 namespace vela::i18n {
 
+namespace {
+std::atomic<bool> ready{false}; // set once the data loaded
+} // namespace
+
+bool is_initialized() noexcept { return ready.load(std::memory_order_acquire); }
+
 void initialize() {
     // u_init is itself idempotent; the once-flag lets a failure be reported the same way on
     // every call.
     // Every conversion calls this, so the settled case is a single acquire load.
-    static std::atomic<bool> ready{false};
     if (ready.load(std::memory_order_acquire)) {
         return;
     }

@@ -9,4 +9,7 @@ namespace vela::i18n {
 /// when the data cannot be loaded (and then again on every later call).
 VELA_I18N_API void initialize();
 
+/// True once `initialize` has succeeded in this process.
+VELA_I18N_API bool is_initialized() noexcept;
+
 } // namespace vela::i18n
