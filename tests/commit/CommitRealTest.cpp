@@ -114,6 +114,8 @@ TEST_F(RealCommit, FaultInjectingOpsFailsAsABackEndDoes) {
     EXPECT_EQ(thrown([&] { faulty.exists(picked); }), std::pair("exists failed: " + io.message() + ": " + dir + "/picked", io));
     EXPECT_EQ(thrown([&] { faulty.getSizeInBytes(other); }), thrown([&] { local.getSizeInBytes(other); }));
     EXPECT_TRUE(faulty.isFolder(u16(dir)));
+    std::u16string localPath;
+    EXPECT_TRUE(faulty.getLocalPath(picked, localPath) && localPath == picked); // forwarded, never failed
     EXPECT_TRUE(faulty.fired());
     EXPECT_EQ(faulty.callCount(), 4u);
     EXPECT_EQ(faulty.callCount("exists"), 1u);

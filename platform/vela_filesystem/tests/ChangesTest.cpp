@@ -364,6 +364,7 @@ TEST(Traced, FailedStepsAreReported) {
         {"movekeep", "b", "renameat2:error=EXDEV:when=1", 3, "AB"}, // allowed, but b is taken
         {"copy", "c", "close:error=EIO -P " + c, 3, "AB"},          // of the new file only
         {"copy", "c", "copy_file_range:error=EIO", 3, "AB"},
+        {"copy", "b", "openat:error=EACCES:when=3", 3, "AB"}, // the hidden name beside b
         {"copy", "c", "copy_file_range:error=ENOSYS", 0, "ABA"},
         {"mkdirs", "n", "mkdir:error=EIO:when=3", 3, "AB"}, // n/x again, once n is made
     };
