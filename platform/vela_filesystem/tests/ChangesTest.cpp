@@ -225,38 +225,49 @@ TEST(Rename, FailuresNameTheirSide) {
 }
 
 // A file whose bits cannot be read (behind a link into a closed folder) cannot have the moved
-// file narrowed to them, so the rename is refused and both names stay. Root reads everything,
-// so as root the rename runs in a child that dropped to nobody.
-TEST(Rename, RefusedWhenTheReplacedBitsCannotBeRead) {
+// file narrowed to them, so the rename is refused and both names stay. A moved file its owner
+// may only write is synced through a write-only descriptor, one it may neither read nor write
+// by a flush of its file system: both move. Root reads everything, so as root this runs in a
+// child that dropped to nobody.
+TEST(Rename, WhatTheOwnerMayNotReadOrWrite) {
     Scratch s;
     ASSERT_EQ(::chmod(s.dir.c_str(), 0777), 0);
     ASSERT_EQ(::mkdir(s.at("closed").c_str(), 0755), 0);
     std::ofstream(s.at("closed/private")) << "x";
     ASSERT_EQ(::symlink(s.at("closed/private").c_str(), s.at("guarded").c_str()), 0);
-    std::ofstream(s.at("wide")) << "x";
     ASSERT_EQ(::chmod(s.at("closed").c_str(), 0), 0);
     bool const root = ::geteuid() == 0;
-    if (root) {
-        ASSERT_EQ(::chown(s.at("wide").c_str(), 65534, 65534), 0);
+    for (auto [name, mode] : {std::pair{"wide", 0644}, {"writeonly", 0200}, {"none", 0}}) {
+        std::ofstream(s.at(name)) << "x";
+        ASSERT_EQ(::chmod(s.at(name).c_str(), mode_t(mode)), 0);
+        ASSERT_TRUE(!root || ::chown(s.at(name).c_str(), 65534, 65534) == 0);
     }
-    auto refused = [&] {
+    auto checks = [&] {
+        try {
+            hostfs::rename(s.u("writeonly"), s.u("w2"));
+            hostfs::rename(s.u("none"), s.u("n2"));
+        } catch (hostfs::FsysExceptionBase const&) {
+            return false;
+        }
         return thrown_path<hostfs::AccessDenied>([&] { hostfs::rename(s.u("wide"), s.u("guarded")); }) == s.u("guarded");
     };
     bool ok = false;
     if (root) {
         pid_t const child = ::fork();
         if (child == 0)
-            _exit(::setresgid(65534, 65534, 65534) == 0 && ::setresuid(65534, 65534, 65534) == 0 && refused() ? 0 : 1);
+            _exit(::setresgid(65534, 65534, 65534) == 0 && ::setresuid(65534, 65534, 65534) == 0 && checks() ? 0 : 1);
         int status = 0;
         ::waitpid(child, &status, 0);
         ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
     } else {
-        ok = refused();
+        ok = checks();
     }
     ::chmod(s.at("closed").c_str(), 0755);
     EXPECT_TRUE(ok);
     EXPECT_TRUE(S_ISLNK(mode_of(s.at("guarded"))));
     EXPECT_EQ(read_all(s.at("wide")), "x");
+    EXPECT_EQ(mode_of(s.at("w2")), S_IFREG | 0200u);
+    EXPECT_EQ(mode_of(s.at("n2")), S_IFREG | 0u);
 }
 
 // Under strace: a copy syncs its data before the rename onto an existing file, and the folder
@@ -366,6 +377,9 @@ TEST(Traced, FailedStepsAreReported) {
         {"copy", "c", "copy_file_range:error=EIO", 3, "AB"},
         {"copy", "b", "openat:error=EACCES:when=3", 3, "AB"}, // the hidden name beside b
         {"copy", "c", "copy_file_range:error=ENOSYS", 0, "ABA"},
+        {"copy", "c", "copy_file_range:error=EOPNOTSUPP", 0, "ABA"},
+        {"copy", "c", "copy_file_range:error=EINVAL", 0, "ABA"},
+        {"copy", "c", "copy_file_range:error=EXDEV", 0, "ABA"},
         {"mkdirs", "n", "mkdir:error=EIO:when=3", 3, "AB"}, // n/x again, once n is made
     };
     for (Row const& r : rows) {
@@ -376,10 +390,13 @@ TEST(Traced, FailedStepsAreReported) {
         EXPECT_EQ(traced(r.op, a, s.at(r.to), r.inject), r.status);
         EXPECT_EQ(read_all(a) + read_all(b) + read_all(c), r.left);
     }
-    // A link moved across file systems is copied as a link.
+    // A link moved across file systems is copied as a link; a file so moved replaces a link.
     ASSERT_EQ(::symlink("a", s.at("l").c_str()), 0);
     EXPECT_EQ(traced("move", s.at("l"), s.at("m"), "renameat2:error=EXDEV:when=1"), 0);
     EXPECT_TRUE(S_ISLNK(mode_of(s.at("m"))) && mode_of(s.at("l")) == 0);
+    EXPECT_EQ(traced("move", b, s.at("m"), "renameat2:error=EXDEV:when=1"), 0);
+    EXPECT_EQ(mode_of(s.at("m")) & S_IFMT, S_IFREG);
+    EXPECT_EQ(read_all(a) + read_all(s.at("m")), "AB");
     // The copy of a folder syncs the folder that received the names.
     ASSERT_EQ(::mkdir(s.at("d").c_str(), 0755), 0);
     EXPECT_EQ(traced("copydir", s.at("d"), s.at("e"), "fsync:error=EIO"), 3);
