@@ -22,6 +22,8 @@
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
+#include <unicode/utf16.h>
+
 #include <cctype>
 #include <cstddef>
 #include <iterator>
@@ -65,13 +67,10 @@ public:
 
     char32_t peek() const {
         char16_t const unit = *m_at;
-        if (unit < 0xD800 || unit > 0xDFFF) {
+        if (!U16_IS_SURROGATE(unit)) {
             return unit;
         }
-        if (pairAhead()) {
-            return 0x10000 + ((static_cast<char32_t>(unit) - 0xD800) << 10) + (m_at[1] - 0xDC00);
-        }
-        return 0xFFFD;
+        return pairAhead() ? U16_GET_SUPPLEMENTARY(unit, m_at[1]) : 0xFFFD;
     }
 
     void next() { m_at += pairAhead() ? 2 : 1; }
@@ -83,9 +82,8 @@ public:
     }
 
 private:
-    bool pairAhead() const {
-        return *m_at >= 0xD800 && *m_at < 0xDC00 && m_end - m_at > 1 && m_at[1] >= 0xDC00 && m_at[1] <= 0xDFFF;
-    }
+    // The text is a std::u16string's: at its end m_at[1] is the terminating NUL, never a trail.
+    bool pairAhead() const { return U16_IS_LEAD(*m_at) && U16_IS_TRAIL(m_at[1]); }
 
     char16_t const* m_at;
     char16_t const* m_end;

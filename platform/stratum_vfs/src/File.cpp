@@ -5,6 +5,8 @@
 
 #include "Providers.hpp"
 
+#include <unicode/utf16.h>
+
 namespace stratum::storage::vfs {
 
 namespace {
@@ -14,24 +16,24 @@ std::shared_ptr<provider::StorageProvider> providerOf(AbsoluteIRI const& iri, St
 }
 
 // Length in code units of the character starting at `i` (a surrogate pair is one character).
+// text[size()] is the string's terminating NUL, never a trail unit.
 std::size_t charLength(std::u16string const& text, std::size_t i) {
-    bool pair = text[i] >= 0xD800 && text[i] <= 0xDBFF && i + 1 < text.size() && text[i + 1] >= 0xDC00 &&
-                text[i + 1] <= 0xDFFF;
-    return pair ? 2 : 1;
+    return U16_IS_LEAD(text[i]) && U16_IS_TRAIL(text[i + 1]) ? 2 : 1;
 }
 
 // Glob match of the whole name: "*" any run, "?" one character, anything else itself.
-// Backtracks only to the last "*", so it runs in O(name * pattern) at worst.
+// Backtracks only to the last "*", so it runs in O(name * pattern) at worst. pattern[size()]
+// is the string's terminating NUL, which is neither "*" nor "?".
 bool globMatch(std::u16string const& pattern, std::u16string const& name) {
     std::size_t p = 0;
     std::size_t n = 0;
     std::size_t starP = std::u16string::npos;
     std::size_t starN = 0;
     while (n < name.size()) {
-        if (p < pattern.size() && pattern[p] == u'*') {
+        if (pattern[p] == u'*') {
             starP = p++;
             starN = n;
-        } else if (p < pattern.size() && pattern[p] == u'?') {
+        } else if (pattern[p] == u'?') {
             ++p;
             n += charLength(name, n);
         } else if (p < pattern.size() && pattern[p] == name[n]) {
@@ -45,7 +47,7 @@ bool globMatch(std::u16string const& pattern, std::u16string const& name) {
             return false;
         }
     }
-    while (p < pattern.size() && pattern[p] == u'*') {
+    while (pattern[p] == u'*') {
         ++p;
     }
     return p == pattern.size();

@@ -5,6 +5,7 @@
 #include "HostText.hpp"
 #include "Utf.hpp"
 
+#include <unicode/utf16.h>
 #include <unistd.h>
 
 #include <array>
@@ -185,15 +186,11 @@ std::u16string decodePath(std::u16string const& text, std::u16string const& whol
 }
 
 bool validUtf16(std::u16string const& text) {
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        char16_t c = text[i];
-        if (c >= 0xD800 && c <= 0xDBFF) {
-            if (i + 1 >= text.size() || text[i + 1] < 0xDC00 || text[i + 1] > 0xDFFF) {
-                return false;
-            }
-            ++i;
-        } else if (c >= 0xDC00 && c <= 0xDFFF) {
-            return false;
+    for (std::size_t i = 0; i < text.size();) {
+        UChar32 c;
+        U16_NEXT(text.data(), i, text.size(), c);
+        if (U_IS_SURROGATE(c)) {
+            return false; // a surrogate that is not half of a pair
         }
     }
     return true;
