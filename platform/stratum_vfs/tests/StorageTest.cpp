@@ -72,6 +72,12 @@ TEST(MemoryProvider, SnapshotsTimesAndOrphans) {
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(early), {}), "first");
     EXPECT_EQ(readFile(file), "SECOND"); // written through, no flush needed
     EXPECT_TRUE(early.seekg(6).fail());  // past the end of its snapshot
+    vfs::ifstream last(file, vfs::OpenMode::In | vfs::OpenMode::AtEnd);
+    EXPECT_EQ(last.tellg(), 6); // opened at its end
+    EXPECT_TRUE(writer.is_open() && last.is_open());
+    writer.close();
+    last.close();
+    EXPECT_FALSE(writer.is_open() || last.is_open());
     // A truncation alone, and the provider's own copy, change the file and the folder.
     pt::ptime const past = pt::time_from_string("2001-02-03 04:05:06");
     vfs::setLastModified(m.item(u"/doc"), past);

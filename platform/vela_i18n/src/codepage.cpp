@@ -14,21 +14,17 @@
 #include <new>
 
 namespace vela::i18n::impl {
-namespace {
 
-struct ConverterCloser {
-    void operator()(UConverter* c) const noexcept { ucnv_close(c); }
-};
-using ConverterPtr = std::unique_ptr<UConverter, ConverterCloser>;
-
-ConverterPtr open(std::string const& encoding) {
+converter_ptr open_converter(std::string const& encoding) {
     UErrorCode status = U_ZERO_ERROR;
-    ConverterPtr c(ucnv_open(encoding.c_str(), &status));
+    converter_ptr c(ucnv_open(encoding.c_str(), &status));
     if (U_FAILURE(status) || !c) {
         throw CvtUnknownEncoding(encoding);
     }
     return c;
 }
+
+namespace {
 
 // Room for the units a converter reports as the fault: more than any converter keeps.
 constexpr int8_t kErrorRoom = 32;
@@ -70,12 +66,10 @@ std::u16string codepage_to_utf16(char const* text, std::size_t length, std::stri
         return {};
     }
     check_length(length);
-    ConverterPtr cnv = open(encoding);
+    converter_ptr const cnv = open_converter(encoding);
     UErrorCode status = U_ZERO_ERROR;
-    if (strict) {
+    if (strict) { // a converter substitutes unless told to stop
         ucnv_setToUCallBack(cnv.get(), UCNV_TO_U_CALLBACK_STOP, nullptr, nullptr, nullptr, &status);
-    } else {
-        ucnv_setToUCallBack(cnv.get(), UCNV_TO_U_CALLBACK_SUBSTITUTE, nullptr, nullptr, nullptr, &status);
     }
 
     std::u16string out(length + 16, u'\0');
@@ -104,12 +98,10 @@ std::string utf16_to_codepage(char16_t const* text, std::size_t length, std::str
         return {};
     }
     check_length(length);
-    ConverterPtr cnv = open(encoding);
+    converter_ptr const cnv = open_converter(encoding);
     UErrorCode status = U_ZERO_ERROR;
-    if (strict) {
+    if (strict) { // a converter substitutes unless told to stop
         ucnv_setFromUCallBack(cnv.get(), UCNV_FROM_U_CALLBACK_STOP, nullptr, nullptr, nullptr, &status);
-    } else {
-        ucnv_setFromUCallBack(cnv.get(), UCNV_FROM_U_CALLBACK_SUBSTITUTE, nullptr, nullptr, nullptr, &status);
     }
 
     std::string out(length + 16, '\0');

@@ -3,6 +3,8 @@
 
 #include "convert_impl.hpp"
 
+#include <algorithm>
+
 #include <vela/i18n/convert.hpp>
 
 #include <unicode/ucnv.h>
@@ -26,17 +28,12 @@ encoding_converter_base::encoding_converter_base(std::string const& encoding, bo
     if (encoding.empty() || std::string_view(encoding) == kUtf8 || ucnv_compareNames(encoding.c_str(), "UTF-8") == 0) {
         return;
     }
-    UErrorCode status = U_ZERO_ERROR;
-    UConverter* cnv = ucnv_open(encoding.c_str(), &status);
-    if (U_FAILURE(status) || cnv == nullptr) {
-        throw CvtUnknownEncoding(encoding);
-    }
-    bool const utf8 = ucnv_getType(cnv) == UCNV_UTF8;
-    if (!utf8) {
-        m_name = ucnv_getName(cnv, &status);
+    impl::converter_ptr const cnv = impl::open_converter(encoding);
+    if (ucnv_getType(cnv.get()) != UCNV_UTF8) {
+        UErrorCode status = U_ZERO_ERROR;
+        m_name = ucnv_getName(cnv.get(), &status);
         m_kind = detail::encoding_kind::codepage;
     }
-    ucnv_close(cnv);
 }
 
 std::u16string to_ustring(std::string const& text, codecvt_string_to_ustring const& cvt) {
@@ -51,17 +48,14 @@ std::u16string to_ustring(std::string const& text) {
 }
 
 std::u16string to_ustring(std::string const& text, codecvt_ascii_to_ustring const&) {
-    std::u16string out(text.size(), u'\0');
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        auto const byte = static_cast<unsigned char>(text[i]);
-        if (byte >= 0x80) {
-            char hex[8];
-            std::snprintf(hex, sizeof hex, "0x%02X", static_cast<unsigned>(byte));
-            throw CvtInvalidInput("Non-ASCII byte " + std::string(hex) + " at offset " + std::to_string(i), i);
-        }
-        out[i] = static_cast<char16_t>(byte);
+    auto const bad = std::find_if(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) >= 0x80; });
+    if (bad != text.end()) {
+        auto const at = static_cast<std::size_t>(bad - text.begin());
+        char hex[8];
+        std::snprintf(hex, sizeof hex, "0x%02X", static_cast<unsigned>(static_cast<unsigned char>(*bad)));
+        throw CvtInvalidInput("Non-ASCII byte " + std::string(hex) + " at offset " + std::to_string(at), at);
     }
-    return out;
+    return std::u16string(text.begin(), text.end());
 }
 
 std::u16string to_ustring(std::wstring const& text) {
