@@ -99,16 +99,6 @@ TEST_F(RealCommit, BackupOverwritesAStaleOneAndNeverFollowsALink) {
     EXPECT_EQ(fs::read_symlink(target + ".bak").string(), victim);
     EXPECT_EQ(readFile(target + ".bak2"), newContent);
     EXPECT_THAT(announced, ElementsAre(u16(target + ".bak"), u16(target + ".bak2")));
-
-    // The memory back end refuses to write over a read-only file: its stale backup is made
-    // writable first.
-    std::u16string const packaged = folder(Memory) + u"/p.pkg";
-    virtualOps.createFolders(folder(Memory));
-    writeThrough(virtualOps, packaged, "old");
-    writeThrough(virtualOps, packaged + u".bak", "stale");
-    virtualOps.setPermissions(packaged + u".bak", Perms::OwnerRead);
-    replaceFileWithBackup(virtualOps, packaged, local, u16(source), options);
-    EXPECT_EQ(contentOf(Memory, packaged + u".bak"), "old");
 }
 
 // The public double fails a picked call as a back end fails, in both forms, and forwards the
