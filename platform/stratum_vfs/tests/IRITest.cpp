@@ -114,6 +114,7 @@ TEST(Iri, S3KeepsTheBucketAndTakesKeysLiterally) {
         EXPECT_THROW(AbsoluteIRI(u16(bad)), InvalidIRIException) << bad;
     AbsoluteIRI const root(u"s3://bkt/");
     EXPECT_THROW(root.getChild(u16(longest + "k")), InvalidIRIException);
+    EXPECT_THROW(AbsoluteIRI(root, u16(longest + "k")), InvalidIRIException);
     EXPECT_THROW(AbsoluteIRI(root, u"a/../b"), InvalidIRIException);
     EXPECT_EQ(u8(AbsoluteIRI(root, u"x//y/").toString()), "s3://bkt/x//y");
     EXPECT_EQ(u8(root.getChild(u"q").getParent().toString()), "s3://bkt/");

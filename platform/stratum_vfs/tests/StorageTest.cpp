@@ -9,7 +9,10 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <atomic>
+#include <filesystem>
 #include <map>
 #include <thread>
 
@@ -91,6 +94,33 @@ TEST(MemoryProvider, SnapshotsTimesAndOrphans) {
     vfs::remove(file, vfs::RemoveFileOrEmptyFolder);
     EXPECT_EQ(errorOf([&] { orphan.write("!", 1); }), ErrorCode::NotFound);
     EXPECT_TRUE(orphan.bad());
+}
+
+// Both schemes alike: attributes carry writability, a file listed as a folder is refused the
+// same way, and a copy onto itself is nothing when replacing is allowed and refused otherwise.
+TEST(StorageOps, FileAndMemoryAgreeOnAttributesListingAndSelfCopies) {
+    std::filesystem::path const host = std::filesystem::temp_directory_path() / ("stratum-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(host);
+    vfs::StorageSystemReference storage;
+    std::vector<std::pair<vfs::ErrorCode, bool>> seen;
+    for (std::u16string const& base : std::vector<std::u16string>{u"memory:///f", u"file://" + host.u16string()}) {
+        SCOPED_TRACE(std::string(base.begin(), base.end()));
+        vfs::File const doc(AbsoluteIRI(base + u"/doc"), storage);
+        vfs::Folder(AbsoluteIRI(base), storage).createFolderRecursive();
+        writeFile(doc, "x");
+        auto const item = vfs::makeFileOrFolder(doc.getIRI(), storage);
+        EXPECT_TRUE(doc.getAttributes().isWritable());
+        vfs::setWritable(item, false);
+        EXPECT_FALSE(doc.getAttributes().isWritable());
+        vfs::setWritable(item, true);
+        seen.emplace_back(errorOf([&] { vfs::Folder(doc.getIRI(), storage).listAll(u""); }), false);
+        EXPECT_EQ(errorOf([&] { vfs::copy(item, item, provider::Replace); }), static_cast<vfs::ErrorCode>(-1));
+        EXPECT_EQ(errorOf([&] { vfs::copy(item, item, DoNotReplace); }), ErrorCode::FileExists);
+        EXPECT_EQ(readFile(doc), "x");
+    }
+    EXPECT_EQ(seen[0], seen[1]);
+    EXPECT_NE(seen[0].first, static_cast<vfs::ErrorCode>(-1));
+    std::filesystem::remove_all(host);
 }
 
 TEST(MemoryProvider, ManyThreadsCreateWriteListAndRemove) {
@@ -193,6 +223,8 @@ TEST(StorageOps, InjectedFailuresAndTheInterfaceDefaults) {
     auto failing = std::make_shared<Failing>(target.storage.getProvider(u"memory"));
     vfs::StorageSystemReference handle = target.storage; // copies share the system
     handle.setProvider(u"MEMORY", failing);
+    EXPECT_THROW(handle.setProvider(u"http", failing), vfs::UnsupportedIRISchemeException);
+    EXPECT_THROW(handle.setProvider(u"memory", nullptr), vfs::UnsupportedIRISchemeException);
     source.folder(u"/src/sub").createFolderRecursive();
     for (std::u16string name : {u"a", u"b", u"sub/c", u"sub/d"})
         writeFile(source.file(u"/src/" + name), std::string(70000, char(name.back())));

@@ -25,6 +25,7 @@ TEST(Scan, FirstCharacterOfEachClass) {
         {i18n::ctype_alnum, u"_\u0665", 1},
         {i18n::ctype_print, u"\t\u0085 ", 2}, // a space prints; controls do not
         {i18n::ctype_upper, u"5a", 2},        // a digit belongs to no other class asked for
+        {i18n::ctype_upper, u"a\u00C9", 1},
         {i18n::ctype_punct, u"a b!", 3},
         {i18n::ctype_cntrl, u"a\u0085", 1},
         {i18n::ctype_graph, u" \t\u00A0x", 3}, // a no-break space is space, not graph
@@ -61,6 +62,9 @@ TEST(CodePage, ConvertsGrowsAndNamesTheFault) {
         }
         return "(none)";
     };
+    // A NUL byte is text: the first fault is the byte that cannot start a character.
+    EXPECT_EQ(fault([] { i18n::to_ustring(std::string("\xC3\xA9\0\xFF", 4), i18n::codecvt_string_to_ustring("UTF-8", true)); }),
+              "Invalid UTF-8 sequence starting with byte 0xFF at offset 3");
     EXPECT_EQ(fault([] { i18n::to_string(u"caf\u00E9", i18n::codecvt_ustring_to_string("US-ASCII")); }),
               "Character U+00E9 at UTF-16 offset 3 cannot be represented in US-ASCII");
     EXPECT_EQ(fault([] {
