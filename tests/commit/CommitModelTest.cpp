@@ -34,7 +34,7 @@ struct MemFile {
 boost::system::error_code code(errc::errc_t e) { return errc::make_error_code(e); }
 
 // A file table behind the public double's answer hook. Files behave as on a host: a copy
-// carries content and permissions. The n-th call of an operation can be replaced by a fault,
+// carries content and permissions, and is refused over a file without the owner's write bit. The n-th call of an operation can be replaced by a fault,
 // or every call of it; a fault may change the table, fail (detail "boom") or throw.
 struct World : opc::testing::FaultInjectingOps {
     struct Reply {
@@ -81,9 +81,11 @@ struct World : opc::testing::FaultInjectingOps {
             f.perms = static_cast<std::uint32_t>(c.value);
         else if (c.operation == "setLastModifiedTime")
             f.mtime = c.time;
-        else if (c.operation == "copy")
+        else if (c.operation == "copy") {
+            if (auto to = files.find(c.paths[1]); to != files.end() && !(to->second.perms & 0x80))
+                return {{}, errc::permission_denied}; // no copy over a file its owner may not write
             files[c.paths[1]] = {f.content, f.perms, CopyTime};
-        else if (c.operation == "rename")
+        } else if (c.operation == "rename")
             files[c.paths[1]] = f, files.erase(c.paths[0]);
         else if (c.operation == "remove")
             files.erase(it);
@@ -164,15 +166,16 @@ TEST(CommitModel, PathWithoutFolderUsesDotTmpBesideIt) {
     EXPECT_EQ(w.files.at(u"p.pkg").content, "new");
 }
 
-// Which backup name is used when the first attempts fail at an operation. Only the existence
-// test, the copy and the two time calls fail an attempt; the permission steps never do.
+// Which backup name is used when the first attempts fail at an operation: the existence test,
+// the copy and the two time calls fail an attempt, the permission steps only by leaving the
+// read-only stale backup that the copy is then refused over.
 TEST(CommitModel, BackupNamesAreTriedInTurnAfterFailedAttempts) {
     struct Row {
         std::string op;
         int from, to; // calls of `op` that fail, counted over all paths
         std::u16string extension, used;
     };
-    Row const rows[] = {{"exists", 0, -1, u".bak", u".bak"}, {"exists", 2, 2, u".bak", u".bak2"}, {"copy", 1, 2, u".bak", u".bak3"}, {"getLastModifiedTime", 1, 3, u".bak", u".bak4"}, {"setLastModifiedTime", 1, 4, u".bak", u".bak5"}, {"copy", 1, 4, u".old~", u".old~5"}, {"getPermissions", 2, 4, u".bak", u".bak"}, {"setPermissions", 1, 1, u".bak", u".bak"}};
+    Row const rows[] = {{"exists", 0, -1, u".bak", u".bak"}, {"exists", 2, 2, u".bak", u".bak2"}, {"copy", 1, 2, u".bak", u".bak3"}, {"getLastModifiedTime", 1, 3, u".bak", u".bak4"}, {"setLastModifiedTime", 1, 4, u".bak", u".bak5"}, {"copy", 1, 4, u".old~", u".old~5"}, {"getPermissions", 2, 4, u".bak", u".bak2"}, {"setPermissions", 1, 1, u".bak", u".bak2"}};
     for (Row const& r : rows) {
         SCOPED_TRACE(r.op + " " + std::to_string(r.to));
         World w;
