@@ -109,9 +109,9 @@ timezone::timezone(std::string const& name) {
     if (!basic) {
         throw std::invalid_argument("Unknown time zone: \"" + name + "\"");
     }
-    zone.release();
-    auto data = std::make_shared<impl>();
+    auto data = std::make_shared<impl>(); // before the release: a failed allocation leaks nothing
     data->zone.reset(basic);
+    zone.release();
     m_impl = std::move(data);
 }
 
