@@ -34,8 +34,9 @@ struct MemFile {
 boost::system::error_code code(errc::errc_t e) { return errc::make_error_code(e); }
 
 // A file table behind the public double's answer hook. Files behave as on a host: a copy
-// carries content and permissions, and is refused over a file without the owner's write bit. The n-th call of an operation can be replaced by a fault,
-// or every call of it; a fault may change the table, fail (detail "boom") or throw.
+// carries content and permissions, and is refused over a file without the owner's write bit.
+// The n-th call of an operation can be replaced by a fault, or every call of it; a fault may
+// change the table, fail (detail "boom") or throw.
 struct World : opc::testing::FaultInjectingOps {
     struct Reply {
         Result value;

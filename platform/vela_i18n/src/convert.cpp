@@ -3,13 +3,12 @@
 
 #include "convert_impl.hpp"
 
-#include <algorithm>
-
 #include <vela/i18n/convert.hpp>
 
 #include <unicode/ucnv.h>
 #include <unicode/utf16.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string_view>
 
