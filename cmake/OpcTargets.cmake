@@ -35,20 +35,19 @@ function(opc_add_layer)
   install(DIRECTORY "${L_DIR}/include/" DESTINATION ${OPC_INSTALL_LAYER_INCLUDEDIR} COMPONENT Development)
 endfunction()
 
-# opc_add_test_folder(PREFIX <prefix> DIR <dir> [TESTS <names...>] LINK <libs...>)
-# Every <dir>/<name>.cpp of TESTS (without TESTS: every <dir>/*Test.cpp) becomes one GoogleTest executable <prefix>_<file name>, registered
+# opc_add_test_folder(PREFIX <prefix> DIR <dir> TESTS <names...> LINK <libs...>)
+# Every <dir>/<name>.cpp of TESTS becomes one GoogleTest executable <prefix>_<name>, registered
 # with CTest as one test (one process per file keeps the sanitizer run short). Helpers shared
 # by the tests of a folder live in headers beside them or in tests/support.
 # A test whose source starts threads (mentions std::thread) gets the CTest label "threads"
 # and joins the target opc_threaded_tests, which the ThreadSanitizer run builds alone.
 function(opc_add_test_folder)
   cmake_parse_arguments(T "" "PREFIX;DIR" "TESTS;LINK" ${ARGN})
-  if(T_TESTS)
-    list(TRANSFORM T_TESTS PREPEND "${T_DIR}/" OUTPUT_VARIABLE tests)
-    list(TRANSFORM tests APPEND ".cpp")
-  else()
-    file(GLOB tests CONFIGURE_DEPENDS "${T_DIR}/*Test.cpp")
+  if(NOT T_TESTS)
+    message(FATAL_ERROR "opc_add_test_folder: name the tests of ${T_DIR}")
   endif()
+  list(TRANSFORM T_TESTS PREPEND "${T_DIR}/" OUTPUT_VARIABLE tests)
+  list(TRANSFORM tests APPEND ".cpp")
   foreach(src ${tests})
     get_filename_component(name ${src} NAME_WE)
     set(exe ${T_PREFIX}_${name})
