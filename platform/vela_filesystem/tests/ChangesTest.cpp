@@ -138,7 +138,15 @@ int traced(std::string const& op, std::string const& from, std::string const& to
                         .c_str()));
 }
 
-bool strace_works() { return std::system("strace -o /dev/null true >/dev/null 2>&1") == 0; }
+// The runs under strace, each in a fresh folder.
+class Traced : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (std::system("strace -o /dev/null true >/dev/null 2>&1") != 0)
+            GTEST_SKIP() << "strace is missing or tracing is not permitted here";
+    }
+    Scratch s;
+};
 
 TEST(CopyFile, ContentModeAndWhatItRefuses) {
     Scratch s;
@@ -227,8 +235,8 @@ TEST(Rename, FailuresNameTheirSide) {
 // A file whose bits cannot be read (behind a link into a closed folder) cannot have the moved
 // file narrowed to them, so the rename is refused and both names stay. A moved file its owner
 // may only write is synced through a write-only descriptor, one it may neither read nor write
-// by a flush of its file system: both move. Root reads everything, so as root this runs in a
-// child that dropped to nobody.
+// by a flush of its file system: both move. The checks run in a child, which as root (who
+// reads everything) first drops to nobody.
 TEST(Rename, WhatTheOwnerMayNotReadOrWrite) {
     Scratch s;
     ASSERT_EQ(::chmod(s.dir.c_str(), 0777), 0);
@@ -242,28 +250,22 @@ TEST(Rename, WhatTheOwnerMayNotReadOrWrite) {
         ASSERT_EQ(::chmod(s.at(name).c_str(), mode_t(mode)), 0);
         ASSERT_TRUE(!root || ::chown(s.at(name).c_str(), 65534, 65534) == 0);
     }
-    auto checks = [&] {
+    pid_t const child = ::fork();
+    if (child == 0) {
+        if (root && (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0))
+            std::_Exit(1);
         try {
             hostfs::rename(s.u("writeonly"), s.u("w2"));
             hostfs::rename(s.u("none"), s.u("n2"));
         } catch (hostfs::FsysExceptionBase const&) {
-            return false;
+            std::_Exit(2);
         }
-        return thrown_path<hostfs::AccessDenied>([&] { hostfs::rename(s.u("wide"), s.u("guarded")); }) == s.u("guarded");
-    };
-    bool ok = false;
-    if (root) {
-        pid_t const child = ::fork();
-        if (child == 0)
-            _exit(::setresgid(65534, 65534, 65534) == 0 && ::setresuid(65534, 65534, 65534) == 0 && checks() ? 0 : 1);
-        int status = 0;
-        ::waitpid(child, &status, 0);
-        ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    } else {
-        ok = checks();
+        std::_Exit(thrown_path<hostfs::AccessDenied>([&] { hostfs::rename(s.u("wide"), s.u("guarded")); }) == s.u("guarded") ? 0 : 3);
     }
+    int status = 0;
+    ::waitpid(child, &status, 0);
     ::chmod(s.at("closed").c_str(), 0755);
-    EXPECT_TRUE(ok);
+    EXPECT_EQ(exit_code(status), 0); // 1: no other user, 2: a move refused, 3: the guarded rename not refused
     EXPECT_TRUE(S_ISLNK(mode_of(s.at("guarded"))));
     EXPECT_EQ(read_all(s.at("wide")), "x");
     EXPECT_EQ(mode_of(s.at("w2")), S_IFREG | 0200u);
@@ -273,10 +275,7 @@ TEST(Rename, WhatTheOwnerMayNotReadOrWrite) {
 // Under strace: a copy syncs its data before the rename onto an existing file, and the folder
 // after it. With each step (or the removal of the old content) failing, the destination keeps
 // its old content, and a new copy that cannot be made durable is removed again.
-TEST(Traced, CopyIsDurableOrChangesNothing) {
-    if (!strace_works())
-        GTEST_SKIP() << "strace is missing or tracing is not permitted here";
-    Scratch s;
+TEST_F(Traced, CopyIsDurableOrChangesNothing) {
     std::string const from = s.at("new"), to = s.at("target"), trace = s.at("trace");
     std::ofstream(from) << "new";
     for (bool fresh : {false, true}) {
@@ -307,10 +306,7 @@ TEST(Traced, CopyIsDurableOrChangesNothing) {
 
 // A staged copy's data and folder are flushed once with its rename when nothing came between;
 // anything that did pays the owed folder flush first, and the rename flushes as usual.
-TEST(Traced, StagedRenamesShareTheirFlushes) {
-    if (!strace_works())
-        GTEST_SKIP() << "strace is missing or tracing is not permitted here";
-    Scratch s;
+TEST_F(Traced, StagedRenamesShareTheirFlushes) {
     std::string const trace = s.at("trace");
     struct Row {
         char const* op;
@@ -336,10 +332,7 @@ TEST(Traced, StagedRenamesShareTheirFlushes) {
 
 // A name that is taken (by anyone, a planted link included) is skipped for a fresh one; any other
 // failure, of the open or of the source of randomness, is reported, not retried.
-TEST(Traced, TakenNamesAreSkipped) {
-    if (!strace_works())
-        GTEST_SKIP() << "strace is missing or tracing is not permitted here";
-    Scratch s;
+TEST_F(Traced, TakenNamesAreSkipped) {
     EXPECT_EQ(traced("tmpfile", s.dir, "-", "openat:error=EEXIST:when=1..3"), 0);
     EXPECT_EQ(traced("tmpfile", s.dir, "-", "openat:error=EACCES:when=1"), 3);
     EXPECT_EQ(traced("tmpfile", s.dir, "-", "getrandom:error=EIO"), 3); // no name without fresh randomness
@@ -354,10 +347,7 @@ TEST(Traced, TakenNamesAreSkipped) {
 
 // A step that fails is reported (exit 3) and leaves both files as they were; a copy refused by
 // the kernel is made by hand, and a move across file systems copies only when allowed to.
-TEST(Traced, FailedStepsAreReported) {
-    if (!strace_works())
-        GTEST_SKIP() << "strace is missing or tracing is not permitted here";
-    Scratch s;
+TEST_F(Traced, FailedStepsAreReported) {
     std::string const a = s.at("a"), b = s.at("b"), c = s.at("c");
     struct Row {
         char const *op, *to;
