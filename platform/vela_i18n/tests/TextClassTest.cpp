@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 namespace {
 
 namespace i18n = vela::i18n;
@@ -46,31 +48,30 @@ TEST(CodePage, ConvertsGrowsAndNamesTheFault) {
     EXPECT_EQ(i18n::to_wstring(std::u16string{u'a', char16_t(0xDC00), char16_t(0xD800)}), L"a\uFFFD\uFFFD");
     // Four bytes for each unit: more than the first guess of the output's size.
     EXPECT_EQ(i18n::to_string(std::u16string(100, u'a'), i18n::codecvt_ustring_to_string("UTF-32BE")).size(), 400u);
-    // A byte the code page lacks, a character it cannot hold, a lone surrogate; U+0080 is not ASCII.
-    EXPECT_THROW(i18n::to_string(u"a\u0080", i18n::codecvt_ustring_to_ascii()), i18n::CvtInvalidInput);
-    EXPECT_THROW(i18n::to_ustring("ab\x80", i18n::codecvt_string_to_ustring("US-ASCII")), i18n::CvtInvalidInput);
-    EXPECT_THROW(i18n::to_ustring("a\x82", i18n::codecvt_string_to_ustring("Shift_JIS")), i18n::CvtInvalidInput); // cut short
     // A trail unit is no lead, also where sixteen units or more follow it (the wide encoder's block).
     std::u16string const trails = u"a" + std::u16string{char16_t(0xDC00), char16_t(0xDC01)} + std::u16string(16, u'b');
     EXPECT_EQ(i18n::to_string(trails, i18n::codecvt_ustring_to_string("UTF-8", false)),
               "a\xEF\xBF\xBD\xEF\xBF\xBD" + std::string(16, 'b'));
-    auto fault = [](auto&& convert) -> std::string {
+    EXPECT_THROW(i18n::to_ustring("a\x82", i18n::codecvt_string_to_ustring("Shift_JIS")), i18n::CvtInvalidInput); // cut short
+    // The first fault is named: a byte the code page lacks (a NUL byte is text), a character the
+    // target cannot hold (U+0080 is not ASCII), a lone surrogate.
+    std::pair<std::function<void()>, std::string> const faults[] = {
+        {[] { i18n::to_ustring(std::string("\xC3\xA9\0\xFF", 4), i18n::codecvt_string_to_ustring("UTF-8", true)); },
+         "Invalid UTF-8 sequence starting with byte 0xFF at offset 3"},
+        {[] { i18n::to_ustring("ab\x80", i18n::codecvt_string_to_ustring("US-ASCII")); }, "Invalid byte sequence for US-ASCII at offset 2"},
+        {[] { i18n::to_string(u"a\u0080", i18n::codecvt_ustring_to_ascii()); }, "Non-ASCII character U+0080 at UTF-16 offset 1"},
+        {[] { i18n::to_string(u"caf\u00E9", i18n::codecvt_ustring_to_string("US-ASCII")); },
+         "Character U+00E9 at UTF-16 offset 3 cannot be represented in US-ASCII"},
+        {[] { i18n::to_string(std::u16string(u"a") + char16_t(0xD800) + u"b", i18n::codecvt_ustring_to_string("ISO-8859-1")); },
+         "Character U+D800 at UTF-16 offset 1 is an unpaired surrogate and cannot be converted to ISO-8859-1"}};
+    for (auto const& [convert, message] : faults) {
         try {
             convert();
+            ADD_FAILURE() << "no fault: " << message;
         } catch (i18n::CvtInvalidInput const& e) {
-            return e.what();
+            EXPECT_EQ(e.what(), message);
         }
-        return "(none)";
-    };
-    // A NUL byte is text: the first fault is the byte that cannot start a character.
-    EXPECT_EQ(fault([] { i18n::to_ustring(std::string("\xC3\xA9\0\xFF", 4), i18n::codecvt_string_to_ustring("UTF-8", true)); }),
-              "Invalid UTF-8 sequence starting with byte 0xFF at offset 3");
-    EXPECT_EQ(fault([] { i18n::to_string(u"caf\u00E9", i18n::codecvt_ustring_to_string("US-ASCII")); }),
-              "Character U+00E9 at UTF-16 offset 3 cannot be represented in US-ASCII");
-    EXPECT_EQ(fault([] {
-                  i18n::to_string(std::u16string(u"a") + char16_t(0xD800) + u"b", i18n::codecvt_ustring_to_string("ISO-8859-1"));
-              }),
-              "Character U+D800 at UTF-16 offset 1 is an unpaired surrogate and cannot be converted to ISO-8859-1");
+    }
 }
 
 } // namespace
