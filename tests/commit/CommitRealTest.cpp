@@ -71,7 +71,6 @@ void commitBetween(Kind from, Kind to, std::string const& target, std::string co
 }
 
 using ::testing::ElementsAre;
-using ::testing::StartsWith;
 
 class RealCommit : public ::testing::Test, protected BackEnds {
 protected:
@@ -179,7 +178,6 @@ class FaultInjection : public RealCommit, public ::testing::WithParamInterface<F
 TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
     FaultCase const& c = GetParam();
     options.removeBackup(!c.backup);
-    auto const injected = errc::make_error_code(errc::io_error);
     opc::testing::FaultInjectingOps faulty(ops(c.target));
     bool const sameType = (c.source == Local) == (c.target == Local);
     std::u16string const path = folder(c.target) + u"/p.pkg";
@@ -197,7 +195,7 @@ TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
         else
             ASSERT_EQ(::chmod(target.c_str(), mode_t(c.mode)), 0);
         announced.clear();
-        faulty.failCall(k, injected);
+        faulty.failCall(k, errc::make_error_code(errc::io_error));
         replaceFileWithBackup(faulty, path, sourceOps, from, options);
     };
     run(0);
@@ -211,11 +209,8 @@ TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
         bool threw = false;
         try {
             run(k);
-        } catch (Exception const& e) {
+        } catch (Exception const&) { // its message and code: the model test and the full disk
             threw = true;
-            EXPECT_THAT(e.what(), StartsWith("Could not commit changes:  "));
-            EXPECT_TRUE(e.code() == injected || e.code() == errc::make_error_code(errc::permission_denied))
-                << e.code().message();
         }
         if (!faulty.fired()) {
             EXPECT_FALSE(threw);
