@@ -41,7 +41,7 @@ struct World : opc::testing::FaultInjectingOps {
         Result value;
         errc::errc_t failure = {};
     };
-    using Fault = std::function<Reply(Call const&)>;
+    using Fault = std::function<Reply(World&, Call const&)>;
     std::map<std::u16string, MemFile> files;
     std::u16string parent = u"/d";
     std::map<std::pair<std::string, std::size_t>, Fault> faults;
@@ -55,8 +55,8 @@ struct World : opc::testing::FaultInjectingOps {
             setPerms.push_back(static_cast<std::uint32_t>(c.value));
         auto fault = faults.find({c.operation, callCount(c.operation)});
         auto every = always.find(c.operation);
-        Reply const r = fault != faults.end() ? fault->second(c) : every != always.end() ? every->second(c)
-                                                                                         : apply(c);
+        Reply const r = fault != faults.end() ? fault->second(*this, c) : every != always.end() ? every->second(*this, c)
+                                                                                                : apply(c);
         if (r.failure)
             detail = "boom", ec = code(r.failure);
         return r.value;
@@ -88,8 +88,9 @@ struct World : opc::testing::FaultInjectingOps {
             files.erase(it);
         return {};
     }
-    // Commits N over `target`; returns the failure's message ("" for none) and checks its code.
-    std::string commit(CommitOptions const& options, boost::system::error_code expected = {}, std::u16string target = P) {
+    // Commits N over `target` with `options`; returns the failure's message ("" for none) and
+    // checks its code.
+    std::string commit(boost::system::error_code expected = {}, std::u16string target = P) {
         auto const [message, ec] = thrown([&] { opc::replaceFileWithBackup(*this, target, *this, N, options); });
         EXPECT_TRUE(message.empty() || (ec == expected && &ec.category() == &expected.category())) << ec.message();
         return message;
@@ -97,29 +98,21 @@ struct World : opc::testing::FaultInjectingOps {
 };
 using Fault = World::Fault;
 Fault failing(errc::errc_t e) {
-    return [e](Call const&) { return World::Reply{{}, e}; };
+    return [e](World&, Call const&) { return World::Reply{{}, e}; };
 }
 Fault throwing() {
-    return [](Call const&) -> World::Reply { throw std::logic_error("foreign"); };
+    return [](World&, Call const&) -> World::Reply { throw std::logic_error("foreign"); };
 }
 
 std::string wrapped(std::string const& inner, boost::system::error_code const& ec) {
     return "Could not commit changes:  " + inner + " " + ec.message();
 }
 
-CommitOptions withBackup(bool backup, std::vector<std::u16string>* announced = nullptr) {
-    CommitOptions o;
-    o.removeBackup(!backup);
-    if (announced)
-        o.backupCreatedFcn([announced](std::u16string const& b) { announced->push_back(b); });
-    return o;
-}
-
 TEST(CommitModel, PathWithoutFolderUsesDotTmpBesideIt) {
     World w;
     w.parent.clear();
     w.files[u"p.pkg"] = {"old"};
-    EXPECT_EQ(w.commit(CommitOptions(), {}, u"p.pkg"), "");
+    EXPECT_EQ(w.commit({}, u"p.pkg"), "");
     EXPECT_EQ(w.callCount("getTempName"), 0u);
     EXPECT_EQ(std::find_if(w.calls().begin(), w.calls().end(), [](Call const& c) { return c.operation == "rename"; })->paths[0], u"p.pkg.tmp");
     EXPECT_EQ(w.files.at(u"p.pkg").content, "new");
@@ -143,9 +136,10 @@ TEST(CommitModel, BackupNamesAreTriedInTurnAfterFailedAttempts) {
         for (int i = r.from; i <= r.to; ++i)
             w.faults[{r.op, i}] = failing(errc::io_error);
         std::vector<std::u16string> announced;
-        CommitOptions options = withBackup(true, &announced);
-        options.backupExtension(r.extension);
-        EXPECT_EQ(w.commit(options), "");
+        w.options.removeBackup(false);
+        w.options.backupExtension(r.extension);
+        w.options.backupCreatedFcn([&](std::u16string const& b) { announced.push_back(b); });
+        EXPECT_EQ(w.commit(), "");
         EXPECT_THAT(announced, ElementsAre(P + r.used));
         EXPECT_EQ(w.files.at(P + r.used).content, "old");
     }
@@ -176,10 +170,11 @@ TEST(CommitModel, PermissionValuesHandedToTheBackEnd) {
         w.files[P] = {"old", r.target};
         w.files[N].perms = r.newFile;
         if (r.failedRead.first == "copy") // the backup copy comes out with all bits set
-            w.faults[r.failedRead] = [&w](Call const& c) { return w.files[c.paths[1]] = {"old", 0x1FF}, World::Reply{}; };
+            w.faults[r.failedRead] = [](World& w, Call const& c) { return w.files[c.paths[1]] = {"old", 0x1FF}, World::Reply{}; };
         else if (r.failedRead.second)
             w.faults[r.failedRead] = failing(errc::io_error);
-        EXPECT_EQ(w.commit(withBackup(r.backup)), "");
+        w.options.removeBackup(!r.backup);
+        EXPECT_EQ(w.commit(), "");
         EXPECT_EQ(w.setPerms, r.set);
     }
 }
@@ -203,73 +198,62 @@ struct Row {
 
 std::string const ReadDenied = "Could not get attributes or permissions of existing package";
 std::string const SetDenied = "Could not set attributes or permissions of new package";
-Fault halfCopy(World& w) {
-    return [&w](Call const& c) { return w.files[c.paths[1]] = {"ne"}, World::Reply{{}, errc::no_space_on_device}; };
-}
+Fault const halfCopy = [](World& w, Call const& c) { return w.files[c.paths[1]] = {"ne"}, World::Reply{{}, errc::no_space_on_device}; };
+Fault const readOnlyCopy = [](World& w, Call const& c) { return w.files[c.paths[1]] = {"new", 0x124}, World::Reply{}; };
 // The options change their mind once the backup is made: it is removed again after the rename.
-Fault removeBackupNow(World& w) {
-    return [&w](Call const& c) {
-        w.options.removeBackup(true);
-        return w.apply(c);
-    };
-}
+Fault const removeBackupNow = [](World& w, Call const& c) {
+    w.options.removeBackup(true);
+    return w.apply(c);
+};
 void throwForeign() { throw std::logic_error("foreign"); }
 
 TEST(CommitModel, OutcomeTable) {
     auto const io = failing(errc::io_error);
     auto const denied = code(errc::permission_denied), none = boost::system::error_code();
-    std::vector<std::function<Row(World&)>> const rows = {
+    Row const rows[] = {
         // A first package gets 0x11A4 and no backup whatever the options say.
-        [&](World&) { return Row{"first", 0, false, {}, "", none, "new", 0x11A4, false, 0}; },
-        [&](World&) { return Row{"firstBackup", 0, true, {}, "", none, "new", 0x11A4, false, 0}; },
-        [&](World&) { return Row{"replace", 0x124, false, {}, "", none, "new", 0x1124, false, 0}; },
-        [&](World&) { return Row{"replaceBackup", 0x124, true, {}, "", none, "new", 0x1124, false, 1}; },
-        [&](World&) { return Row{"exists", 0x1A4, false, {{{"exists", 1}, failing(errc::permission_denied)}}, "exists failed: boom", denied, "old", 0x1A4, false, 0}; },
-        [&](World&) { return Row{"targetPerms", 0x1A4, true, {{{"getPermissions", 1}, io}}, ReadDenied, denied, "old", 0x1A4, false, 0}; },
-        [&](World&) { return Row{"targetPermsForeign", 0x1A4, false, {{{"getPermissions", 1}, throwing()}}, ReadDenied, denied, "old", 0x1A4, false, 0}; },
+        {"first", 0, false, {}, "", none, "new", 0x11A4, false, 0},
+        {"firstBackup", 0, true, {}, "", none, "new", 0x11A4, false, 0},
+        {"replace", 0x124, false, {}, "", none, "new", 0x1124, false, 0},
+        {"replaceBackup", 0x124, true, {}, "", none, "new", 0x1124, false, 1},
+        {"exists", 0x1A4, false, {{{"exists", 1}, failing(errc::permission_denied)}}, "exists failed: boom", denied, "old", 0x1A4, false, 0},
+        {"targetPerms", 0x1A4, true, {{{"getPermissions", 1}, io}}, ReadDenied, denied, "old", 0x1A4, false, 0},
+        {"targetPermsForeign", 0x1A4, false, {{{"getPermissions", 1}, throwing()}}, ReadDenied, denied, "old", 0x1A4, false, 0},
         // Every backup name fails: the last attempt's failure is reported.
-        [&](World& w) {
-            w.always["setLastModifiedTime"] = io;
-            return Row{"allBackups", 0x1A4, true, {{{"setLastModifiedTime", 5}, failing(errc::read_only_file_system)}}, "setLastModifiedTime failed: boom", code(errc::read_only_file_system), "old", 0x1A4, false, 5};
-        },
+        {"allBackups", 0x1A4, true, {{{"setLastModifiedTime", 1}, io}, {{"setLastModifiedTime", 2}, io}, {{"setLastModifiedTime", 3}, io}, {{"setLastModifiedTime", 4}, io}, {{"setLastModifiedTime", 5}, failing(errc::read_only_file_system)}}, "setLastModifiedTime failed: boom", code(errc::read_only_file_system), "old", 0x1A4, false, 5},
         // No temporary name: the read-only target stays writable.
-        [&](World&) { return Row{"tempName", 0x124, false, {{{"getTempName", 1}, failing(errc::no_space_on_device)}}, "getTempName failed: boom", code(errc::no_space_on_device), "old", 0x11A4, false, 0}; },
-        [&](World&) { return Row{"parentPath", 0x124, false, {{{"getParentPath", 1}, io}}, "getParentPath failed: boom", code(errc::io_error), "old", 0x11A4, false, 0}; },
+        {"tempName", 0x124, false, {{{"getTempName", 1}, failing(errc::no_space_on_device)}}, "getTempName failed: boom", code(errc::no_space_on_device), "old", 0x11A4, false, 0},
+        {"parentPath", 0x124, false, {{{"getParentPath", 1}, io}}, "getParentPath failed: boom", code(errc::io_error), "old", 0x11A4, false, 0},
         // A failed copy of the new content: permissions restored, the partial temporary file left.
-        [&](World& w) { return Row{"copy", 0x124, true, {{{"copy", 2}, halfCopy(w)}}, "copy failed: boom", code(errc::no_space_on_device), "old", 0x1124, true, 1}; },
+        {"copy", 0x124, true, {{{"copy", 2}, halfCopy}}, "copy failed: boom", code(errc::no_space_on_device), "old", 0x1124, true, 1},
         // A failed restore does not hide the copy's failure.
-        [&](World&) { return Row{"copyAndRestore", 0x124, false, {{{"copy", 1}, failing(errc::no_space_on_device)}, {{"setPermissions", 2}, failing(errc::operation_not_permitted)}}, "copy failed: boom", code(errc::no_space_on_device), "old", 0x11A4, false, 0}; },
+        {"copyAndRestore", 0x124, false, {{{"copy", 1}, failing(errc::no_space_on_device)}, {{"setPermissions", 2}, failing(errc::operation_not_permitted)}}, "copy failed: boom", code(errc::no_space_on_device), "old", 0x11A4, false, 0},
         // A failed rename: temporary file removed, permissions restored, backup kept.
-        [&](World&) { return Row{"rename", 0x124, true, {{{"rename", 1}, failing(errc::cross_device_link)}}, "rename failed: boom", code(errc::cross_device_link), "old", 0x1124, false, 1}; },
-        [&](World&) { return Row{"renameFirst", 0, false, {{{"rename", 1}, io}}, "rename failed: boom", code(errc::io_error), "", 0, false, 0}; },
-        [&](World&) { return Row{"renameAndCleanup", 0x1A4, false, {{{"rename", 1}, failing(errc::cross_device_link)}, {{"remove", 1}, io}}, "rename failed: boom", code(errc::cross_device_link), "old", 0x1A4, true, 0}; },
+        {"rename", 0x124, true, {{{"rename", 1}, failing(errc::cross_device_link)}}, "rename failed: boom", code(errc::cross_device_link), "old", 0x1124, false, 1},
+        {"renameFirst", 0, false, {{{"rename", 1}, io}}, "rename failed: boom", code(errc::io_error), "", 0, false, 0},
+        {"renameAndCleanup", 0x1A4, false, {{{"rename", 1}, failing(errc::cross_device_link)}, {{"remove", 1}, io}}, "rename failed: boom", code(errc::cross_device_link), "old", 0x1A4, true, 0},
         // Final permissions refused on a package its owner cannot write: reported, package stays.
-        [&](World& w) {
-            w.always["setPermissions"] = io;
-            Fault readOnlyCopy = [&w](Call const& c) { return w.files[c.paths[1]] = {"new", 0x124}, World::Reply{}; };
-            return Row{"finalNotWritable", 0x1A4, false, {{{"copy", 1}, readOnlyCopy}}, SetDenied, denied, "new", 0x124, false, 0};
-        },
+        {"finalNotWritable", 0x1A4, false, {{{"copy", 1}, readOnlyCopy}, {{"setPermissions", 1}, io}}, SetDenied, denied, "new", 0x124, false, 0},
         // Refused while the owner can read and write (as the file came, or unreadable: 0xFFFF).
-        [&](World&) { return Row{"finalWritable", 0x124, false, {{{"setPermissions", 2}, failing(errc::operation_not_permitted)}}, "", none, "new", 0x180, false, 0}; },
-        [&](World&) { return Row{"finalUnreadable", 0x124, false, {{{"getPermissions", 3}, io}, {{"setPermissions", 2}, io}}, "", none, "new", 0x180, false, 0}; },
+        {"finalWritable", 0x124, false, {{{"setPermissions", 2}, failing(errc::operation_not_permitted)}}, "", none, "new", 0x180, false, 0},
+        {"finalUnreadable", 0x124, false, {{{"getPermissions", 3}, io}, {{"setPermissions", 2}, io}}, "", none, "new", 0x180, false, 0},
         // Foreign exceptions pass after the same clean-up, and end the backup attempts at once.
-        [&](World&) { return Row{"existsForeign", 0x124, false, {{{"exists", 1}, throwing()}}, "foreign", none, "old", 0x124, false, 0}; },
-        [&](World&) { return Row{"copyForeign", 0x124, false, {{{"copy", 1}, throwing()}}, "foreign", none, "old", 0x1124, false, 0}; },
-        [&](World&) { return Row{"renameForeign", 0x124, false, {{{"rename", 1}, throwing()}}, "foreign", none, "old", 0x1124, false, 0}; },
-        [&](World&) { return Row{"backupCopyForeign", 0x124, true, {{{"copy", 1}, throwing()}}, "foreign", none, "old", 0x124, false, 0}; },
-        [&](World&) { return Row{"backupTimeForeign", 0x124, true, {{{"setLastModifiedTime", 1}, throwing()}}, "foreign", none, "old", 0x124, false, 1}; },
+        {"existsForeign", 0x124, false, {{{"exists", 1}, throwing()}}, "foreign", none, "old", 0x124, false, 0},
+        {"copyForeign", 0x124, false, {{{"copy", 1}, throwing()}}, "foreign", none, "old", 0x1124, false, 0},
+        {"renameForeign", 0x124, false, {{{"rename", 1}, throwing()}}, "foreign", none, "old", 0x1124, false, 0},
+        {"backupCopyForeign", 0x124, true, {{{"copy", 1}, throwing()}}, "foreign", none, "old", 0x124, false, 0},
+        {"backupTimeForeign", 0x124, true, {{{"setLastModifiedTime", 1}, throwing()}}, "foreign", none, "old", 0x124, false, 1},
         // From the callback: foreign ones pass, the library's own are wrapped with their code kept even when cleared.
-        [&](World&) { return Row{"callbackForeign", 0x124, true, {}, "foreign", none, "new", 0x180, false, 1, throwForeign}; },
-        [&](World&) { return Row{"callbackCode", 0x124, true, {}, "callback says no", code(errc::operation_canceled), "new", 0x180, false, 1, [] { throw Exception("callback says no", code(errc::operation_canceled)); }}; },
-        [&](World&) { return Row{"callbackCleared", 0x124, true, {}, "callback says no", none, "new", 0x180, false, 1, [] { throw Exception("callback says no", boost::system::error_code()); }}; },
+        {"callbackForeign", 0x124, true, {}, "foreign", none, "new", 0x180, false, 1, throwForeign},
+        {"callbackCode", 0x124, true, {}, "callback says no", code(errc::operation_canceled), "new", 0x180, false, 1, [] { throw Exception("callback says no", code(errc::operation_canceled)); }},
+        {"callbackCleared", 0x124, true, {}, "callback says no", none, "new", 0x180, false, 1, [] { throw Exception("callback says no", boost::system::error_code()); }},
         // The options are read again after the backup; when the fresh backup cannot be removed it
         // is put back in place of the new package.
-        [&](World& w) { return Row{"removeBackupLater", 0x1A4, true, {{{"setLastModifiedTime", 1}, removeBackupNow(w)}}, "", none, "new", 0x11A4, false, 0}; },
-        [&](World& w) { return Row{"removeBackupFails", 0x1A4, true, {{{"setLastModifiedTime", 1}, removeBackupNow(w)}, {{"remove", 1}, failing(errc::device_or_resource_busy)}}, "remove failed: boom", code(errc::device_or_resource_busy), "old", 0x1A4, false, 0}; },
+        {"removeBackupLater", 0x1A4, true, {{{"setLastModifiedTime", 1}, removeBackupNow}}, "", none, "new", 0x11A4, false, 0},
+        {"removeBackupFails", 0x1A4, true, {{{"setLastModifiedTime", 1}, removeBackupNow}, {{"remove", 1}, failing(errc::device_or_resource_busy)}}, "remove failed: boom", code(errc::device_or_resource_busy), "old", 0x1A4, false, 0},
     };
-    for (auto const& make : rows) {
+    for (Row const& r : rows) {
         World w;
-        Row const r = make(w);
         SCOPED_TRACE(r.name);
         if (r.targetPerms)
             w.files[P] = {"old", r.targetPerms};
@@ -286,7 +270,7 @@ TEST(CommitModel, OutcomeTable) {
         });
         std::string message;
         try {
-            message = w.commit(w.options, r.code);
+            message = w.commit(r.code);
         } catch (std::logic_error const& e) {
             message = e.what();
         }
@@ -322,8 +306,8 @@ TEST(CommitModel, AcrossBackEndTypesTheContentIsStreamed) {
     std::string const payload(40000, 'x');
     auto out = std::make_shared<std::ostringstream>();
     source.in = std::make_shared<std::istringstream>(payload + "end");
-    target.always["createOutputStream"] = [&](Call const&) { return World::Reply{std::shared_ptr<std::ostream>(out)}; };
-    target.always["rename"] = [&](Call const& c) { return target.files[c.paths[1]] = {out->str()}, World::Reply{}; };
+    target.always["createOutputStream"] = [&](World&, Call const&) { return World::Reply{std::shared_ptr<std::ostream>(out)}; };
+    target.always["rename"] = [&](World& w, Call const& c) { return w.files[c.paths[1]] = {out->str()}, World::Reply{}; };
     replaceFileWithBackup(target, P, source, N, CommitOptions());
     EXPECT_EQ(target.files.at(P).content, payload + "end");
     ASSERT_EQ(source.callCount(), 1u);
@@ -339,7 +323,7 @@ TEST(CommitModel, AcrossBackEndTypesTheContentIsStreamed) {
         World again;
         again.files[P] = {"old"};
         source.in = std::string(missing) == "createInputStream" ? nullptr : std::make_shared<std::istringstream>("x");
-        again.always["createOutputStream"] = [&](Call const&) { return World::Reply{}; };
+        again.always["createOutputStream"] = [](World&, Call const&) { return World::Reply{}; };
         EXPECT_EQ(thrown([&] { replaceFileWithBackup(again, P, source, N, CommitOptions()); }),
                   std::pair(wrapped(std::string(missing) + " returned no stream", code(errc::io_error)), code(errc::io_error)));
         EXPECT_EQ(again.files.at(P).content, "old");
