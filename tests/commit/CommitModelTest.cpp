@@ -199,7 +199,9 @@ struct Row {
 std::string const ReadDenied = "Could not get attributes or permissions of existing package";
 std::string const SetDenied = "Could not set attributes or permissions of new package";
 Fault const halfCopy = [](World& w, Call const& c) { return w.files[c.paths[1]] = {"ne"}, World::Reply{{}, errc::no_space_on_device}; };
-Fault const readOnlyCopy = [](World& w, Call const& c) { return w.files[c.paths[1]] = {"new", 0x124}, World::Reply{}; };
+Fault copyWithPerms(std::uint32_t perms) {
+    return [perms](World& w, Call const& c) { return w.files[c.paths[1]] = {"new", perms}, World::Reply{}; };
+}
 // The options change their mind once the backup is made: it is removed again after the rename.
 Fault const removeBackupNow = [](World& w, Call const& c) {
     w.options.removeBackup(true);
@@ -232,8 +234,9 @@ TEST(CommitModel, OutcomeTable) {
         {"rename", 0x124, true, {{{"rename", 1}, failing(errc::cross_device_link)}}, "rename failed: boom", code(errc::cross_device_link), "old", 0x1124, false, 1},
         {"renameFirst", 0, false, {{{"rename", 1}, io}}, "rename failed: boom", code(errc::io_error), "", 0, false, 0},
         {"renameAndCleanup", 0x1A4, false, {{{"rename", 1}, failing(errc::cross_device_link)}, {{"remove", 1}, io}}, "rename failed: boom", code(errc::cross_device_link), "old", 0x1A4, true, 0},
-        // Final permissions refused on a package its owner cannot write: reported, package stays.
-        {"finalNotWritable", 0x1A4, false, {{{"copy", 1}, readOnlyCopy}, {{"setPermissions", 1}, io}}, SetDenied, denied, "new", 0x124, false, 0},
+        // Final permissions refused on a package its owner cannot read and write: reported, package stays.
+        {"finalNotWritable", 0x1A4, false, {{{"copy", 1}, copyWithPerms(0x124)}, {{"setPermissions", 1}, io}}, SetDenied, denied, "new", 0x124, false, 0},
+        {"finalNotReadable", 0x1A4, false, {{{"copy", 1}, copyWithPerms(0x0A4)}, {{"setPermissions", 1}, io}}, SetDenied, denied, "new", 0x0A4, false, 0},
         // Refused while the owner can read and write (as the file came, or unreadable: 0xFFFF).
         {"finalWritable", 0x124, false, {{{"setPermissions", 2}, failing(errc::operation_not_permitted)}}, "", none, "new", 0x180, false, 0},
         {"finalUnreadable", 0x124, false, {{{"getPermissions", 3}, io}, {{"setPermissions", 2}, io}}, "", none, "new", 0x180, false, 0},
