@@ -11,7 +11,6 @@
 #include <opc/VirtualFileSystemOps.hpp>
 #include <opc/testing/FaultInjectingOps.hpp>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <sched.h>
@@ -69,8 +68,6 @@ void commitBetween(Kind from, Kind to, std::string const& target, std::string co
     options.removeBackup(!backup);
     replaceFileWithBackup(b.ops(to), pathIn(to, target), b.ops(from), pathIn(from, source), options);
 }
-
-using ::testing::ElementsAre;
 
 class RealCommit : public ::testing::Test, protected BackEnds {
 protected:
@@ -134,7 +131,7 @@ TEST_F(RealCommit, BackupOverwritesAStaleOneAndNeverFollowsALink) {
     EXPECT_EQ(readFile(victim), "precious");
     EXPECT_EQ(fs::read_symlink(target + ".bak").string(), victim);
     EXPECT_EQ(readFile(target + ".bak2"), newContent);
-    EXPECT_THAT(announced, ElementsAre(u16(target + ".bak"), u16(target + ".bak2")));
+    EXPECT_EQ(announced, (std::vector{u16(target + ".bak"), u16(target + ".bak2")}));
 }
 
 // The public double fails a picked call as a back end fails, in both forms, and forwards the
