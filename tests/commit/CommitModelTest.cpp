@@ -100,9 +100,7 @@ using Fault = World::Fault;
 Fault failing(errc::errc_t e) {
     return [e](World&, Call const&) { return World::Reply{{}, e}; };
 }
-Fault throwing() {
-    return [](World&, Call const&) -> World::Reply { throw std::logic_error("foreign"); };
-}
+Fault const throwing = [](World&, Call const&) -> World::Reply { throw std::logic_error("foreign"); };
 
 std::string wrapped(std::string const& inner, boost::system::error_code const& ec) {
     return "Could not commit changes:  " + inner + " " + ec.message();
@@ -207,7 +205,6 @@ Fault const removeBackupNow = [](World& w, Call const& c) {
     w.options.removeBackup(true);
     return w.apply(c);
 };
-void throwForeign() { throw std::logic_error("foreign"); }
 
 TEST(CommitModel, OutcomeTable) {
     auto const io = failing(errc::io_error);
@@ -220,7 +217,7 @@ TEST(CommitModel, OutcomeTable) {
         {"replaceBackup", 0x124, true, {}, "", none, "new", 0x1124, false, 1},
         {"exists", 0x1A4, false, {{{"exists", 1}, failing(errc::permission_denied)}}, "exists failed: boom", denied, "old", 0x1A4, false, 0},
         {"targetPerms", 0x1A4, true, {{{"getPermissions", 1}, io}}, ReadDenied, denied, "old", 0x1A4, false, 0},
-        {"targetPermsForeign", 0x1A4, false, {{{"getPermissions", 1}, throwing()}}, ReadDenied, denied, "old", 0x1A4, false, 0},
+        {"targetPermsForeign", 0x1A4, false, {{{"getPermissions", 1}, throwing}}, ReadDenied, denied, "old", 0x1A4, false, 0},
         // Every backup name fails: the last attempt's failure is reported.
         {"allBackups", 0x1A4, true, {{{"setLastModifiedTime", 1}, io}, {{"setLastModifiedTime", 2}, io}, {{"setLastModifiedTime", 3}, io}, {{"setLastModifiedTime", 4}, io}, {{"setLastModifiedTime", 5}, failing(errc::read_only_file_system)}}, "setLastModifiedTime failed: boom", code(errc::read_only_file_system), "old", 0x1A4, false, 5},
         // No temporary name: the read-only target stays writable.
@@ -241,13 +238,13 @@ TEST(CommitModel, OutcomeTable) {
         {"finalWritable", 0x124, false, {{{"setPermissions", 2}, failing(errc::operation_not_permitted)}}, "", none, "new", 0x180, false, 0},
         {"finalUnreadable", 0x124, false, {{{"getPermissions", 3}, io}, {{"setPermissions", 2}, io}}, "", none, "new", 0x180, false, 0},
         // Foreign exceptions pass after the same clean-up, and end the backup attempts at once.
-        {"existsForeign", 0x124, false, {{{"exists", 1}, throwing()}}, "foreign", none, "old", 0x124, false, 0},
-        {"copyForeign", 0x124, false, {{{"copy", 1}, throwing()}}, "foreign", none, "old", 0x1124, false, 0},
-        {"renameForeign", 0x124, false, {{{"rename", 1}, throwing()}}, "foreign", none, "old", 0x1124, false, 0},
-        {"backupCopyForeign", 0x124, true, {{{"copy", 1}, throwing()}}, "foreign", none, "old", 0x124, false, 0},
-        {"backupTimeForeign", 0x124, true, {{{"setLastModifiedTime", 1}, throwing()}}, "foreign", none, "old", 0x124, false, 1},
+        {"existsForeign", 0x124, false, {{{"exists", 1}, throwing}}, "foreign", none, "old", 0x124, false, 0},
+        {"copyForeign", 0x124, false, {{{"copy", 1}, throwing}}, "foreign", none, "old", 0x1124, false, 0},
+        {"renameForeign", 0x124, false, {{{"rename", 1}, throwing}}, "foreign", none, "old", 0x1124, false, 0},
+        {"backupCopyForeign", 0x124, true, {{{"copy", 1}, throwing}}, "foreign", none, "old", 0x124, false, 0},
+        {"backupTimeForeign", 0x124, true, {{{"setLastModifiedTime", 1}, throwing}}, "foreign", none, "old", 0x124, false, 1},
         // From the callback: foreign ones pass, the library's own are wrapped with their code kept even when cleared.
-        {"callbackForeign", 0x124, true, {}, "foreign", none, "new", 0x180, false, 1, throwForeign},
+        {"callbackForeign", 0x124, true, {}, "foreign", none, "new", 0x180, false, 1, [] { throw std::logic_error("foreign"); }},
         {"callbackCode", 0x124, true, {}, "callback says no", code(errc::operation_canceled), "new", 0x180, false, 1, [] { throw Exception("callback says no", code(errc::operation_canceled)); }},
         {"callbackCleared", 0x124, true, {}, "callback says no", none, "new", 0x180, false, 1, [] { throw Exception("callback says no", boost::system::error_code()); }},
         // The options are read again after the backup; when the fresh backup cannot be removed it

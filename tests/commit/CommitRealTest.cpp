@@ -383,10 +383,6 @@ TEST(CommitCrash, KilledCommitsLeaveTheOldOrTheNewPackageWhole) {
     }
 }
 
-int shell(std::string const& command) {
-    int const status = std::system(command.c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 bool contains(std::string const& line, std::string const& piece) { return line.find(piece) != std::string::npos; }
 bool succeeded(std::string const& line) { return line.size() >= 3 && line.compare(line.size() - 3, 3, "= 0") == 0; }
 
@@ -399,7 +395,7 @@ protected:
     std::string const oldContent = pattern(100000, 5), newContent = pattern(100000, 6);
 
     void SetUp() override {
-        if (shell("strace -o /dev/null true >/dev/null 2>&1") != 0)
+        if (std::system("strace -o /dev/null true >/dev/null 2>&1") != 0)
             GTEST_SKIP() << "strace is missing, or tracing is not permitted here";
         writeFile(source, newContent);
     }
@@ -407,9 +403,10 @@ protected:
         writeFile(target, oldContent, 0640);
         std::string const job = std::to_string(GetParam().from) + " " + std::to_string(GetParam().to) + "\n" + target + "\n" + source;
         ::setenv(ChildVariable, job.c_str(), 1);
-        int const status = shell("strace -f -y -qq " + options + " -o '" + trace + "' /proc/" + std::to_string(::getpid()) + "/exe >/dev/null 2>&1");
+        std::string const command = "strace -f -y -qq " + options + " -o '" + trace + "' /proc/" + std::to_string(::getpid()) + "/exe >/dev/null 2>&1";
+        int const status = std::system(command.c_str());
         ::unsetenv(ChildVariable);
-        return status;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     std::vector<std::string> traceLines() const {
         std::ifstream in(trace);
