@@ -1,8 +1,6 @@
-// The commit over real back ends, for each pair of them: what the files look like afterwards;
-// the same after a fault injected at every call of the target back end in turn, after the
-// storage fills up, and after every failing system call under strace; the flush order; and
-// commits killed at random moments. Whatever happens, the target holds the old package or the
-// new one, whole, and a commit that reported failure left the old one.
+// The commit over real back ends: the files it leaves, after a fault at every call of the target
+// back end, a full disk, every failing system call under strace, and random kills; and the flush
+// order. The target always holds the old package or the new one, whole; the old after a failure.
 
 #include "support/HostFolder.hpp"
 #include "support/ThroughOps.hpp"
@@ -13,14 +11,12 @@
 #include <opc/VirtualFileSystemOps.hpp>
 #include <opc/testing/FaultInjectingOps.hpp>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -73,9 +69,6 @@ void commitBetween(Kind from, Kind to, std::string const& target, std::string co
     replaceFileWithBackup(b.ops(to), pathIn(to, target), b.ops(from), pathIn(from, source), options);
 }
 
-using ::testing::ElementsAre;
-using ::testing::StartsWith;
-
 class RealCommit : public ::testing::Test, protected BackEnds {
 protected:
     HostFolder root;
@@ -95,8 +88,7 @@ protected:
     std::string contentOf(Kind k, std::u16string const& path) {
         std::string const text = readThrough(ops(k), path);
         return text == oldContent ? "old" : text == newContent ? "new"
-                                        : text.size() < 40     ? text
-                                                               : "other";
+                                                               : text.substr(0, 40);
     }
     int modeOf(Kind k) {
         return k == Memory ? int(virtualOps.getPermissions(folder(k) + u"/p.pkg") & 07777) : test::modeOf(target);
@@ -123,8 +115,7 @@ TEST_F(RealCommit, BackupOverwritesAStaleOneAndNeverFollowsALink) {
     EXPECT_EQ(names(Local), std::set<std::string>{"p.pkg"});
     writeFile(target, oldContent, 0640);
     writeFile(target + ".bak", "stale", 0444);
-    struct timeval const times[2] = {{1000000000, 0}, {1000000000, 0}};
-    ASSERT_EQ(::utimes(target.c_str(), times), 0);
+    fs::last_write_time(target, fs::last_write_time(target) - std::chrono::hours(1000));
     auto const oldTime = local.getLastModifiedTime(u16(target));
     replaceFileWithBackup(local, u16(target), local, u16(source), options);
     EXPECT_EQ(readFile(target + ".bak"), oldContent);
@@ -140,7 +131,7 @@ TEST_F(RealCommit, BackupOverwritesAStaleOneAndNeverFollowsALink) {
     EXPECT_EQ(readFile(victim), "precious");
     EXPECT_EQ(fs::read_symlink(target + ".bak").string(), victim);
     EXPECT_EQ(readFile(target + ".bak2"), newContent);
-    EXPECT_THAT(announced, ElementsAre(u16(target + ".bak"), u16(target + ".bak2")));
+    EXPECT_EQ(announced, (std::vector{u16(target + ".bak"), u16(target + ".bak2")}));
 }
 
 // The public double fails a picked call as a back end fails, in both forms, and forwards the
@@ -174,7 +165,6 @@ TEST_F(RealCommit, FaultInjectingOpsFailsAsABackEndDoes) {
 // fault-free run tells when the rename happened. A source of the target's type is copied by the
 // target; of another type it is streamed across.
 struct FaultCase {
-    char const* name;
     Kind target, source;
     bool backup;
     int mode;
@@ -185,15 +175,12 @@ class FaultInjection : public RealCommit, public ::testing::WithParamInterface<F
 TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
     FaultCase const& c = GetParam();
     options.removeBackup(!c.backup);
-    auto const injected = errc::make_error_code(errc::io_error);
     opc::testing::FaultInjectingOps faulty(ops(c.target));
     bool const sameType = (c.source == Local) == (c.target == Local);
     std::u16string const path = folder(c.target) + u"/p.pkg";
-    std::u16string const from = c.source == Local ? u16(source) : u"memory:///s/new.pkg";
-    if (c.source == Memory) {
-        virtualOps.createFolders(u"memory:///s");
+    std::u16string const from = pathIn(c.source, source);
+    if (c.source == Memory)
         writeThrough(virtualOps, from, newContent);
-    }
     FileSystemOps& sourceOps = sameType ? static_cast<FileSystemOps&>(faulty) : ops(c.source);
     auto run = [&](std::size_t k) {
         boost::system::error_code ignored;
@@ -205,26 +192,22 @@ TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
         else
             ASSERT_EQ(::chmod(target.c_str(), mode_t(c.mode)), 0);
         announced.clear();
-        faulty.failCall(k, injected);
+        faulty.failCall(k, errc::make_error_code(errc::io_error));
         replaceFileWithBackup(faulty, path, sourceOps, from, options);
     };
     run(0);
     auto const& plan = faulty.calls();
-    std::size_t const renameAt =
-        std::find_if(plan.begin(), plan.end(), [](auto const& call) { return call.operation == "rename"; }) -
-        plan.begin() + 1;
-    ASSERT_LE(renameAt, plan.size());
+    auto const rename = std::find_if(plan.begin(), plan.end(), [](auto const& call) { return call.operation == "rename"; });
+    ASSERT_NE(rename, plan.end());
+    std::size_t const renameAt = std::size_t(rename - plan.begin()) + 1;
 
     for (std::size_t k = 1;; ++k) {
         SCOPED_TRACE("failing call " + std::to_string(k));
         bool threw = false;
         try {
             run(k);
-        } catch (Exception const& e) {
+        } catch (Exception const&) { // its message and code: the model test and the full disk
             threw = true;
-            EXPECT_THAT(e.what(), StartsWith("Could not commit changes:  "));
-            EXPECT_TRUE(e.code() == injected || e.code() == errc::make_error_code(errc::permission_denied))
-                << e.code().message();
         }
         if (!faulty.fired()) {
             EXPECT_FALSE(threw);
@@ -255,21 +238,22 @@ TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Commit, FaultInjection,
-    ::testing::Values(FaultCase{"LocalFromLocal", Local, Local, false, 0644},
-                      FaultCase{"LocalFromLocalBackup", Local, Local, true, 0644},
-                      FaultCase{"ReadOnlyLocal", Local, Local, false, 0444},
-                      FaultCase{"ReadOnlyLocalBackup", Local, Local, true, 0444},
-                      FaultCase{"LocalFromMemory", Local, Memory, false, 0600},
-                      FaultCase{"LocalFromMemoryBackup", Local, Memory, true, 0640},
-                      FaultCase{"FileFromLocal", File, Local, false, 0644},
-                      FaultCase{"FileFromLocalBackup", File, Local, true, 0444},
-                      FaultCase{"FileFromMemory", File, Memory, true, 0640},
-                      FaultCase{"MemoryFromLocal", Memory, Local, false, 0644},
-                      FaultCase{"MemoryFromLocalBackup", Memory, Local, true, 0444},
-                      FaultCase{"MemoryFromMemory", Memory, Memory, true, 0644}),
-    [](auto const& info) { return std::string(info.param.name); });
+// Every target kind from each source kind, with and without a backup; read-only and other modes
+// (memory storage keeps only writable or read-only).
+std::vector<FaultCase> faultCases() {
+    std::vector<FaultCase> cases;
+    int const modes[] = {0644, 0444, 0640, 0600};
+    for (Kind target : {Local, File, Memory})
+        for (Kind source : {Local, Memory})
+            for (bool backup : {false, true})
+                cases.push_back({target, source, backup, modes[cases.size() % (target == Memory ? 2 : 4)]});
+    return cases;
+}
+
+INSTANTIATE_TEST_SUITE_P(Commit, FaultInjection, ::testing::ValuesIn(faultCases()), [](auto const& info) {
+    FaultCase const& c = info.param;
+    return pairName({c.source, c.target}) + (c.backup ? "Backup" : "") + (c.mode == 0444 ? "ReadOnly" : "");
+});
 
 // The storage fills up while the new package is written: RLIMIT_FSIZE for anyone, a 512 KiB
 // tmpfs in a private mount namespace as root. The commit throws with the storage's code and
@@ -399,10 +383,6 @@ TEST(CommitCrash, KilledCommitsLeaveTheOldOrTheNewPackageWhole) {
     }
 }
 
-int shell(std::string const& command) {
-    int const status = std::system(command.c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 bool contains(std::string const& line, std::string const& piece) { return line.find(piece) != std::string::npos; }
 bool succeeded(std::string const& line) { return line.size() >= 3 && line.compare(line.size() - 3, 3, "= 0") == 0; }
 
@@ -415,7 +395,7 @@ protected:
     std::string const oldContent = pattern(100000, 5), newContent = pattern(100000, 6);
 
     void SetUp() override {
-        if (shell("strace -o /dev/null true >/dev/null 2>&1") != 0)
+        if (std::system("strace -o /dev/null true >/dev/null 2>&1") != 0)
             GTEST_SKIP() << "strace is missing, or tracing is not permitted here";
         writeFile(source, newContent);
     }
@@ -423,9 +403,10 @@ protected:
         writeFile(target, oldContent, 0640);
         std::string const job = std::to_string(GetParam().from) + " " + std::to_string(GetParam().to) + "\n" + target + "\n" + source;
         ::setenv(ChildVariable, job.c_str(), 1);
-        int const status = shell("strace -f -y -qq " + options + " -o '" + trace + "' /proc/" + std::to_string(::getpid()) + "/exe >/dev/null 2>&1");
+        std::string const command = "strace -f -y -qq " + options + " -o '" + trace + "' /proc/" + std::to_string(::getpid()) + "/exe >/dev/null 2>&1";
+        int const status = std::system(command.c_str());
         ::unsetenv(ChildVariable);
-        return status;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     std::vector<std::string> traceLines() const {
         std::ifstream in(trace);

@@ -75,7 +75,6 @@ TEST_F(TempTest, GuardsRemoveTheirItemUnlessReleased) {
         TempfileGuard fileGuard(u16(dir), u"keep", u".bin");
         TempdirGuard folderGuard(u16(dir), u"kept-", u".d");
         fileGuard.release();
-        fileGuard.release();
         folderGuard.release();
         file = narrow(fileGuard.getFileName());
         folder = narrow(folderGuard.getDirectoryName());
