@@ -59,13 +59,11 @@ protected:
                                : std::make_unique<VirtualFileSystemOps>(m_storage);
         m_root = onHost ? m_ops->normalizePath(m_folder.path16()) : scheme + u":///conformance";
         if (scheme == u"s3") {
-            char const* const endpoint = std::getenv("AWS_ENDPOINT_URL");
             char const* const bucket = std::getenv("S3_BUCKET");
-            if (!endpoint || !bucket)
+            if (!std::getenv("AWS_ENDPOINT_URL") || !bucket)
                 GTEST_SKIP() << "no S3 server: AWS_ENDPOINT_URL and S3_BUCKET are not both set "
                                 "(eval \"$(scripts/s3-server.sh start)\" sets them)";
-            m_root = u"s3://" + toString(bucket, true) + u"/conformance-" +
-                     toString(std::to_string(std::random_device{}()), true);
+            m_root = toString("s3://" + std::string(bucket) + "/conformance-" + std::to_string(std::random_device{}()), true);
         }
         m_hostRoot = onHost ? m_folder.path().string() : "";
         m_ops->createFolders(m_root);
@@ -105,12 +103,53 @@ protected:
         std::sort(paths.begin(), paths.end());
         return paths;
     }
+    /// What getPermissions shows after `bits` were set: all nine, or only writable or read-only.
+    unsigned reported(unsigned bits) const {
+        if (caps().posixPermissions)
+            return bits & 0777;
+        return (bits & 0222) ? 0644 : 0444;
+    }
     /// A failed code, and exactly `precise` (unless 0) when the back end reports precise errors.
     void expectFailure(error_code const& ec, errc::errc_t precise) const {
         EXPECT_TRUE(ec.failed() && (!caps().preciseErrors || !precise || ec == errc::make_error_code(precise)))
             << ec.message() << " for " << precise;
     }
 
+    /// A random tree of files, folders and links (where there are links) with varied names and
+    /// sizes, made through the back end and recorded in m_made and m_folders.
+    void makeTree() {
+        char const* const parts[] = {"plain", "with space", "\xC3\xBCn\xC3\xAF", "\xE6\x97\xA5", "e\xF0\x9F\x98\x80",
+                                     ".hidden", "a.b.c", "trailing ", "-dash"};
+        std::mt19937 gen(unsigned(GetParam().name.size()));
+        for (int i = 0; i < 70; ++i) {
+            std::string const parent = m_folders[gen() % m_folders.size()];
+            std::string const rel = (parent.empty() ? "" : parent + "/") + parts[gen() % 9] + " " + std::to_string(i);
+            unsigned const kind = gen() % 11, size = std::vector<unsigned>{0, 1, 100, 4097, 70000}[gen() % 5];
+            if (kind < 3) {
+                ops().createFolder(at(rel));
+                m_made[rel] = {Folder, ""};
+                m_folders.push_back(rel);
+            } else if (kind < 6 && caps().symlinks) { // to a file, a folder, or dangling with a long target
+                auto const target = kind == 3                      ? at(m_folders.back())
+                                    : kind == 4 && !m_made.empty() ? at(m_made.begin()->first)
+                                                                   : u"../nowhere/" + std::u16string(std::size_t(i) * 7, u'n');
+                ops().createSymlink(target, at(rel));
+                m_made[rel] = {Link, toUDEString(ops().normalizePath(target))};
+            } else {
+                m_made[rel] = {File, pattern(size, unsigned(i))};
+                write(at(rel), m_made[rel].second);
+                if (caps().posixPermissions)
+                    ops().setPermissions(at(rel), Perms::Perms_tag(0400 | gen() % 0400));
+            }
+        }
+    }
+
+    enum Kind { Missing,
+                File,
+                Folder,
+                Link };
+    std::map<std::string, std::pair<Kind, std::string>> m_made; // relative path: kind, content
+    std::vector<std::string> m_folders = {""};
     HostFolder m_folder;
     stratum::storage::vfs::StorageSystemReference m_storage;
     std::unique_ptr<FileSystemOps> m_ops;
@@ -120,38 +159,9 @@ protected:
 
 // Generated trees: queries, contents and listings agree with what was made and, on the host, with lstat.
 TEST_P(Conformance, GeneratedTreesAgreeWithTheOracle) {
-    char const* const parts[] = {"plain", "with space", "\xC3\xBCn\xC3\xAF", "\xE6\x97\xA5", "e\xF0\x9F\x98\x80",
-                                 ".hidden", "a.b.c", "trailing ", "-dash"};
-    enum Kind { Missing,
-                File,
-                Folder,
-                Link };
-    std::map<std::string, std::pair<Kind, std::string>> made; // relative path: kind, content
-    std::vector<std::string> folders = {""};
-    std::mt19937 gen(unsigned(GetParam().name.size()));
-    for (int i = 0; i < 70; ++i) {
-        std::string const parent = folders[gen() % folders.size()];
-        std::string const rel = (parent.empty() ? "" : parent + "/") + parts[gen() % 9] + " " + std::to_string(i);
-        unsigned const kind = gen() % 11, size = std::vector<unsigned>{0, 1, 100, 4097, 70000}[gen() % 5];
-        if (kind < 3) {
-            ops().createFolder(at(rel));
-            made[rel] = {Folder, ""};
-            folders.push_back(rel);
-        } else if (kind < 6 && caps().symlinks) { // to a file, a folder, or dangling with a long target
-            auto const target = kind == 3                    ? at(folders.back())
-                                : kind == 4 && !made.empty() ? at(made.begin()->first)
-                                                             : u"../nowhere/" + std::u16string(std::size_t(i) * 7, u'n');
-            ops().createSymlink(target, at(rel));
-            made[rel] = {Link, toUDEString(ops().normalizePath(target))};
-        } else {
-            made[rel] = {File, pattern(size, unsigned(i))};
-            write(at(rel), made[rel].second);
-            if (caps().posixPermissions)
-                ops().setPermissions(at(rel), Perms::Perms_tag(0400 | gen() % 0400));
-        }
-    }
-    made["missing"] = made[made.rbegin()->first + "/below"] = {Missing, ""};
-    for (auto const& [rel, item] : made) {
+    makeTree();
+    m_made["missing"] = m_made[m_made.rbegin()->first + "/below"] = {Missing, ""};
+    for (auto const& [rel, item] : m_made) {
         auto const [kind, content] = item;
         auto const path = at(rel);
         SCOPED_TRACE(rel);
@@ -164,30 +174,26 @@ TEST_P(Conformance, GeneratedTreesAgreeWithTheOracle) {
         EXPECT_TRUE(kind == File ? !ec.failed()
                                  : ec.failed() && (kind == Missing || !caps().preciseErrors || ec == errc::is_a_directory))
             << ec.message();
-        EXPECT_EQ(kind == File ? read(path) : kind == Link ? toUDEString(ops().getLinkTarget(path))
-                                                           : "",
-                  content);
+        EXPECT_EQ(kind == Link ? toUDEString(ops().getLinkTarget(path)) : (kind == File ? read(path) : ""), content);
         struct stat st {};
         if (m_hostRoot.empty() || kind == Missing || ::lstat(host(rel).c_str(), &st) != 0)
             continue;
         using namespace boost::posix_time;
         EXPECT_EQ(ops().getLastModifiedTime(path), from_time_t(st.st_mtim.tv_sec) + microseconds(st.st_mtim.tv_nsec / 1000));
-        EXPECT_EQ(ops().getPermissions(path) & Perms::AllPerms,
-                  caps().posixPermissions ? st.st_mode & 0777 : (st.st_mode & 0200) ? 0644u
-                                                                                    : 0444u);
+        EXPECT_EQ(ops().getPermissions(path) & Perms::AllPerms, reported(st.st_mode));
     }
-    for (auto const& folder : folders) // listings name files and links, never folders, never follow
+    for (auto const& folder : m_folders) // listings name files and links, never m_folders, never follow
         for (bool recursive : {false, true}) {
             std::vector<std::string> want;
             std::string const prefix = folder.empty() ? "" : folder + "/";
-            for (auto const& [rel, item] : made)
+            for (auto const& [rel, item] : m_made)
                 if ((item.first == File || item.first == Link) && rel.rfind(prefix, 0) == 0 &&
                     (recursive || rel.find('/', prefix.size()) == std::string::npos))
                     want.push_back(rel);
             EXPECT_EQ(listing(at(folder), recursive), expected(want)) << folder;
         }
     std::vector<std::u16string> files = {u"kept"};
-    ops().getFiles(at(folders.back()), files, false);
+    ops().getFiles(at(m_folders.back()), files, false);
     EXPECT_EQ(files.front(), u"kept");
 }
 
@@ -235,10 +241,7 @@ TEST_P(Conformance, PermissionsAndTimesRoundTrip) {
         unsigned const bits = gen() % 01000 | (caps().posixPermissions ? 0600 : 0); // the owner must clean up
         auto const item = caps().posixPermissions || i % 2 ? file : at("d");
         ops().setPermissions(item, Perms::Perms_tag(bits));
-        EXPECT_EQ(ops().getPermissions(item) & Perms::AllPerms,
-                  caps().posixPermissions ? bits : (bits & 0222) ? 0644u
-                                                                 : 0444u)
-            << std::oct << bits;
+        EXPECT_EQ(ops().getPermissions(item) & Perms::AllPerms, reported(bits)) << std::oct << bits;
     }
     ops().setPermissions(file, Perms::Perms_tag(0444));
     ops().setPermissions(file, caps().unknownValuesIgnored ? Perms::PermsUnknown : Perms::Perms_tag(0444));
@@ -250,14 +253,9 @@ TEST_P(Conformance, PermissionsAndTimesRoundTrip) {
         expectFailure(ec, errc::permission_denied);
 
     using namespace boost::posix_time;
-    for (auto const* text : {"2001-02-03 04:05:06.250000", "1969-07-20 20:17:40", "2038-01-19 03:14:08"}) {
+    for (auto const* text : {"2001-02-03 04:05:06.250000", "1969-07-20 20:17:40.500000", "2038-01-19 03:14:08"}) {
         ops().setLastModifiedTime(file, time_from_string(text));
         EXPECT_EQ(ops().getLastModifiedTime(file), time_from_string(text)) << text;
-        struct stat st {};
-        if (!m_hostRoot.empty()) { // the host's own clock agrees
-            EXPECT_EQ(::stat(host("p").c_str(), &st), 0);
-            EXPECT_EQ(from_time_t(st.st_mtim.tv_sec) + microseconds(st.st_mtim.tv_nsec / 1000), time_from_string(text));
-        }
     }
     if (caps().unknownValuesIgnored) {
         ops().setLastModifiedTime(file, ptime(boost::date_time::not_a_date_time));
@@ -433,26 +431,11 @@ TEST_P(Conformance, CommitReplacesKeepsABackupAndReportsThroughTheFrame) {
 // the recursion) still walks folder by folder with the directory iterator. Both give the same
 // entries in the same order, and stop at an unreadable sub-folder with the same partial list,
 // code and detail.
-TEST(LocalListing, TreeWalkMatchesFolderByFolderWalk) {
+TEST_P(Conformance, LocalTreeWalkMatchesFolderByFolderWalk) {
+    if (!GetParam().scheme.empty())
+        GTEST_SKIP() << "the one host walk is the local back end's own";
     struct Derived : LocalFileSystemOps {};
-    HostFolder root;
-    std::string const dir = root.path().string();
-    std::mt19937 rng(7);
-    std::vector<std::string> folders = {""};
-    static char const* const names[] = {"a", "Zeta.txt", "caf\xC3\xA9", "\xE6\xBC\xA2\xE5\xAD\x97.bin", "n-\xF0\x9F\x98\x80"};
-    for (int i = 0; i < 60; ++i) {
-        std::string const parent = folders[rng() % folders.size()];
-        std::string const name = std::string(names[rng() % 5]) + std::to_string(i);
-        std::string const path = dir + parent + "/" + name;
-        switch (rng() % 4) {
-        case 0:
-            ASSERT_EQ(::mkdir(path.c_str(), 0755), 0);
-            folders.push_back(parent + "/" + name);
-            break;
-        case 1: ASSERT_EQ(::symlink("..", path.c_str()), 0); break; // listed, never followed
-        default: writeFile(path, name);
-        }
-    }
+    makeTree();
     // True when both walks, in both forms, give the same list, code and message; `cut` counts
     // the listings cut short.
     int cut = 0;
@@ -461,10 +444,10 @@ TEST(LocalListing, TreeWalkMatchesFolderByFolderWalk) {
         Derived derived;
         std::vector<std::u16string> tree = {u"kept"}, byFolder = {u"kept"};
         error_code treeCode, byFolderCode;
-        local.getFiles(root.path16(), tree, recursive, treeCode);
-        derived.getFiles(root.path16(), byFolder, recursive, byFolderCode);
-        bool const sameMessage = thrown([&] { local.getFiles(root.path16(), tree, recursive); }) ==
-                                 thrown([&] { derived.getFiles(root.path16(), byFolder, recursive); });
+        local.getFiles(m_root, tree, recursive, treeCode);
+        derived.getFiles(m_root, byFolder, recursive, byFolderCode);
+        bool const sameMessage = thrown([&] { local.getFiles(m_root, tree, recursive); }) ==
+                                 thrown([&] { derived.getFiles(m_root, byFolder, recursive); });
         cut += treeCode.failed();
         return tree == byFolder && tree.size() > 2 && treeCode == byFolderCode && sameMessage;
     };
@@ -472,14 +455,14 @@ TEST(LocalListing, TreeWalkMatchesFolderByFolderWalk) {
         EXPECT_TRUE(same(recursive)) << recursive;
     EXPECT_EQ(cut, 0);
     // An unreadable sub-folder, met by a user whom its bits stop (root is not stopped).
-    ASSERT_GT(folders.size(), 2u);
-    ASSERT_EQ(::chmod((dir + folders[2]).c_str(), 0), 0);
-    ASSERT_EQ(::chmod(dir.c_str(), 0755), 0);
+    ASSERT_GT(m_folders.size(), 2u);
+    ASSERT_EQ(::chmod(host(m_folders[2]).c_str(), 0), 0);
+    ASSERT_EQ(::chmod(m_hostRoot.c_str(), 0755), 0);
     EXPECT_EQ(inChild([&] { return ::geteuid() == 0 && ::setuid(65534) != 0 ? "no other user"
                                    : same(true) && cut == 1                 ? ""
                                                                             : "the walks differ"; }),
               "");
-    ::chmod((dir + folders[2]).c_str(), 0755);
+    ::chmod(host(m_folders[2]).c_str(), 0755);
 }
 
 // Storage: no links or pipes, only writable/read-only, coarser errors, no merging folder copy, strict

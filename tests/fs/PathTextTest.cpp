@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <filesystem>
 
 namespace opc::test {
@@ -39,23 +40,20 @@ TEST(PathText, Local) {
                      {u"/x//y///z", u"z", u"", u"/x/y", u"/x/y/z"},
                      {u"z", u"z", u"", u"", u"z"},
                      {u"/a/.profile", u".profile", u".profile", u"/a", u"/a/.profile"}});
-    struct Join {
-        std::u16string base, tail, joined;
-    } const joins[] = {
-        {u"/a", u"b", u"/a/b"},
-        {u"/a", u"/b", u"/a/b"},
-        {u"/a", u"/", u"/a"},
-        {u"/a", u"", u"/a"},
-        {u"/a/", u"b", u"/a/b"},
-        {u"", u"c", u"c"},
-        {u"", u"/", u""},
-        {u"a//b", u"c", u"a/b/c"},
-        {u"/a", u"//b", u"/a/b"},
-        {u"/", u"x", u"/x"},
-        {u"/a", u"caf\u00E9 1", u"/a/caf\u00E9 1"},
-    };
-    for (auto const& j : joins)
-        EXPECT_EQ(ops.appendPath(j.base, j.tail), j.joined) << toUDEString(j.base) << " + " << toUDEString(j.tail);
+    for (auto const& [base, tail, joined] : std::vector<std::array<std::u16string, 3>>{
+             {u"/a", u"b", u"/a/b"},
+             {u"/a", u"/b", u"/a/b"},
+             {u"/a", u"/", u"/a"},
+             {u"/a", u"", u"/a"},
+             {u"/a/", u"b", u"/a/b"},
+             {u"", u"c", u"c"},
+             {u"", u"/", u""},
+             {u"a//b", u"c", u"a/b/c"},
+             {u"/a", u"//b", u"/a/b"},
+             {u"/", u"x", u"/x"},
+             {u"/a", u"caf\u00E9 1", u"/a/caf\u00E9 1"},
+         })
+        EXPECT_EQ(ops.appendPath(base, tail), joined) << toUDEString(base) << " + " << toUDEString(tail);
     EXPECT_TRUE(ops.isAbsolutePath(u"/no/such/thing"));
     EXPECT_FALSE(ops.isAbsolutePath(u"relative/path") || ops.isAbsolutePath(u""));
     std::u16string local = u"previous";
