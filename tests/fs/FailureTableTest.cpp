@@ -36,19 +36,16 @@ using Raise = std::function<void()>;
 error_code generic(errc::errc_t e) { return errc::make_error_code(e); }
 error_code system(int e) { return error_code(e, boost::system::system_category()); }
 
-struct Translated {
-    std::string detail = "left over";
-    error_code ec = generic(errc::timed_out);
-};
+using Translation = void (*)(std::string&, error_code&);
 
-template <class Translate>
-Translated translate(Raise const& raise, Translate translation) {
-    Translated out;
+/// What `translation` makes of the exception `raise` throws, starting from a stale detail and code.
+std::pair<std::string, error_code> translate(Raise const& raise, Translation translation) {
+    std::pair<std::string, error_code> out{"left over", generic(errc::timed_out)};
     try {
         raise();
         ADD_FAILURE() << "nothing thrown";
     } catch (...) {
-        translation(out.detail, out.ec);
+        translation(out.first, out.second);
     }
     return out;
 }
@@ -69,7 +66,6 @@ void caught(std::string& detail, error_code& ec) {
 }
 
 TEST(FailureTable, FailuresThroughTheirTranslation) {
-    using Translation = void (*)(std::string&, error_code&);
     Translation const local = detail::translateHostException, virt = detail::translateStorageException;
     auto const fromErrno = [](int error, host::errno_origin origin = host::errno_origin::general) {
         return [=] { host::throw_from_errno(error, hostPath, origin); };
@@ -131,10 +127,10 @@ TEST(FailureTable, FailuresThroughTheirTranslation) {
     for (int error : {EACCES, ENOENT, EEXIST, ENAMETOOLONG, ENOTDIR, ENOTEMPTY, EISDIR, EOPNOTSUPP, EINVAL})
         rows.push_back({local, fromErrno(error), generic(errc::errc_t(error)), text(error)});
     for (auto const& row : rows) {
-        auto const out = translate(row.raise, row.translation);
-        EXPECT_EQ(out.ec, row.code) << row.detail;
-        EXPECT_EQ(&out.ec.category(), &row.code.category()) << row.detail;
-        EXPECT_EQ(out.detail, row.detail);
+        auto const [said, ec] = translate(row.raise, row.translation);
+        EXPECT_EQ(ec, row.code) << row.detail;
+        EXPECT_EQ(&ec.category(), &row.code.category()) << row.detail;
+        EXPECT_EQ(said, row.detail);
     }
 }
 
@@ -148,10 +144,10 @@ TEST(FailureTable, StorageCodesThroughTheVirtualTranslation) {
     for (int code : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 255}) {
         SCOPED_TRACE(code);
         storage::Exception const thrown(static_cast<storage::ErrorCode>(code), where);
-        auto const out = translate([&] { throw thrown; }, detail::translateStorageException);
-        EXPECT_EQ(out.detail, thrown.getMessage() + ": memory:///reports/q\xC3\xA9%203.pkg");
+        auto const [said, ec] = translate([&] { throw thrown; }, detail::translateStorageException);
+        EXPECT_EQ(said, thrown.getMessage() + ": memory:///reports/q\xC3\xA9%203.pkg");
         // Twelve and above: the detail is written, the code left as it was.
-        EXPECT_EQ(out.ec, code < 12 ? generic(table[code]) : generic(errc::timed_out));
+        EXPECT_EQ(ec, code < 12 ? generic(table[code]) : generic(errc::timed_out));
     }
 }
 

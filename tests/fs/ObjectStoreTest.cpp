@@ -88,18 +88,45 @@ protected:
     std::string m_prefix;
 };
 
-TEST_F(ObjectStore, AwsReadsWhatTheLibraryWrites) {
+// What the library writes, copies part-wise and moves, awscli reads; a listing longer than one
+// page is whole; a reader pinned to the version it opened fails once the object is replaced.
+TEST_F(ObjectStore, AwsReadsWhatTheLibraryWritesAndCopies) {
     needAws();
     std::string const big = pattern(12 * MiB, 1);
     write("small", "tiny");
     write("big", big);
     m_ops->createFolder(at("dir"));
     m_ops->setLastModifiedTime(at("small"), boost::posix_time::from_time_t(981173106));
+    m_ops->copy(at("big"), at("copy"), FailIfExists);
+    m_ops->rename(at("copy"), at("moved"));
     EXPECT_EQ(aws("s3 cp " + uri("small") + " -").second, "tiny");
-    EXPECT_EQ(aws("s3 cp " + uri("big") + " -").second, big);
-    EXPECT_NE(head("big").find("-3\\\""), std::string::npos) << "three parts of 5 MiB: " << head("big");
+    for (std::string const name : {"big", "moved"}) { // three parts of 5 MiB, written or copied
+        EXPECT_TRUE(aws("s3 cp " + uri(name) + " -").second == big) << name;
+        EXPECT_NE(head(name).find("-3\\\""), std::string::npos) << head(name);
+    }
     EXPECT_NE(head("dir/").find("\"ContentLength\": 0"), std::string::npos) << head("dir/");
     EXPECT_NE(head("small").find("\"mtime\": \"981173106\""), std::string::npos) << head("small");
+    m_ops->createFolder(at("many")); // more keys than one page of ListObjectsV2 (1,000)
+    std::vector<std::thread> writers;
+    for (int t = 0; t < 8; ++t)
+        writers.emplace_back([&, t] {
+            for (int i = t; i < 1100; i += 8)
+                write("many/" + std::to_string(i), "");
+        });
+    for (auto& writer : writers)
+        writer.join();
+    std::vector<std::u16string> flat, oneLevel;
+    m_ops->getFiles(at("many"), flat, true);
+    m_ops->getFiles(at("many"), oneLevel, false);
+    EXPECT_EQ(flat.size(), 1100u);
+    EXPECT_EQ(oneLevel.size(), 1100u);
+    auto in = m_ops->createInputStream(at("big"), OpenMode::ReadBinary);
+    std::string part(MiB, '\0');
+    in->read(part.data(), std::streamsize(part.size()));
+    write("big", "replaced");
+    std::string rest(big.size() - MiB, '\0');
+    in->read(rest.data(), std::streamsize(rest.size()));
+    EXPECT_TRUE(in->bad());
 }
 
 TEST_F(ObjectStore, LibraryReadsWhatAwsWrites) {
@@ -118,39 +145,6 @@ TEST_F(ObjectStore, LibraryReadsWhatAwsWrites) {
     std::vector<std::u16string> files;
     m_ops->getFiles(at(""), files, true);
     EXPECT_EQ(files, (std::vector<std::u16string>{at("e/f"), at("twenty"), at("x")}));
-}
-
-TEST_F(ObjectStore, PartWiseCopiesPagedListingsAndPinnedReads) {
-    needAws();
-    std::string const big = pattern(12 * MiB, 3);
-    write("big", big);
-    m_ops->copy(at("big"), at("copy"), FailIfExists);
-    m_ops->rename(at("copy"), at("moved"));
-    EXPECT_TRUE(read("moved") == big);
-    EXPECT_NE(head("moved").find("-3\\\""), std::string::npos) << "copied in three parts: " << head("moved");
-    m_ops->createFolder(at("many"));
-    // More keys than one page of ListObjectsV2 (1,000), both flat and one level at a time.
-    std::vector<std::thread> writers;
-    for (int t = 0; t < 8; ++t)
-        writers.emplace_back([&, t] {
-            for (int i = t; i < 1100; i += 8)
-                write("many/" + std::to_string(i), "");
-        });
-    for (auto& writer : writers)
-        writer.join();
-    std::vector<std::u16string> flat, oneLevel;
-    m_ops->getFiles(at("many"), flat, true);
-    m_ops->getFiles(at("many"), oneLevel, false);
-    EXPECT_EQ(flat.size(), 1100u);
-    EXPECT_EQ(oneLevel.size(), 1100u);
-    // A reader pinned to the version it opened fails once the object is replaced under it.
-    auto in = m_ops->createInputStream(at("big"), OpenMode::ReadBinary);
-    std::string part(MiB, '\0');
-    in->read(part.data(), std::streamsize(part.size()));
-    write("big", "replaced");
-    std::string rest(big.size() - MiB, '\0');
-    in->read(rest.data(), std::streamsize(rest.size()));
-    EXPECT_TRUE(in->bad());
 }
 
 TEST_F(ObjectStore, OfFoldersMadeAtOnceOneIsMade) {
@@ -193,15 +187,12 @@ TEST_F(ObjectStore, GatewayKilledDuringAnUploadLeavesTheOldObject) {
 class FakeServer {
 public:
     explicit FakeServer(std::vector<std::string> answers) : m_answers(std::move(answers)) {
-        m_socket = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t length = sizeof address;
         if (::bind(m_socket, reinterpret_cast<sockaddr*>(&address), length) || ::listen(m_socket, 8) ||
             ::getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &length))
             throw std::runtime_error("no loopback socket");
-        m_port = ntohs(address.sin_port);
+        m_endpoint = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
         m_thread = std::thread([this] { serve(); });
     }
     ~FakeServer() {
@@ -209,7 +200,7 @@ public:
         ::close(m_socket);
         m_thread.join();
     }
-    std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(m_port); }
+    std::string const& endpoint() const { return m_endpoint; }
     int requests() const { return m_requests; }
 
 private:
@@ -225,8 +216,8 @@ private:
     }
 
     std::vector<std::string> m_answers;
-    int m_socket = -1;
-    unsigned short m_port = 0;
+    int m_socket = ::socket(AF_INET, SOCK_STREAM, 0);
+    std::string m_endpoint;
     std::atomic<int> m_requests{0};
     std::thread m_thread;
 };
@@ -234,20 +225,17 @@ private:
 TEST(ObjectStoreRetries, RefusalsAreRetriedThenReportedAsTryAgain) {
     std::string const refused = "HTTP/1.1 503 Slow Down\r\nRetry-After: 0\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
     std::string const found = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\nETag: \"e\"\r\nConnection: close\r\n\r\n";
-    struct Case {
-        std::vector<std::string> answers;
-        errc::errc_t expected;
-    } const cases[] = {{{refused}, errc::resource_unavailable_try_again}, {{refused, found}, errc::success}};
-    for (auto const& c : cases) {
-        FakeServer server(c.answers);
+    for (auto const& [answers, expected] : std::vector<std::pair<std::vector<std::string>, errc::errc_t>>{
+             {{refused}, errc::resource_unavailable_try_again}, {{refused, found}, errc::success}}) {
+        FakeServer server(answers);
         S3Settings settings;
         settings.endpoint = server.endpoint();
         settings.accessKeyId = settings.secretAccessKey = "test";
         VirtualFileSystemOps ops{StorageSystemReference(settings)};
         error_code ec;
         std::uint64_t const size = ops.getSizeInBytes(u"s3://bucket/object", ec);
-        EXPECT_EQ(ec.value(), c.expected) << ec.message();
-        EXPECT_EQ(size, c.expected ? 0u : 5u);
+        EXPECT_EQ(ec.value(), expected) << ec.message();
+        EXPECT_EQ(size, expected ? 0u : 5u);
         EXPECT_GT(server.requests(), 1);
     }
 }

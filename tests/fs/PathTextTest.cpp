@@ -1,5 +1,7 @@
-// Path text of both back ends: tables of input and output.
+// Path text of both back ends (tables of input and output), and the selector that routes by it:
+// by the storage's prefix test, sharing its back ends among copies.
 #include <opc/Exception.hpp>
+#include <opc/FileSystemOpsSelector.hpp>
 #include <opc/LocalFileSystemOps.hpp>
 #include <opc/Text.hpp>
 #include <opc/VirtualFileSystemOps.hpp>
@@ -12,6 +14,7 @@
 
 #include <array>
 #include <filesystem>
+#include <optional>
 
 namespace opc::test {
 namespace {
@@ -100,6 +103,25 @@ TEST(PathText, Virtual) {
     EXPECT_EQ(ops.getExtension(name), u"tmp");
     EXPECT_FALSE(ops.exists(name));
     EXPECT_THROW(ops.getTempName(u"/not/an/iri"), Exception);
+}
+
+TEST(Selector, RoutesByPrefixSharesItsBackEndsAndNeedsStorageForIRIs) {
+    vfs::StorageSystemReference storage;
+    std::optional<FileSystemOpsSelector> original(std::in_place, storage);
+    FileSystemOpsSelector copy(*original);
+    FileSystemOps *const local = &original->getLocal(), *const virt = &original->getVirtual();
+    original.reset();
+    EXPECT_EQ(&copy.getPhysical(), local);
+    for (std::u16string const path : {u"memory:///a", u"MEMORY:///a", u"file:///x", u"FiLe:relative"})
+        EXPECT_EQ(&copy.getForPath(path), virt);
+    for (std::u16string const path : {u"/tmp/x", u"gopher:///a", u"relative/x", u"./a:b", u"/x:y", u"", u"memory"})
+        EXPECT_EQ(&copy.getForPath(path), local);
+    copy.getVirtual().createFolder(u"memory:///after"); // on the given storage, after the original is gone
+    EXPECT_TRUE(VirtualFileSystemOps(storage).isFolder(u"memory:///after"));
+    FileSystemOpsSelector const alone;
+    EXPECT_TRUE(alone.getForPath(u"/").isFolder(u"/"));
+    EXPECT_THROW(alone.getVirtual(), Exception);
+    EXPECT_THROW(alone.getForPath(u"memory:///a"), Exception);
 }
 
 } // namespace
