@@ -1,5 +1,8 @@
 // Every back end behaves the same, apart from what its capabilities switch off; fixtures are made
-// through the public operations, and a scheme joins with one line at the end.
+// through the public operations, and a scheme joins with one line at the end. The s3 scheme, on a
+// live object store (eval "$(scripts/s3-server.sh start)"), also proves what awscli sees of it and
+// the reverse, its multipart, part-copy and paged-listing paths and a gateway killed during an
+// upload; 503 answers come from a loopback server.
 #include "support/HostFolder.hpp"
 #include "support/ThroughOps.hpp"
 
@@ -9,20 +12,28 @@
 #include <opc/Text.hpp>
 #include <opc/VirtualFileSystemOps.hpp>
 
+#include <stratum/storage/vfs/S3Settings.hpp>
 #include <stratum/storage/vfs/StorageSystem.hpp>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <random>
 #include <sstream>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <thread>
 
 namespace opc::test {
 namespace {
@@ -30,6 +41,19 @@ namespace {
 namespace errc = boost::system::errc;
 using boost::system::error_code;
 using P = std::u16string const&;
+using stratum::storage::vfs::S3Settings;
+using stratum::storage::vfs::StorageSystemReference;
+constexpr std::size_t MiB = std::size_t(1) << 20;
+
+std::string env(char const* name) { return std::getenv(name) ? std::getenv(name) : ""; }
+
+/// The environment's object storage, with 5 MiB parts and part-wise copies above 6 MiB.
+S3Settings objectStorage() {
+    S3Settings settings = S3Settings::fromEnvironment();
+    settings.partSize = 5 * MiB;
+    settings.copyPartThreshold = 6 * MiB;
+    return settings;
+}
 
 /// What a back end supports; a switch that is off skips or relaxes the cases that need it.
 struct Capabilities {
@@ -59,11 +83,11 @@ protected:
                                : std::make_unique<VirtualFileSystemOps>(m_storage);
         m_root = onHost ? m_ops->normalizePath(m_folder.path16()) : scheme + u":///conformance";
         if (scheme == u"s3") {
-            char const* const bucket = std::getenv("S3_BUCKET");
-            if (!std::getenv("AWS_ENDPOINT_URL") || !bucket)
+            if (env("AWS_ENDPOINT_URL").empty() || env("S3_BUCKET").empty())
                 GTEST_SKIP() << "no S3 server: AWS_ENDPOINT_URL and S3_BUCKET are not both set "
                                 "(eval \"$(scripts/s3-server.sh start)\" sets them)";
-            m_root = toString("s3://" + std::string(bucket) + "/conformance-" + std::to_string(std::random_device{}()), true);
+            m_key = "conformance-" + std::to_string(std::random_device{}());
+            m_root = toString("s3://" + env("S3_BUCKET") + "/" + m_key, true);
         }
         m_hostRoot = onHost ? m_folder.path().string() : "";
         m_ops->createFolders(m_root);
@@ -151,10 +175,11 @@ protected:
     std::map<std::string, std::pair<Kind, std::string>> m_made; // relative path: kind, content
     std::vector<std::string> m_folders = {""};
     HostFolder m_folder;
-    stratum::storage::vfs::StorageSystemReference m_storage;
+    StorageSystemReference m_storage{objectStorage()};
     std::unique_ptr<FileSystemOps> m_ops;
     std::u16string m_root;
     std::string m_hostRoot; ///< the host folder behind the root, or ""
+    std::string m_key;      ///< the root's key in the bucket, or ""
 };
 
 // Generated trees: queries, contents and listings agree with what was made and, on the host, with lstat.
@@ -475,6 +500,188 @@ INSTANTIATE_TEST_SUITE_P(BackEnds, Conformance,
                          ::testing::Values(BackEnd{"local", Capabilities(), u""}, BackEnd{"file", storage, u"file"},
                                            BackEnd{"memory", storage, u"memory"}, BackEnd{"s3", objects, u"s3"}),
                          [](auto const& info) { return info.param.name; });
+
+/// What `command` writes to standard output, and whether it exited with 0.
+std::pair<bool, std::string> run(std::string const& command) {
+    std::string out;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    char chunk[65536];
+    for (std::size_t n; pipe && (n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;)
+        out.append(chunk, n);
+    return {pipe && ::pclose(pipe) == 0, out};
+}
+
+/// The s3 back end's own proofs, with awscli on the same store.
+class ObjectStore : public Conformance {
+protected:
+    std::string uri(std::string const& relative) { return toUDEString(m_root) + "/" + relative; }
+    /// awscli on the test server (Debian's ignores AWS_ENDPOINT_URL).
+    std::pair<bool, std::string> aws(std::string const& arguments) {
+        return run("aws --endpoint-url '" + env("AWS_ENDPOINT_URL") + "' " + arguments);
+    }
+    std::string head(std::string const& relative) {
+        return aws("s3api head-object --bucket " + env("S3_BUCKET") + " --key '" + m_key + "/" + relative + "'").second;
+    }
+    void needAws() {
+        if (!run("command -v aws >/dev/null").first)
+            GTEST_SKIP() << "no aws on PATH";
+    }
+};
+
+// What the library writes, copies part-wise and moves, awscli reads; a listing longer than one
+// page is whole; a reader pinned to the version it opened fails once the object is replaced.
+TEST_P(ObjectStore, AwsReadsWhatTheLibraryWritesAndCopies) {
+    needAws();
+    std::string const big = pattern(12 * MiB, 1);
+    write(at("small"), "tiny");
+    write(at("big"), big);
+    ops().createFolder(at("dir"));
+    ops().setLastModifiedTime(at("small"), boost::posix_time::from_time_t(981173106));
+    ops().copy(at("big"), at("copy"), FailIfExists);
+    ops().rename(at("copy"), at("moved"));
+    EXPECT_EQ(aws("s3 cp " + uri("small") + " -").second, "tiny");
+    for (std::string const name : {"big", "moved"}) { // three parts of 5 MiB, written or copied
+        EXPECT_TRUE(aws("s3 cp " + uri(name) + " -").second == big) << name;
+        EXPECT_NE(head(name).find("-3\\\""), std::string::npos) << head(name);
+    }
+    EXPECT_NE(head("dir/").find("\"ContentLength\": 0"), std::string::npos) << head("dir/");
+    EXPECT_NE(head("small").find("\"mtime\": \"981173106\""), std::string::npos) << head("small");
+    ops().createFolder(at("many")); // more keys than one page of ListObjectsV2 (1,000)
+    std::vector<std::thread> writers;
+    for (int t = 0; t < 8; ++t)
+        writers.emplace_back([&, t] {
+            for (int i = t; i < 1100; i += 8)
+                write(at("many/" + std::to_string(i)), "");
+        });
+    for (auto& writer : writers)
+        writer.join();
+    std::vector<std::u16string> flat, oneLevel;
+    ops().getFiles(at("many"), flat, true);
+    ops().getFiles(at("many"), oneLevel, false);
+    EXPECT_EQ(flat.size(), 1100u);
+    EXPECT_EQ(oneLevel.size(), 1100u);
+    auto in = ops().createInputStream(at("big"), OpenMode::ReadBinary);
+    std::string part(MiB, '\0');
+    in->read(part.data(), std::streamsize(part.size()));
+    write(at("big"), "replaced");
+    std::string rest(big.size() - MiB, '\0');
+    in->read(rest.data(), std::streamsize(rest.size()));
+    EXPECT_TRUE(in->bad());
+}
+
+TEST_P(ObjectStore, LibraryReadsWhatAwsWrites) {
+    needAws();
+    HostFolder folder;
+    std::string const bytes = pattern(20 * MiB, 2), file = (folder.path() / "twenty").string();
+    writeFile(file, bytes);
+    ASSERT_TRUE(aws("s3 cp " + file + " " + uri("twenty") + " --quiet").first);
+    EXPECT_NE(head("twenty").find("-3\\\""), std::string::npos) << "awscli sent three parts: " << head("twenty");
+    EXPECT_EQ(ops().getSizeInBytes(at("twenty")), bytes.size());
+    EXPECT_TRUE(read(at("twenty")) == bytes);
+    // Keys no library write makes: an empty segment, a file beside a folder of its name.
+    for (std::string key : {"a//b", "x", "x/y", "e/f"})
+        ASSERT_TRUE(run("printf " + key + " | aws --endpoint-url '" + env("AWS_ENDPOINT_URL") + "' s3 cp - '" + uri(key) + "'").first);
+    EXPECT_EQ(read(m_root + u"/a//b"), "a//b");
+    std::vector<std::u16string> files;
+    ops().getFiles(m_root, files, true);
+    EXPECT_EQ(files, (std::vector<std::u16string>{at("e/f"), at("twenty"), at("x")}));
+}
+
+TEST_P(ObjectStore, OfFoldersMadeAtOnceOneIsMade) {
+    for (int round = 0; round < 5; ++round) {
+        std::atomic<int> made{0};
+        std::vector<std::thread> makers;
+        for (int t = 0; t < 6; ++t)
+            makers.emplace_back([&] {
+                error_code ec;
+                ops().createFolder(at("f" + std::to_string(round)), ec);
+                made += !ec;
+                EXPECT_TRUE(!ec || ec == errc::file_exists) << ec.message();
+            });
+        for (auto& maker : makers)
+            maker.join();
+        EXPECT_EQ(made, 1) << "round " << round;
+    }
+}
+
+TEST_P(ObjectStore, GatewayKilledDuringAnUploadLeavesTheOldObject) {
+    if (env("OPC_S3_DIR").empty())
+        GTEST_SKIP() << "OPC_S3_DIR does not name a cluster this test may stop";
+    std::string const script = std::string(OPC_SOURCE_DIR) + "/scripts/s3-server.sh ";
+    write(at("target"), "old");
+    auto out = ops().createOutputStream(at("target"), OpenMode::WriteBinary | OpenMode::Truncate);
+    std::string const part = pattern(6 * MiB, 4);
+    out->write(part.data(), std::streamsize(part.size())); // the first part goes out
+    ASSERT_TRUE(run(script + "stop-gateway --kill").first);
+    EXPECT_THROW((out->write(part.data(), std::streamsize(part.size())), out->flush()), Exception);
+    out.reset();
+    ASSERT_TRUE(run(script + "start-gateway").first);
+    EXPECT_EQ(read(at("target")), "old");
+    std::vector<std::u16string> files;
+    ops().getFiles(m_root, files, true);
+    EXPECT_EQ(files, std::vector<std::u16string>{at("target")});
+}
+
+INSTANTIATE_TEST_SUITE_P(BackEnds, ObjectStore, ::testing::Values(BackEnd{"s3", objects, u"s3"}),
+                         [](auto const& info) { return info.param.name; });
+
+/// A loopback server answering every request with the next of `answers` (the last one again
+/// once they run out), one connection per request.
+class FakeServer {
+public:
+    explicit FakeServer(std::vector<std::string> answers) : m_answers(std::move(answers)) {
+        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+        socklen_t length = sizeof address;
+        if (::bind(m_socket, reinterpret_cast<sockaddr*>(&address), length) || ::listen(m_socket, 8) ||
+            ::getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &length))
+            throw std::runtime_error("no loopback socket");
+        m_endpoint = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+        m_thread = std::thread([this] { serve(); });
+    }
+    ~FakeServer() {
+        ::shutdown(m_socket, SHUT_RDWR);
+        ::close(m_socket);
+        m_thread.join();
+    }
+    std::string const& endpoint() const { return m_endpoint; }
+    int requests() const { return m_requests; }
+
+private:
+    void serve() {
+        for (int client; (client = ::accept(m_socket, nullptr, nullptr)) >= 0; ::close(client)) {
+            std::string request;
+            char chunk[4096];
+            for (ssize_t n; request.find("\r\n\r\n") == std::string::npos && (n = ::recv(client, chunk, sizeof chunk, 0)) > 0;)
+                request.append(chunk, std::size_t(n));
+            std::string const& answer = m_answers[std::min<std::size_t>(std::size_t(m_requests++), m_answers.size() - 1)];
+            ::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+        }
+    }
+
+    std::vector<std::string> m_answers;
+    int m_socket = ::socket(AF_INET, SOCK_STREAM, 0);
+    std::string m_endpoint;
+    std::atomic<int> m_requests{0};
+    std::thread m_thread;
+};
+
+TEST(ObjectStoreRetries, RefusalsAreRetriedThenReportedAsTryAgain) {
+    std::string const refused = "HTTP/1.1 503 Slow Down\r\nRetry-After: 0\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+    std::string const found = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\nETag: \"e\"\r\nConnection: close\r\n\r\n";
+    for (auto const& [answers, expected] : std::vector<std::pair<std::vector<std::string>, errc::errc_t>>{
+             {{refused}, errc::resource_unavailable_try_again}, {{refused, found}, errc::success}}) {
+        FakeServer server(answers);
+        S3Settings settings;
+        settings.endpoint = server.endpoint();
+        settings.accessKeyId = settings.secretAccessKey = "test";
+        VirtualFileSystemOps ops{StorageSystemReference(settings)};
+        error_code ec;
+        std::uint64_t const size = ops.getSizeInBytes(u"s3://bucket/object", ec);
+        EXPECT_EQ(ec.value(), expected) << ec.message();
+        EXPECT_EQ(size, expected ? 0u : 5u);
+        EXPECT_GT(server.requests(), 1);
+    }
+}
 
 } // namespace
 } // namespace opc::test
