@@ -80,7 +80,6 @@ TEST(FailureTable, FailuresThroughTheirTranslation) {
     VirtualFileSystemOps memory(storage);
     auto in = [&](std::string const& relative) { return (folder.path() / relative).string(); };
     auto in16 = [&](std::string const& relative) { return toString(in(relative), true); };
-    host.createFolders(in16("src"));
     std::vector<std::u16string> sink;
     auto const notFound = storage::Exception(storage::ErrorCode::NotFound, storage::AbsoluteIRI()).getMessage();
     struct Row {
@@ -114,7 +113,7 @@ TEST(FailureTable, FailuresThroughTheirTranslation) {
          "setPermissions failed: Empty path not permitted"},
         {caught, [&] { host.createInputStream(in16("none"), OpenMode::ReadBinary); },
          generic(errc::no_such_file_or_directory), std::string("createInputStream failed: ") + std::strerror(ENOENT)},
-        {caught, [&] { host.createInputStream(in16("src"), OpenMode::Truncate); }, // refused without an errno
+        {caught, [&] { host.createInputStream(folder.path16(), OpenMode::Truncate); }, // refused without an errno
          generic(errc::invalid_argument), std::string("createInputStream failed: ") + std::strerror(EINVAL)},
         {caught, [&] { memory.getLinkTarget(u"memory:///"); }, generic(errc::operation_not_supported),
          "getLinkTarget failed: Symlinks are not supported"},
