@@ -42,8 +42,7 @@ std::u16string randomASCII(std::mt19937& rng, std::size_t length, char16_t lo, c
 }
 
 std::u16string fold(std::u16string s) {
-    for (auto& c : s)
-        c = c < 0x80 ? static_cast<char16_t>(std::tolower(c)) : c;
+    for (auto& c : s) c = c < 0x80 ? static_cast<char16_t>(std::tolower(c)) : c;
     return s;
 }
 
@@ -142,8 +141,6 @@ TEST(CaselessCompare, AgreesWithFoldedComparison) {
 }
 
 TEST(HasWhitespace, Table) {
-    for (std::u16string yes : {u"a b", u"name\t", u"\u00A0x"})
-        EXPECT_TRUE(opc::hasWhitespace(yes));
-    for (std::u16string no : {u"ab", u"", u"a\u200Bb"})
-        EXPECT_FALSE(opc::hasWhitespace(no));
+    for (std::u16string yes : {u"a b", u"name\t", u"\u00A0x"}) EXPECT_TRUE(opc::hasWhitespace(yes));
+    for (std::u16string no : {u"ab", u"", u"a\u200Bb"}) EXPECT_FALSE(opc::hasWhitespace(no));
 }

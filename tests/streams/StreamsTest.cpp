@@ -20,8 +20,7 @@ std::atomic<long> g_yields{0}, g_allocations{0};
 extern "C" int sched_yield() noexcept { return ++g_yields, 0; }
 __attribute__((noinline)) void* operator new(std::size_t size) {
     ++g_allocations;
-    if (void* p = std::malloc(size == 0 ? 1 : size))
-        return p;
+    if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
     throw std::bad_alloc();
 }
 __attribute__((noinline)) void operator delete(void* p) noexcept { std::free(p); }
@@ -35,8 +34,7 @@ using Log = std::vector<std::string>;
 
 Bytes randomBytes(std::mt19937& rng, std::size_t n) {
     Bytes v(n);
-    for (auto& b : v)
-        b = static_cast<unsigned char>(rng());
+    for (auto& b : v) b = static_cast<unsigned char>(rng());
     return v;
 }
 
@@ -202,8 +200,7 @@ struct ScriptedOutput : OutputStream {
     unsigned long write(unsigned char const* d, unsigned long size) override {
         unsigned long claimed = limits.empty() ? size : limits.front();
         unsigned long const n = claimed == ~0ul ? size : (claimed = std::min(size, claimed));
-        if (!limits.empty())
-            limits.pop_front();
+        if (!limits.empty()) limits.pop_front();
         taken.insert(taken.end(), d, d + n);
         log.push_back("w" + std::to_string(size) + ":" + std::to_string(claimed));
         return claimed;
@@ -275,10 +272,8 @@ TEST(CopyLoop, AgreesWithItsLogOverRandomScripts) {
         Log log;
         ScriptedInput in(log, data, randomScript(rng));
         ScriptedOutput out(log, randomScript(rng));
-        if (early && rng() % 2)
-            in.doneAfterReads = long(rng() % 6);
-        if (early && rng() % 2)
-            out.doneAfterBytes = long(rng() % size);
+        if (early && rng() % 2) in.doneAfterReads = long(rng() % 6);
+        if (early && rng() % 2) out.doneAfterBytes = long(rng() % size);
         long const yieldsBefore = g_yields;
         bool const result = StreamHelper::copyStreamToStream(in, out);
         EXPECT_EQ(result, checkLog(log, g_yields - yieldsBefore));
@@ -287,8 +282,7 @@ TEST(CopyLoop, AgreesWithItsLogOverRandomScripts) {
         EXPECT_TRUE(std::equal(out.taken.begin(), out.taken.end(), data.begin()));
         EXPECT_TRUE(log.back() == "o1" || std::find(log.begin(), log.end(), "i1") != log.end());
         EXPECT_TRUE(early || (result && out.taken == data));
-        if (::testing::Test::HasFailure())
-            return;
+        if (::testing::Test::HasFailure()) return;
     }
 }
 
