@@ -122,10 +122,8 @@ public:
     int syncs = 0;
 
 protected:
-    pos_type seekoff(off_type off, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
-        if (!m_seekable || off != 0 || dir != std::ios_base::cur || !(which & std::ios_base::out))
-            return pos_type(off_type(-1));
-        return pos_type(pptr() - pbase());
+    pos_type seekoff(off_type, std::ios_base::seekdir, std::ios_base::openmode) override {
+        return m_seekable ? pos_type(pptr() - pbase()) : pos_type(off_type(-1));
     }
     int sync() override { return ++syncs, 0; }
 
@@ -215,10 +213,8 @@ struct ScriptedOutput : OutputStream {
 std::deque<unsigned long> randomScript(std::mt19937& rng) {
     std::deque<unsigned long> script(rng() % 24);
     for (auto& step : script) {
-        unsigned const kind = rng() % 4;
-        step = kind == 0 ? 0 : kind == 1 ? 1 + rng() % 16
-                           : kind == 2   ? 1 + rng() % 20000
-                                         : 16384;
+        unsigned long const sizes[] = {0, 1 + rng() % 16, 1 + rng() % 20000, 16384};
+        step = sizes[rng() % 4];
     }
     return script;
 }
@@ -226,7 +222,8 @@ std::deque<unsigned long> randomScript(std::mt19937& rng) {
 // What the loop must have done, read off its log: each read of 16 KiB is followed by the
 // input's isDone, each write by the output's; a chunk is offered, its rest each time, until
 // taken whole or the output is done; nothing after a done answer but the chunk in hand; no
-// open, flush or close; one yield per empty read that was not the end and per retried write.
+// other call (no empty write, open, flush or close); one yield per empty read that was not the
+// end and per retried write.
 // Returns whether every chunk was taken whole.
 bool checkLog(Log const& log, long yields) {
     bool whole = true, inputDone = false;
@@ -236,7 +233,7 @@ bool checkLog(Log const& log, long yields) {
     };
     for (std::size_t i = 0; i < log.size(); ++i) {
         if (log[i][0] != 'r') {
-            EXPECT_TRUE(log[i][0] == 'w' || log[i].size() == 2) << log[i] << " at " << i;
+            ADD_FAILURE() << log[i] << " outside a read's turn, at " << i;
             continue;
         }
         EXPECT_FALSE(inputDone) << "read after the input reported done, at " << i;
@@ -256,6 +253,7 @@ bool checkLog(Log const& log, long yields) {
         }
         EXPECT_TRUE(n == 0 || j > i + 2) << "a chunk of " << n << " bytes was never offered";
         whole = whole && taken >= n;
+        i = j - 1;
     }
     EXPECT_EQ(yields, expectedYields);
     return whole;
@@ -277,10 +275,9 @@ TEST(CopyLoop, AgreesWithItsLogOverRandomScripts) {
         long const yieldsBefore = g_yields;
         bool const result = StreamHelper::copyStreamToStream(in, out);
         EXPECT_EQ(result, checkLog(log, g_yields - yieldsBefore));
-        ASSERT_FALSE(log.empty());
         ASSERT_LE(out.taken.size(), in.pos);
         EXPECT_TRUE(std::equal(out.taken.begin(), out.taken.end(), data.begin()));
-        EXPECT_TRUE(log.back() == "o1" || std::find(log.begin(), log.end(), "i1") != log.end());
+        EXPECT_TRUE((!log.empty() && log.back() == "o1") || std::find(log.begin(), log.end(), "i1") != log.end());
         EXPECT_TRUE(early || (result && out.taken == data));
         if (::testing::Test::HasFailure()) return;
     }
