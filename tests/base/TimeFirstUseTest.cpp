@@ -1,5 +1,7 @@
 // Kept in its own executable so that the calls below really are the first users of the text
 // library, the time text and the local zone.
+#include "support/HostFolder.hpp"
+
 #include <opc/Text.hpp>
 #include <opc/Time.hpp>
 #include <vela/i18n/initialize.hpp>
@@ -8,11 +10,7 @@
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <atomic>
-#include <cstdlib>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -34,15 +32,12 @@ TEST(TimeFirstUse, EveryEntryPointSetsUpTheTextLibraryFirst) {
         {"convertStringToTime", [] { opc::convertStringToTime(u"2024-01-01T00:00:00Z"); }},
     };
     ASSERT_FALSE(vela::i18n::is_initialized());
-    for (auto const& [name, call] : calls) {
-        pid_t const child = ::fork();
-        if (child == 0) {
-            call();
-            std::_Exit(vela::i18n::is_initialized() ? 0 : 1);
-        }
-        int status = 0;
-        ::waitpid(child, &status, 0);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << name;
+    for (auto const& call : calls) {
+        std::string const report = opc::test::inChild([&] {
+            call.second();
+            return std::string(vela::i18n::is_initialized() ? "" : "the text library was not set up");
+        });
+        EXPECT_EQ(report, "") << call.first;
     }
 }
 
