@@ -20,10 +20,7 @@ using boost::gregorian::date;
 
 namespace {
 
-pt::ptime at(int y, int mo, int d, int h, int mi) {
-    return pt::ptime(date(static_cast<unsigned short>(y), static_cast<unsigned short>(mo), static_cast<unsigned short>(d)),
-                     pt::time_duration(h, mi, 0));
-}
+pt::ptime at(unsigned short y, unsigned short mo, unsigned short d, int h, int mi) { return pt::ptime(date(y, mo, d), pt::time_duration(h, mi, 0)); }
 
 struct ScopedTZ {
     explicit ScopedTZ(char const* value) { ::setenv("TZ", value, 1), ::tzset(); }
@@ -89,11 +86,10 @@ TEST(TimeText, ReadsMalformedTextsAsTheFacet) {
 TEST(TimeText, SpecialValuesSurrogatesAndTheClock) {
     for (pt::ptime const special : {pt::ptime(pt::not_a_date_time), pt::ptime(pt::pos_infin), pt::ptime(pt::neg_infin)})
         EXPECT_EQ(opc::convertTimeToString(special), u"");
-    // A bare date is midnight; a pair or a lone lead surrogate is one separator character, and
-    // "x" followed by a lone trail two.
+    // A pair or a lone lead surrogate is one separator character, and "x" followed by a lone
+    // trail two.
     std::u16string const lead(1, char16_t(0xD800)), trail(1, char16_t(0xDC00));
-    for (std::u16string const& date : {std::u16string(u"2024-03-09"), std::u16string(u"2024-03-09Z"),
-                                       std::u16string(u"2024-03\U0001F60009"), u"2024-03" + lead + u"09"})
+    for (std::u16string const& date : {std::u16string(u"2024-03\U0001F60009"), u"2024-03" + lead + u"09"})
         EXPECT_EQ(opc::convertStringToTime(date), at(2024, 3, 9, 0, 0));
     EXPECT_TRUE(opc::convertStringToTime(u"2024-03x" + trail + u"09").is_not_a_date_time());
     pt::ptime const before = pt::second_clock::universal_time(), now = opc::getCurrentTime();
