@@ -36,8 +36,7 @@ std::u16string randomText(std::mt19937& rng, std::size_t scalars) {
 
 std::u16string randomASCII(std::mt19937& rng, std::size_t length, char16_t lo, char16_t hi) {
     std::u16string out;
-    while (out.size() < length)
-        out.push_back(static_cast<char16_t>(std::uniform_int_distribution<int>(lo, hi)(rng)));
+    while (out.size() < length) out.push_back(static_cast<char16_t>(std::uniform_int_distribution<int>(lo, hi)(rng)));
     return out;
 }
 
@@ -55,8 +54,7 @@ TEST(Utf8Conversion, GeneratedAndDamagedTextsAgreeWithIcu) {
     std::mt19937 rng(3);
     static char const* const faults[] = {"\x80", "\xC3", "\xE2\x82", "\xFF", "\xF0\x9F\x98", "\xED\xA0\x80"};
     for (int round = 0; round < 200; ++round) {
-        std::size_t const length = round < 60 ? round : round < 140 ? 2030 + round % 40
-                                                                    : 1000 + rng() % 9000;
+        std::size_t const length = round < 60 ? round : (round < 140 ? 2030 + round % 40 : 1000 + rng() % 9000);
         std::u16string text;
         while (text.size() < length)
             text += rng() % 2 ? randomASCII(rng, rng() % 40, 0x20, 0x7E) : randomText(rng, 1 + rng() % 6);
@@ -70,14 +68,12 @@ TEST(Utf8Conversion, GeneratedAndDamagedTextsAgreeWithIcu) {
         ASSERT_EQ(opc::toUDEString(text), utf8);
         ASSERT_EQ(opc::toString(utf8, true), text);
         ASSERT_EQ(opc::toString(opc::toWideString(text)), text);
-        for (char const c : utf8)
-            damaged += rng() % 60 ? std::string(1, c) : c + std::string(faults[rng() % 6]);
+        for (char const c : utf8) damaged += rng() % 60 ? std::string(1, c) : c + std::string(faults[rng() % 6]);
         damaged += faults[round % 6];
         ASSERT_EQ(toStringFromUTF8String(damaged, false), fromIcu(icu::UnicodeString::fromUTF8(damaged)));
         EXPECT_NE(thrown([&] { toStringFromUTF8String(damaged, true); }).first, "");
         std::u16string broken = text;
-        for (int n = 0; n < 8; ++n)
-            broken.insert(rng() % (broken.size() + 1), 1, char16_t(0xD800 + rng() % 0x800));
+        for (int n = 0; n < 8; ++n) broken.insert(rng() % (broken.size() + 1), 1, char16_t(0xD800 + rng() % 0x800));
         toIcu(broken).toUTF8String(lenient);
         ASSERT_EQ(toUTF8String(broken, false), lenient);
     }

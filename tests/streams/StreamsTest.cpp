@@ -122,9 +122,8 @@ struct ScriptedInput : InputStream {
     void open() override { log.push_back("open"); }
     void close() override { log.push_back("close"); }
     unsigned long read(unsigned char* buffer, unsigned long size) override {
-        unsigned long n = std::min<unsigned long>(size, data.size() - pos);
-        if (!chunks.empty())
-            n = std::min(n, chunks.front()), chunks.pop_front();
+        unsigned long const n = std::min<unsigned long>({size, data.size() - pos, chunks.empty() ? size : chunks.front()});
+        if (!chunks.empty()) chunks.pop_front();
         std::copy_n(data.data() + pos, n, buffer);
         pos += n, ++reads;
         log.push_back("r" + std::to_string(size) + ":" + std::to_string(n));

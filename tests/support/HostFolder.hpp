@@ -63,8 +63,7 @@ inline int modeOf(std::string const& path) {
 /// `size` bytes of a pattern that depends on `seed`, so that two contents never share a run.
 inline std::string pattern(std::size_t size, unsigned seed) {
     std::string s(size, '\0');
-    for (std::size_t i = 0; i < size; ++i)
-        s[i] = static_cast<char>((i * (2 * seed + 1) + seed * 31 + (i >> 12)) % 251);
+    for (std::size_t i = 0; i < size; ++i) s[i] = static_cast<char>((i * (2 * seed + 1) + seed * 31 + (i >> 12)) % 251);
     return s;
 }
 
