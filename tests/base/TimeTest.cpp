@@ -33,11 +33,10 @@ pt::ptime facetRead(std::u16string const& text) {
     static std::locale const locale(std::locale(), new pt::wtime_input_facet(L"%Y-%m-%dT%H:%M:%SZ"));
     std::wistringstream in(opc::toWideString(text));
     in.imbue(locale);
-    pt::ptime time(pt::not_a_date_time);
+    pt::ptime time; // not a date time
     in >> time;
-    bool const whole = !in.fail() && in.peek() == WEOF;
     bool const shape = text.size() <= 11 || (text[10] == u'T' && text.size() >= 19);
-    return whole && shape ? time : pt::ptime(pt::not_a_date_time);
+    return !in.fail() && in.peek() == WEOF && shape ? time : pt::ptime();
 }
 
 // Compares special values too, and times past 9999 that hours beyond 23 can reach.
