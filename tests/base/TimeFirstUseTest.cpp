@@ -1,5 +1,7 @@
 // Kept in its own executable so that the calls below really are the first users of the text
 // library, the time text and the local zone.
+#include "support/HostFolder.hpp"
+
 #include <opc/Text.hpp>
 #include <opc/Time.hpp>
 #include <vela/i18n/initialize.hpp>
@@ -8,11 +10,7 @@
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <atomic>
-#include <cstdlib>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -34,37 +32,31 @@ TEST(TimeFirstUse, EveryEntryPointSetsUpTheTextLibraryFirst) {
         {"convertStringToTime", [] { opc::convertStringToTime(u"2024-01-01T00:00:00Z"); }},
     };
     ASSERT_FALSE(vela::i18n::is_initialized());
-    for (auto const& [name, call] : calls) {
-        pid_t const child = ::fork();
-        if (child == 0) {
-            call();
-            std::_Exit(vela::i18n::is_initialized() ? 0 : 1);
-        }
-        int status = 0;
-        ::waitpid(child, &status, 0);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << name;
+    for (auto const& call : calls) {
+        std::string const report = opc::test::inChild([&] {
+            call.second();
+            return std::string(vela::i18n::is_initialized() ? "" : "the text library was not set up");
+        });
+        EXPECT_EQ(report, "") << call.first;
     }
 }
 
+// Threads started together make their first calls at once: every third with the local zone
+// (which a later call must match), the even ones by reading a time, the others by writing one.
 TEST(TimeFirstUse, ConcurrentFirstCallsFromSeveralThreads) {
     constexpr int kThreads = 8;
     std::atomic<int> ready{0}, failures{0};
-    std::vector<std::thread> threads;
     pt::ptime const noon(boost::gregorian::date(2024, 7, 1), pt::hours(12));
     std::vector<pt::ptime> local(kThreads);
+    std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             for (ready.fetch_add(1); ready.load() < kThreads;) std::this_thread::yield();
-            pt::ptime const base(boost::gregorian::date(2000 + t, 1, 1 + t));
-            // A third of the threads start with the local zone; all must agree with a later call.
             if (t % 3 == 0) local[t] = opc::convertToLocalTime(noon);
-            // Half the threads start by reading, half by writing.
-            if (t % 2 == 0 && opc::convertStringToTime(u"1999-12-31T23:59:59Z") != pt::time_from_string("1999-12-31 23:59:59")) {
-                failures.fetch_add(1);
-            }
+            if (t % 2 == 0) failures += opc::convertStringToTime(u"1999-12-31T23:59:59Z") != pt::time_from_string("1999-12-31 23:59:59");
             for (int i = 0; i < 200; ++i) {
-                pt::ptime const time = base + pt::minutes(i * 37 + t);
-                if (opc::convertStringToTime(opc::convertTimeToString(time)) != time) failures.fetch_add(1);
+                pt::ptime const time = pt::ptime(boost::gregorian::date(2000 + t, 1, 1 + t)) + pt::minutes(i * 37 + t);
+                failures += opc::convertStringToTime(opc::convertTimeToString(time)) != time;
             }
         });
     }

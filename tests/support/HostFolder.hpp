@@ -20,12 +20,13 @@
 
 namespace opc::test {
 
+inline std::u16string u16(std::string const& ascii) { return std::u16string(ascii.begin(), ascii.end()); }
+
 class HostFolder {
 public:
     HostFolder() {
         std::string pattern = (std::filesystem::temp_directory_path() / "opc-test-XXXXXX").string();
-        if (!mkdtemp(pattern.data()))
-            throw std::runtime_error("mkdtemp failed");
+        if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
         m_path = pattern;
     }
     ~HostFolder() {
@@ -37,16 +38,11 @@ public:
 
     std::filesystem::path const& path() const { return m_path; }
     /// The folder as UTF-16 text (it is plain ASCII).
-    std::u16string path16() const {
-        std::string const text = m_path.string();
-        return std::u16string(text.begin(), text.end());
-    }
+    std::u16string path16() const { return u16(m_path.string()); }
 
 private:
     std::filesystem::path m_path;
 };
-
-inline std::u16string u16(std::string const& ascii) { return std::u16string(ascii.begin(), ascii.end()); }
 
 inline void writeFile(std::string const& path, std::string const& content, mode_t mode = 0644) {
     if (!(std::ofstream(path, std::ios::binary | std::ios::trunc) << content).flush() || ::chmod(path.c_str(), mode))
@@ -67,8 +63,7 @@ inline int modeOf(std::string const& path) {
 /// `size` bytes of a pattern that depends on `seed`, so that two contents never share a run.
 inline std::string pattern(std::size_t size, unsigned seed) {
     std::string s(size, '\0');
-    for (std::size_t i = 0; i < size; ++i)
-        s[i] = static_cast<char>((i * (2 * seed + 1) + seed * 31 + (i >> 12)) % 251);
+    for (std::size_t i = 0; i < size; ++i) s[i] = static_cast<char>((i * (2 * seed + 1) + seed * 31 + (i >> 12)) % 251);
     return s;
 }
 
@@ -76,8 +71,7 @@ inline std::string pattern(std::size_t size, unsigned seed) {
 /// runner) and returns what it returned ("" for success), or why the child failed.
 inline std::string inChild(std::function<std::string()> const& job) {
     int channel[2];
-    if (::pipe(channel) != 0)
-        return "pipe failed";
+    if (::pipe(channel) != 0) return "pipe failed";
     std::fflush(nullptr);
     pid_t const child = ::fork();
     if (child == 0) {
