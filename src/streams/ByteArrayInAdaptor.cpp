@@ -5,6 +5,11 @@
 
 namespace opc {
 
+namespace {
+constexpr std::size_t kPrefetchFrom = 4096;
+constexpr std::size_t kCacheLine = 64;
+} // namespace
+
 void ByteArrayInAdaptor::open() {
     if (m_open) {
         return;
@@ -23,6 +28,13 @@ unsigned long ByteArrayInAdaptor::read(unsigned char* buffer, unsigned long size
     }
     std::memcpy(buffer, m_bytes.data() + m_position, count);
     m_position += count;
+    // A large read is most likely one of a sequence (a copy loop's): start fetching the next
+    // block from memory now, so that it arrives while the caller writes this one out.
+    if (count >= kPrefetchFrom) {
+        std::size_t const ahead = std::min(count, m_bytes.size() - m_position);
+        for (std::size_t at = 0; at < ahead; at += kCacheLine)
+            __builtin_prefetch(m_bytes.data() + m_position + at);
+    }
     return static_cast<unsigned long>(count);
 }
 

@@ -81,7 +81,7 @@ TEST(InputAdaptors, FollowModelsUnderGeneratedOperations) {
 // Whatever the owner does to the vector, each write leaves what "resize to position + size,
 // then copy" leaves; flush and close change nothing, and it is never done. Every fourth seed
 // writes blocks of up to 9000 bytes from any offset within a 64-byte line, into room the
-// owner reserved or not (large blocks take their own copy path).
+// owner reserved or not.
 TEST(ByteArrayOutAdaptor, MatchesResizeThenCopyWhateverTheOwnerDoes) {
     for (unsigned seed = 0; seed < 300; ++seed) {
         std::mt19937 rng(seed);
