@@ -261,33 +261,24 @@ TEST(S3Errors, StatusAndCodeTranslateToOneStorageError) {
     namespace s3 = vfs::detail::s3;
     using T = s3::Transport;
     struct Row {
-        long status;
-        char const* code;
-        T transport;
-        bool createOnly;
         ErrorCode expected;
+        long status;
+        std::vector<std::string> codes; // "": a HEAD request's answer has no body
     };
-    for (Row const& row : {Row{404, "NoSuchKey", T::None, false, ErrorCode::NotFound},
-                           Row{404, "NoSuchBucket", T::None, false, ErrorCode::NotFound},
-                           Row{404, "", T::None, false, ErrorCode::NotFound}, // HEAD has no body
-                           Row{403, "AccessDenied", T::None, false, ErrorCode::PermissionDenied},
-                           Row{403, "SignatureDoesNotMatch", T::None, false, ErrorCode::PermissionDenied},
-                           Row{403, "InvalidAccessKeyId", T::None, false, ErrorCode::PermissionDenied},
-                           Row{403, "RequestTimeTooSkewed", T::None, false, ErrorCode::PermissionDenied},
-                           Row{403, "", T::None, false, ErrorCode::PermissionDenied},
-                           Row{409, "BucketNotEmpty", T::None, false, ErrorCode::DirectoryNotEmpty},
-                           Row{412, "PreconditionFailed", T::None, true, ErrorCode::FileExists},
-                           Row{412, "PreconditionFailed", T::None, false, ErrorCode::IOError},
-                           Row{503, "SlowDown", T::None, false, ErrorCode::TryAgain},
-                           Row{429, "", T::None, false, ErrorCode::TryAgain},
-                           Row{200, "InternalError", T::None, false, ErrorCode::IOError}, // an <Error> body of a copy
-                           Row{500, "InternalError", T::None, false, ErrorCode::IOError},
-                           Row{400, "EntityTooLarge", T::None, false, ErrorCode::FileTooLarge},
-                           Row{0, "", T::Unreachable, false, ErrorCode::NoSuchDeviceOrAddress},
-                           Row{0, "", T::Dropped, false, ErrorCode::IOError},
-                           Row{0, "", T::TimedOut, false, ErrorCode::TryAgain}})
-        EXPECT_EQ(s3::errorCodeFor(row.status, row.code, row.transport, row.createOnly), row.expected)
-            << row.status << " " << row.code;
+    for (Row const& row : {Row{ErrorCode::NotFound, 404, {"NoSuchKey", "NoSuchBucket", ""}},
+                           Row{ErrorCode::PermissionDenied, 403, {"AccessDenied", "SignatureDoesNotMatch", "InvalidAccessKeyId", "RequestTimeTooSkewed", ""}},
+                           Row{ErrorCode::DirectoryNotEmpty, 409, {"BucketNotEmpty"}},
+                           Row{ErrorCode::IOError, 412, {"PreconditionFailed"}}, // a condition other than creation
+                           Row{ErrorCode::TryAgain, 503, {"SlowDown"}},
+                           Row{ErrorCode::TryAgain, 429, {""}},
+                           Row{ErrorCode::IOError, 200, {"InternalError"}}, // an <Error> body of a copy
+                           Row{ErrorCode::IOError, 500, {"InternalError"}},
+                           Row{ErrorCode::FileTooLarge, 400, {"EntityTooLarge"}}})
+        for (std::string const& code : row.codes)
+            EXPECT_EQ(s3::errorCodeFor(row.status, code, T::None, false), row.expected) << row.status << " " << code;
+    EXPECT_EQ(s3::errorCodeFor(412, "PreconditionFailed", T::None, true), ErrorCode::FileExists);
+    for (auto [transport, expected] : {std::pair{T::Unreachable, ErrorCode::NoSuchDeviceOrAddress}, {T::Dropped, ErrorCode::IOError}, {T::TimedOut, ErrorCode::TryAgain}})
+        EXPECT_EQ(s3::errorCodeFor(0, "", transport, false), expected);
     s3::HttpResponse answer;
     answer.status = 403;
     answer.errorCode = "AccessDenied";
