@@ -143,24 +143,20 @@ TEST(MemoryProvider, ManyThreadsCreateWriteListAndRemove) {
                 vfs::ofstream(shared, vfs::OpenMode::In | vfs::OpenMode::Out)
                     << std::string(1000, char('a' + (t * rounds + i) % 26));
                 std::string seen = readFile(shared);
-                if (seen.size() != 1000 || seen.find_first_not_of(seen[0]) != std::string::npos)
-                    torn = true;
+                if (seen.size() != 1000 || seen.find_first_not_of(seen[0]) != std::string::npos) torn = true;
                 folder.listAll(u"");
                 m.folder(u"/").listAllRecursive(u"f*");
-                if (i % 3 == 0)
-                    vfs::remove(m.file(name), vfs::RemoveFileOrEmptyFolder);
+                if (i % 3 == 0) vfs::remove(m.file(name), vfs::RemoveFileOrEmptyFolder);
             }
         });
     }
-    for (auto& worker : workers)
-        worker.join();
+    for (auto& worker : workers) worker.join();
     EXPECT_FALSE(torn);
     // A name survives when the last round that wrote it did not remove it.
     std::size_t expected = 0;
     for (int letter = 0; letter < 26; ++letter)
         expected += (letter + 26 * ((rounds - 1 - letter) / 26)) % 3 != 0;
-    for (int t = 0; t < threads; ++t)
-        EXPECT_EQ(m.folder(own(t)).listAll(u"").size(), expected);
+    for (int t = 0; t < threads; ++t) EXPECT_EQ(m.folder(own(t)).listAll(u"").size(), expected);
 }
 
 // "*" any run, "?" one character (a surrogate pair is one), anything else itself, at every
@@ -198,8 +194,7 @@ public:
     void rename(AbsoluteIRI const& from, AbsoluteIRI const& to) override { inner_->rename(from, to); }
     std::unique_ptr<std::streambuf> openInput(AbsoluteIRI const& iri) override { return inner_->openInput(iri); }
     std::unique_ptr<provider::OutputBuffer> openOutput(AbsoluteIRI const& iri, std::ios_base::openmode mode) override {
-        if (++opened == failAt)
-            throw vfs::Exception(ErrorCode::NoSpace, iri);
+        if (++opened == failAt) throw vfs::Exception(ErrorCode::NoSpace, iri);
         auto output = inner_->openOutput(iri, mode);
         return failClose ? std::make_unique<CloseFails>(std::move(output)) : std::move(output);
     }

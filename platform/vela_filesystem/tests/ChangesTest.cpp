@@ -48,8 +48,7 @@ std::u16string thrown_path(F&& f) {
 /// A fresh folder, removed at the end.
 struct Scratch {
     Scratch() {
-        if (::mkdtemp(dir.data()) == nullptr)
-            throw std::runtime_error("no scratch folder in /tmp");
+        if (::mkdtemp(dir.data()) == nullptr) throw std::runtime_error("no scratch folder in /tmp");
     }
     ~Scratch() {
         std::error_code ignored; // a leftover under /tmp is no reason to fail a test
@@ -78,14 +77,11 @@ void staged(std::string const& op, std::string const& from, std::string const& t
         hostfs::staged_rename_scope inner;
         hostfs::copy_file(utf16(from), temporary, hostfs::copy_option::fail_if_exists);
     }
-    if (op == "staged-changed")
-        std::ofstream(to + ".t", std::ios::app) << "+";
+    if (op == "staged-changed") std::ofstream(to + ".t", std::ios::app) << "+";
     if (op == "staged-other")
         hostfs::copy_file(utf16(from), utf16(to + ".o"), hostfs::copy_option::overwrite_if_exists);
-    if (op == "staged-closed")
-        outer.close();
-    if (op != "staged-left")
-        hostfs::rename(temporary, utf16(to));
+    if (op == "staged-closed") outer.close();
+    if (op != "staged-left") hostfs::rename(temporary, utf16(to));
 }
 
 struct TracedChild {
@@ -151,8 +147,7 @@ protected:
 TEST(CopyFile, ContentModeAndWhatItRefuses) {
     Scratch s;
     std::string data;
-    for (int i = 0; data.size() < (1u << 20) + 17; ++i)
-        data += std::to_string(i) + char(i);
+    for (int i = 0; data.size() < (1u << 20) + 17; ++i) data += std::to_string(i) + char(i);
     std::ofstream(s.at("a"), std::ios::binary) << data;
     ::chmod(s.at("a").c_str(), 0751); // wider than the umask lets a new file be
     hostfs::copy_file(s.u("a"), s.u("b"), hostfs::copy_option::fail_if_exists);
@@ -195,8 +190,7 @@ TEST(Ofstream, WritesThroughAndRefusesWhatItCannotMean) {
 TEST(RemoveAll, DotNamesGoAndWhatCannotBeSeenIsReported) {
     Scratch s;
     ASSERT_EQ(::mkdir(s.at("d").c_str(), 0755), 0);
-    for (char const* name : {".a", "..b", "..."})
-        std::ofstream(s.at("d/") + name);
+    for (char const* name : {".a", "..b", "..."}) std::ofstream(s.at("d/") + name);
     EXPECT_EQ(hostfs::remove_all(s.u("d")), 4u);
     EXPECT_THROW(hostfs::remove_all(s.u(std::string(300, 'x'))), hostfs::FileNameTooLarge);
     EXPECT_THROW(hostfs::copy_directory(s.u("none"), s.u("e")), hostfs::PathNotFound);

@@ -42,8 +42,7 @@ TEST(PathForms, GeneratedPathsAgreeWithStdFilesystem) {
         std::string const text = utf8(in);
         std::string collapsed;
         for (char c : text)
-            if (c != '/' || collapsed.empty() || collapsed.back() != '/')
-                collapsed += c;
+            if (c != '/' || collapsed.empty() || collapsed.back() != '/') collapsed += c;
         SCOPED_TRACE(text);
         ASSERT_EQ(vd::to_filesystem(in), text);
         ASSERT_EQ(vd::from_filesystem(text), in);
