@@ -124,8 +124,7 @@ std::vector<std::u16string> decodeCanonicalPath(std::string const& text) {
     for (std::size_t i = 0; i <= text.size(); ++i) {
         unsigned char const c = i < text.size() ? text[i] : '/';
         EXPECT_FALSE(c < 0x20 || c == 0x7F || c == ' ' || c == '#' || c == '?') << "bare character in " << text;
-        if (c == '/' && !bytes.empty())
-            names.push_back(u16(bytes));
+        if (c == '/' && !bytes.empty()) names.push_back(u16(bytes));
         if (c == '/')
             bytes.clear();
         else if (c == '%') {
@@ -152,8 +151,7 @@ TEST(Iri, HostilePathsRoundTripAndPrintCanonically) {
         for (auto& name : names) {
             for (std::size_t length = 1 + random() % 8; length > 0; --length)
                 name += pieces[random() % std::size(pieces)];
-            if (name == u"." || name == u"..")
-                name += u"x";
+            if (name == u"." || name == u"..") name += u"x";
             hostPath += u"/" + name;
         }
         AbsoluteIRI iri = toAbsoluteIRI(u"file", hostPath);
