@@ -79,8 +79,7 @@ TEST_P(Conformance, GeneratedTreesAgreeWithTheOracle) {
             << ec.message();
         EXPECT_EQ(kind == Link ? toUDEString(ops().getLinkTarget(path)) : (kind == File ? read(path) : ""), content);
         struct stat st {};
-        if (m_hostRoot.empty() || kind == Missing || ::lstat(host(rel).c_str(), &st) != 0)
-            continue;
+        if (m_hostRoot.empty() || kind == Missing || ::lstat(host(rel).c_str(), &st) != 0) continue;
         using namespace boost::posix_time;
         EXPECT_EQ(ops().getLastModifiedTime(path), from_time_t(st.st_mtim.tv_sec) + microseconds(st.st_mtim.tv_nsec / 1000));
         EXPECT_EQ(ops().getPermissions(path) & Perms::AllPerms, reported(st.st_mode));
@@ -105,7 +104,7 @@ TEST_P(Conformance, StreamModesActLikeStandardFileStreams) {
         for (bool existing : {false, true}) {
             SCOPED_TRACE("mode " + std::to_string(bits) + (existing ? " existing" : " missing"));
             auto const path = at("m" + std::to_string(bits));
-            std::filesystem::remove(oracle);
+            fs::remove(oracle);
             if (existing) {
                 write(path, "hello");
                 writeFile(oracle, "hello");

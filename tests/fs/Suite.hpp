@@ -1,8 +1,7 @@
 #pragma once
 
-// The back ends under test: what each supports, and a fixture that gives each test a fresh root
-// on its back end, with fixtures made through the public operations. A scheme joins with one line
-// where a suite is instantiated.
+// The back ends under test, what each supports, and a fixture that gives each test a fresh root on
+// its back end; a scheme joins with one line where a suite is instantiated.
 #include "support/HostFolder.hpp"
 #include "support/ThroughOps.hpp"
 
@@ -62,9 +61,8 @@ Capabilities const storage{false, false, false, false, false, false};
 // Object storage also publishes a write only at close.
 Capabilities const objects{false, false, false, false, false, false, false};
 
-/// The local back end (no scheme), or the virtual one on a host folder ("file"), on object storage
-/// ("s3": a fresh folder of the bucket the environment names, skipped without one) or
-/// "<scheme>:///conformance".
+/// The local back end (no scheme), or the virtual one on a host folder ("file"), on object storage ("s3":
+/// a fresh folder of the bucket the environment names, skipped without one) or "<scheme>:///conformance".
 struct BackEnd {
     std::string name;
     Capabilities caps;
