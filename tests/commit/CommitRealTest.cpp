@@ -252,17 +252,15 @@ INSTANTIATE_TEST_SUITE_P(Commit, FaultInjection, ::testing::ValuesIn(faultCases(
 // tmpfs in a private mount namespace as root. The commit throws with the storage's code and
 // leaves the old package byte for byte with its mode; beside it only a backup and a partly
 // written temporary file may stay, and nothing changes around its folder.
-struct DiskCase {
-    Pair pair;
-    bool tmpfs, backup;
-};
+using DiskCase = std::tuple<Pair, bool, bool>; // and whether on a tmpfs, and with a backup
 
 std::string commitOnFullDisk(DiskCase const& c, std::string const& root) {
+    auto const [pair, tmpfs, backup] = c;
     std::string const dir = root + "/target", target = dir + "/p.pkg", source = root + "/new.pkg";
     fs::create_directories(dir);
-    if (c.tmpfs && (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0))
+    if (tmpfs && (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0))
         return "no private mount";
-    if (c.tmpfs && ::mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=512k") != 0)
+    if (tmpfs && ::mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=512k") != 0)
         return std::string("mount: ") + std::strerror(errno);
     std::string const oldContent = pattern(100 * 1024, 7);
     writeFile(target, oldContent, 0640);
@@ -270,14 +268,14 @@ std::string commitOnFullDisk(DiskCase const& c, std::string const& root) {
     LocalFileSystemOps local;
     std::set<std::string> const before = names(local, u16(root));
     struct rlimit const limit = {64 * 1024, 64 * 1024};
-    if (!c.tmpfs && (::signal(SIGXFSZ, SIG_IGN) == SIG_ERR || ::setrlimit(RLIMIT_FSIZE, &limit) != 0))
+    if (!tmpfs && (::signal(SIGXFSZ, SIG_IGN) == SIG_ERR || ::setrlimit(RLIMIT_FSIZE, &limit) != 0))
         return "setrlimit failed";
     std::ostringstream wrong;
     try {
-        commitBetween(c.pair.from, c.pair.to, target, source, c.backup);
+        commitBetween(pair.from, pair.to, target, source, backup);
         wrong << "the commit returned normally; ";
     } catch (Exception const& e) {
-        if (std::string(e.what()).rfind("Could not commit changes:  ", 0) != 0 || e.code().value() != (c.tmpfs ? ENOSPC : EFBIG))
+        if (std::string(e.what()).rfind("Could not commit changes:  ", 0) != 0 || e.code().value() != (tmpfs ? ENOSPC : EFBIG))
             wrong << "'" << e.what() << "' code " << e.code().value() << "; ";
     }
     if (readFile(target) != oldContent || modeOf(target) != 0640)
@@ -293,7 +291,7 @@ std::string commitOnFullDisk(DiskCase const& c, std::string const& root) {
 class CommitDiskFull : public ::testing::TestWithParam<DiskCase> {};
 
 TEST_P(CommitDiskFull, FailsAndLeavesTheOldPackageWhole) {
-    if (GetParam().tmpfs && ::geteuid() != 0)
+    if (std::get<1>(GetParam()) && ::geteuid() != 0)
         GTEST_SKIP() << "mounting a small tmpfs needs root; the file-size limit cases cover this user";
     HostFolder root;
     std::string const report = inChild([&] { return commitOnFullDisk(GetParam(), root.path().string()); });
@@ -302,18 +300,9 @@ TEST_P(CommitDiskFull, FailsAndLeavesTheOldPackageWhole) {
     EXPECT_EQ(report, "");
 }
 
-std::vector<DiskCase> diskCases() {
-    std::vector<DiskCase> cases;
-    for (Pair p : {Pair{Local, Local}, Pair{Memory, Local}, Pair{File, Local}, Pair{Local, File}, Pair{Memory, File}})
-        for (bool tmpfs : {false, true})
-            for (bool backup : {false, true})
-                cases.push_back({p, tmpfs, backup});
-    return cases;
-}
-
-INSTANTIATE_TEST_SUITE_P(Pairs, CommitDiskFull, ::testing::ValuesIn(diskCases()), [](auto const& info) {
-    DiskCase const& c = info.param;
-    return pairName(c.pair) + (c.tmpfs ? "Tmpfs" : "FileSize") + (c.backup ? "Backup" : "");
+auto const diskPairs = ::testing::Values(Pair{Local, Local}, Pair{Memory, Local}, Pair{File, Local}, Pair{Local, File}, Pair{Memory, File});
+INSTANTIATE_TEST_SUITE_P(Pairs, CommitDiskFull, ::testing::Combine(diskPairs, ::testing::Bool(), ::testing::Bool()), [](auto const& info) {
+    return pairName(std::get<0>(info.param)) + (std::get<1>(info.param) ? "Tmpfs" : "FileSize") + (std::get<2>(info.param) ? "Backup" : "");
 });
 
 // When this variable holds "<source kind>\n<target kind>\n<target>\n<source>", the test binary
