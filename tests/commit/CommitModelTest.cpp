@@ -7,7 +7,6 @@
 #include <opc/Exception.hpp>
 #include <opc/testing/FaultInjectingOps.hpp>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -19,7 +18,6 @@ namespace {
 namespace errc = boost::system::errc;
 using boost::posix_time::ptime;
 using opc::testing::Call;
-using ::testing::ElementsAre;
 
 const std::u16string P = u"/d/p.pkg", N = u"/s/new.pkg", Tmp = u"/d/.t1.tmp";
 const ptime OldTime(boost::gregorian::date(2001, 2, 3)), CopyTime(boost::gregorian::date(2030, 1, 1));
@@ -32,10 +30,9 @@ struct MemFile {
 
 boost::system::error_code code(errc::errc_t e) { return errc::make_error_code(e); }
 
-// A file table behind the public double's answer hook. Files behave as on a host: a copy
-// carries content and permissions, and is refused over a file without the owner's write bit.
-// The n-th call of an operation can be replaced by a fault, which may change the table, fail
-// (detail "boom") or throw.
+// A file table behind the public double's answer hook. A copy carries content and permissions,
+// and is refused over a file without the owner's write bit. The n-th call of an operation can
+// be replaced by a fault, which may change the table, fail (detail "boom") or throw.
 struct World : opc::testing::FaultInjectingOps {
     struct Reply {
         Result value;
@@ -85,8 +82,7 @@ struct World : opc::testing::FaultInjectingOps {
             files.erase(it);
         return {};
     }
-    // Commits N over `target` with `options`; returns the failure's message ("" for none) and
-    // checks its code.
+    // Commits N over `target`: the failure's message ("" for none), its code checked.
     std::string commit(boost::system::error_code expected = {}, std::u16string target = P) {
         auto const [message, ec] = thrown([&] { opc::replaceFileWithBackup(*this, target, *this, N, options); });
         EXPECT_TRUE(message.empty() || (ec == expected && &ec.category() == &expected.category())) << ec.message();
@@ -127,21 +123,19 @@ TEST(CommitModel, BackupNamesAreTriedInTurnAfterFailedAttempts) {
         World w;
         w.files[P] = {"old", 0x124};
         w.files[P + r.extension] = {"stale", 0x124}; // read-only: made writable before the copy
-        for (int i = r.from; i <= r.to; ++i)
-            w.faults[{r.op, i}] = failing(errc::io_error);
+        for (int i = r.from; i <= r.to; ++i) w.faults[{r.op, i}] = failing(errc::io_error);
         std::vector<std::u16string> announced;
         w.options.removeBackup(false);
         w.options.backupExtension(r.extension);
         w.options.backupCreatedFcn([&](std::u16string const& b) { announced.push_back(b); });
         EXPECT_EQ(w.commit(), "");
-        EXPECT_THAT(announced, ElementsAre(P + r.used));
+        EXPECT_EQ(announced, std::vector{P + r.used});
         EXPECT_EQ(w.files.at(P + r.used).content, "old");
     }
 }
 
-// The values handed to setPermissions: 0x1000 or-ed into what is read, 0x8000 never set, 0x4000
-// cleared while writable; an unreadable target is asked for 0x3FFF; a backup that came out with
-// other bits gets the old package's, or 0x7FFF when those cannot be read.
+// The values handed to setPermissions, for a target read as it is, unreadable, or with a backup
+// that came out with other bits than the old package's, readable or not.
 TEST(CommitModel, PermissionValuesHandedToTheBackEnd) {
     struct Row {
         std::uint32_t target, newFile;
@@ -243,8 +237,7 @@ TEST(CommitModel, OutcomeTable) {
         {"callbackForeign", 0x124, true, {}, "foreign", none, "new", 0x180, false, 1, [] { throw std::logic_error("foreign"); }},
         {"callbackCode", 0x124, true, {}, "callback says no", code(errc::operation_canceled), "new", 0x180, false, 1, [] { throw Exception("callback says no", code(errc::operation_canceled)); }},
         {"callbackCleared", 0x124, true, {}, "callback says no", none, "new", 0x180, false, 1, [] { throw Exception("callback says no", boost::system::error_code()); }},
-        // The options are read again after the backup; when the fresh backup cannot be removed it
-        // is put back in place of the new package.
+        // Options read again after the backup; a backup that cannot be removed replaces the new package.
         {"removeBackupLater", 0x1A4, true, {{{"setLastModifiedTime", 1}, removeBackupNow}}, "", none, "new", 0x11A4, false, 0},
         {"removeBackupFails", 0x1A4, true, {{{"setLastModifiedTime", 1}, removeBackupNow}, {{"remove", 1}, failing(errc::device_or_resource_busy)}}, "remove failed: boom", code(errc::device_or_resource_busy), "old", 0x1A4, false, 0},
     };
@@ -253,8 +246,7 @@ TEST(CommitModel, OutcomeTable) {
         SCOPED_TRACE(r.name);
         if (r.targetPerms)
             w.files[P] = {"old", r.targetPerms};
-        for (auto const& [at, fault] : r.faults)
-            w.faults[at] = fault;
+        for (auto const& [at, fault] : r.faults) w.faults[at] = fault;
         std::vector<std::u16string> announced;
         w.options.removeBackup(!r.backup);
         w.options.backupCreatedFcn([&](std::u16string const& b) {

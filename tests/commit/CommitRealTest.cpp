@@ -35,9 +35,8 @@ namespace {
 namespace fs = std::filesystem;
 namespace errc = boost::system::errc;
 
-// Where the source is read from and the target written to: the host through the local back
-// end, memory storage (the source's bytes copied there first, so the commit streams them across
-// back ends), or the host through a file IRI.
+// Where the source is read from and the target written to: the host through the local back end,
+// memory storage (the source's bytes copied there first), or the host through a file IRI.
 enum Kind { Local,
             Memory,
             File };
@@ -52,7 +51,6 @@ std::u16string pathIn(Kind kind, std::string const& file) {
                                                     : u"memory:///" + u16(fs::path(file).filename());
 }
 
-// The names in a folder, without the folder.
 std::set<std::string> names(FileSystemOps& ops, std::u16string const& folder) {
     std::vector<std::u16string> files;
     ops.getFiles(folder, files, false);
@@ -69,7 +67,6 @@ struct BackEnds {
     FileSystemOps& ops(Kind k) { return k == Local ? static_cast<FileSystemOps&>(local) : virtualOps; }
 };
 
-// Commits `source` over `target` between back ends of the given kinds.
 void commitBetween(Kind from, Kind to, std::string const& target, std::string const& source, bool backup = false) {
     BackEnds b;
     if (from == Memory)
@@ -82,8 +79,7 @@ void commitBetween(Kind from, Kind to, std::string const& target, std::string co
 class RealCommit : public ::testing::Test, protected BackEnds {
 protected:
     HostFolder root;
-    std::string const dir = root.path().string() + "/t", target = dir + "/p.pkg";
-    std::string const source = root.path().string() + "/new.pkg";
+    std::string const dir = root.path().string() + "/t", target = dir + "/p.pkg", source = root.path().string() + "/new.pkg";
     std::string const oldContent = pattern(70000, 1), newContent = pattern(50000, 2);
     std::vector<std::u16string> announced;
     CommitOptions options;
@@ -193,7 +189,6 @@ TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
         replaceFileWithBackup(faulty, path, sourceOps, from, options);
     };
     for (std::size_t k = 1;; ++k) {
-        SCOPED_TRACE("failing call " + std::to_string(k));
         bool threw = false;
         try {
             run(k);
@@ -209,7 +204,7 @@ TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
         ASSERT_LT(k, 200u) << "the commit never stops calling";
         auto const& log = faulty.calls();
         std::string const failed = log[k - 1].operation;
-        SCOPED_TRACE(failed);
+        SCOPED_TRACE("failing call " + std::to_string(k) + ": " + failed);
         // Ignored faults, and those a further backup name gets round, end in a whole commit.
         bool const afterRename = std::any_of(log.begin(), log.begin() + long(k) - 1, [](auto const& call) { return call.operation == "rename"; });
         bool const replaced = !threw || afterRename;
@@ -231,8 +226,7 @@ TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
     }
 }
 
-// Every target kind from each source kind, with and without a backup; read-only and other modes
-// (memory storage keeps only writable or read-only).
+// Every target kind from each source kind, with and without a backup, the modes taken in turn.
 std::vector<FaultCase> faultCases() {
     std::vector<FaultCase> cases;
     int const modes[] = {0644, 0444, 0640, 0600};
@@ -248,10 +242,9 @@ INSTANTIATE_TEST_SUITE_P(Commit, FaultInjection, ::testing::ValuesIn(faultCases(
     return pairName({c.source, c.target}) + (c.backup ? "Backup" : "") + (c.mode == 0444 ? "ReadOnly" : "");
 });
 
-// The storage fills up while the new package is written: RLIMIT_FSIZE for anyone, a 512 KiB
-// tmpfs in a private mount namespace as root. The commit throws with the storage's code and
-// leaves the old package byte for byte with its mode; beside it only a backup and a partly
-// written temporary file may stay, and nothing changes around its folder.
+// The storage fills up: RLIMIT_FSIZE for anyone, a 512 KiB tmpfs in a private mount namespace as
+// root. The commit throws with the storage's code and leaves the old package byte for byte with
+// its mode; beside it only backups and a partly written temporary file, nothing new around it.
 using DiskCase = std::tuple<Pair, bool, bool>; // and whether on a tmpfs, and with a backup
 
 std::string commitOnFullDisk(DiskCase const& c, std::string const& root) {
@@ -330,8 +323,7 @@ TEST(CommitCrash, KilledCommitsLeaveTheOldOrTheNewPackageWhole) {
     HostFolder root;
     std::string const dir = root.path().string(), target = dir + "/p.pkg";
     std::string const contents[2] = {pattern(1 << 20, 3), pattern(1 << 20, 4)}, sources[2] = {dir + "/a", dir + "/b"};
-    for (int i = 0; i < 2; ++i)
-        writeFile(sources[i], contents[i]);
+    for (int i = 0; i < 2; ++i) writeFile(sources[i], contents[i]);
     writeFile(target, contents[0]);
     std::mt19937 random(20261123);
     for (int round = 0; round < 200; ++round) {
@@ -361,8 +353,7 @@ TEST(CommitCrash, KilledCommitsLeaveTheOldOrTheNewPackageWhole) {
 bool contains(std::string const& line, std::string const& piece) { return line.find(piece) != std::string::npos; }
 bool succeeded(std::string const& line) { return line.size() >= 3 && line.compare(line.size() - 3, 3, "= 0") == 0; }
 
-// Runs the traced child once under strace with `options`; the trace goes to `trace`, beside
-// the target's folder.
+// Runs the traced child once under strace with `options`, tracing to `trace`.
 class Traced : public RealCommit, public ::testing::WithParamInterface<Pair> {
 protected:
     std::string const trace = root.path().string() + "/trace.txt";
@@ -384,8 +375,7 @@ protected:
     std::vector<std::string> traceLines() const {
         std::ifstream in(trace);
         std::vector<std::string> lines;
-        for (std::string line; std::getline(in, line);)
-            lines.push_back(line);
+        for (std::string line; std::getline(in, line);) lines.push_back(line);
         return lines;
     }
 };

@@ -1,5 +1,4 @@
-// Temporary names and guards, on the real file system, in a private TMPDIR (with a doubled
-// slash to normalise).
+// Temporary names and guards on the host, in a private TMPDIR (with a doubled slash to normalise).
 #include "support/HostFolder.hpp"
 #include "support/ThroughOps.hpp"
 
@@ -34,7 +33,6 @@ TEST_F(TempTest, TempDirAndFreshNamesWithDefaults) {
         EXPECT_EQ(p.parent_path().string() + p.filename().string().substr(0, 1) + p.extension().string(), dir + "..tmp");
         EXPECT_TRUE(seen.insert(p.string()).second && !fs::exists(fs::symlink_status(p)));
     }
-    fs::create_directory(dir + "/sub");
     fs::path const given(narrow(util::getTempName(u16(dir + "/sub/"), u"pre-", u".work")));
     EXPECT_EQ(given.string().rfind(dir + "/sub/pre-", 0), 0u) << given;
     EXPECT_EQ(given.extension(), ".work");
