@@ -159,7 +159,7 @@ std::size_t encode_chunk(char16_t const* text, std::size_t begin, std::size_t en
 /// together. A block stops before its first surrogate; a valid pair is encoded here, anything
 /// else (a lone surrogate) goes to encode_chunk for its error or replacement. `out` has the
 /// room encode_chunk needs plus 64 bytes: each block stores a whole vector.
-__attribute__((target("avx512f,avx512bw,avx512vbmi2,popcnt"))) std::size_t
+__attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi2,popcnt"))) std::size_t
 encode_chunk_wide(char16_t const* text, std::size_t begin, std::size_t end, bool strict, char* out) {
     auto* o = reinterpret_cast<unsigned char*>(out);
     char16_t const* s = text + begin;
@@ -167,11 +167,15 @@ encode_chunk_wide(char16_t const* text, std::size_t begin, std::size_t end, bool
     __m512i const byte_index = _mm512_set1_epi32(0x03020100);
     __m512i const one_each = _mm512_set1_epi32(0x01010101);
     __m512i const low6 = _mm512_set1_epi32(0x3F);
-    while (stop - s >= 16) {
-        __m512i const c = _mm512_cvtepu16_epi32(_mm256_loadu_si256(reinterpret_cast<__m256i const*>(s)));
+    while (s < stop) {
+        // The last block of a text reads only the units that are left: its other lanes load
+        // as 0, which is no surrogate, and count no bytes.
+        auto const count = static_cast<unsigned>(stop - s < 16 ? stop - s : 16);
+        auto const present = static_cast<__mmask16>((1u << count) - 1);
+        __m512i const c = _mm512_cvtepu16_epi32(_mm256_maskz_loadu_epi16(present, s));
         __mmask16 const surrogate = _mm512_cmpeq_epi32_mask(_mm512_and_si512(c, _mm512_set1_epi32(0xF800)),
                                                             _mm512_set1_epi32(0xD800));
-        unsigned const lanes = surrogate != 0 ? static_cast<unsigned>(__builtin_ctz(surrogate)) : 16u;
+        unsigned const lanes = surrogate != 0 ? static_cast<unsigned>(__builtin_ctz(surrogate)) : count;
         __mmask16 const two = _mm512_cmpge_epu32_mask(c, _mm512_set1_epi32(0x80));
         __mmask16 const three = _mm512_cmpge_epu32_mask(c, _mm512_set1_epi32(0x800));
         __m512i const last = _mm512_and_si512(c, low6);
@@ -191,7 +195,7 @@ encode_chunk_wide(char16_t const* text, std::size_t begin, std::size_t end, bool
         _mm512_storeu_si512(o, _mm512_maskz_compress_epi8(used, bytes));
         o += __builtin_popcountll(used);
         s += lanes;
-        if (lanes == 16)
+        if (lanes == count)
             continue;
         if (*s < 0xDC00 && s + 1 < stop && U16_IS_TRAIL(s[1])) {
             uint32_t const cp = U16_GET_SUPPLEMENTARY(s[0], s[1]);
@@ -204,14 +208,12 @@ encode_chunk_wide(char16_t const* text, std::size_t begin, std::size_t end, bool
             ++s;
         }
     }
-    auto const at = static_cast<std::size_t>(s - text);
-    o += encode_chunk(text, at, end, strict, reinterpret_cast<char*>(o));
     return static_cast<std::size_t>(o - reinterpret_cast<unsigned char*>(out));
 }
 
 bool wide_encoder_usable() {
     static bool const usable = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-                               __builtin_cpu_supports("avx512vbmi2");
+                               __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vbmi2");
     return usable;
 }
 #pragma GCC diagnostic pop
