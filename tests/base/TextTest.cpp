@@ -74,6 +74,9 @@ TEST(Utf8Conversion, GeneratedAndDamagedTextsAgreeWithIcu) {
         EXPECT_NE(thrown([&] { toStringFromUTF8String(damaged, true); }).first, "");
         std::u16string broken = text;
         for (int n = 0; n < 8; ++n) broken.insert(rng() % (broken.size() + 1), 1, char16_t(0xD800 + rng() % 0x800));
+        // Every ordered pair of the surrogate ranges' first and last units, somewhere.
+        char16_t const edges[] = {0xD800, 0xDBFF, 0xDC00, 0xDFFF};
+        broken.insert(rng() % (broken.size() + 1), {edges[round % 4], edges[round / 4 % 4]});
         toIcu(broken).toUTF8String(lenient);
         ASSERT_EQ(toUTF8String(broken, false), lenient);
     }
