@@ -77,6 +77,7 @@ TEST(Iri, MalformedTextIsRefusedWithTheTextAndUnknownSchemesWithTheScheme) {
         }
     }
     EXPECT_EQ(AbsoluteIRI(u16("s3://bkt/" + longest)).getKey().size(), 1024u);
+    EXPECT_EQ(AbsoluteIRI(u16("s3://" + std::string(63, 'b') + "/k")).getKey(), u"k"); // the longest bucket
     for (std::u16string scheme : {u"http", u"x+y.z-1", u"files", u"memor", u"Z", u"z9", u"A", u"a"}) {
         try {
             AbsoluteIRI iri(scheme + u":///x");
@@ -89,6 +90,7 @@ TEST(Iri, MalformedTextIsRefusedWithTheTextAndUnknownSchemesWithTheScheme) {
     EXPECT_THROW(toAbsoluteIRI(u"http", u"/x"), UnsupportedIRISchemeException);
     EXPECT_THROW(fromAbsoluteIRI(AbsoluteIRI(u"memory:///x")), UnsupportedIRISchemeException);
     EXPECT_THROW(toAbsoluteIRI(u"s3", u"/bkt/x"), InvalidIRIException); // a host path names no bucket
+    EXPECT_THROW(toAbsoluteIRI(u"file", u"/a\xD800/x"s), InvalidIRIException);
 }
 
 TEST(Iri, ChildrenRelativeTextAndContainment) {
