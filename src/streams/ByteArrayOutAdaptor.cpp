@@ -1,7 +1,6 @@
 #include <opc/Streams.hpp>
 
 #include <algorithm>
-#include <cstring>
 
 namespace opc {
 
