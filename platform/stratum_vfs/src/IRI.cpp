@@ -70,23 +70,27 @@ void appendEncoded(std::u16string& out, std::u16string const& segment) {
     }
 }
 
-// Applies "/"-separated decoded text to `segments`: empty and "." segments vanish, ".." drops
-// the last segment (none at the root).
-void applySegments(std::vector<std::u16string>& segments, std::u16string const& decoded) {
+// Applies one decoded name to `segments`: empty and "." vanish, ".." drops the last segment
+// (none at the root).
+void applySegment(std::vector<std::u16string>& segments, std::u16string segment) {
+    if (segment == u"..") {
+        if (!segments.empty()) {
+            segments.pop_back();
+        }
+    } else if (!segment.empty() && segment != u".") {
+        segments.push_back(std::move(segment));
+    }
+}
+
+// Applies "/"-separated literal names (host text, nothing to decode) to `segments`.
+void applySegments(std::vector<std::u16string>& segments, std::u16string const& names) {
     std::size_t start = 0;
-    while (start <= decoded.size()) {
-        std::size_t end = decoded.find(u'/', start);
+    while (start <= names.size()) {
+        std::size_t end = names.find(u'/', start);
         if (end == std::u16string::npos) {
-            end = decoded.size();
+            end = names.size();
         }
-        std::u16string segment = decoded.substr(start, end - start);
-        if (segment == u"..") {
-            if (!segments.empty()) {
-                segments.pop_back();
-            }
-        } else if (!segment.empty() && segment != u".") {
-            segments.push_back(std::move(segment));
-        }
+        applySegment(segments, names.substr(start, end - start));
         start = end + 1;
     }
 }
@@ -185,6 +189,26 @@ std::u16string decodePath(std::u16string const& text, std::u16string const& whol
     return decoded;
 }
 
+// Applies IRI path text of a `file` or `memory` IRI to `segments`: split at the literal "/"
+// first, then each segment decoded on its own, so that an escape can never add a separator or
+// turn into a dot segment once dots are resolved. "%2E" and "%2E%2E" segments are "." and "..";
+// a name holding "/" (%2F) cannot exist on these schemes and is refused, as is NUL.
+void applyPathText(std::vector<std::u16string>& segments, std::u16string const& text, std::u16string const& whole) {
+    std::size_t start = 0;
+    while (start <= text.size()) {
+        std::size_t end = text.find(u'/', start);
+        if (end == std::u16string::npos) {
+            end = text.size();
+        }
+        std::u16string segment = decodePath(text.substr(start, end - start), whole);
+        if (segment.find(u'/') != std::u16string::npos) {
+            throw InvalidIRIException(whole);
+        }
+        applySegment(segments, std::move(segment));
+        start = end + 1;
+    }
+}
+
 bool validUtf16(std::u16string const& text) {
     for (std::size_t i = 0; i < text.size();) {
         UChar32 c;
@@ -248,7 +272,7 @@ AbsoluteIRI::AbsoluteIRI(std::u16string const& text) {
     if (text.compare(length + 1, 3, u"///") != 0) {
         throw InvalidIRIException(text);
     }
-    applySegments(segments_, decodePath(text.substr(length + 3), text));
+    applyPathText(segments_, text.substr(length + 3), text);
 }
 
 AbsoluteIRI::AbsoluteIRI(AbsoluteIRI const& base, std::u16string const& relative)
@@ -261,7 +285,7 @@ AbsoluteIRI::AbsoluteIRI(AbsoluteIRI const& base, std::u16string const& relative
         checkKeyLength(segments_, relative);
         return;
     }
-    applySegments(segments_, decodePath(relative, relative));
+    applyPathText(segments_, relative, relative);
 }
 
 std::u16string AbsoluteIRI::toString() const {

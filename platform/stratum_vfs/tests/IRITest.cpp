@@ -1,5 +1,5 @@
-// IRI text: tables of input and canonical output and of malformed input, and hostile names
-// generated at random, checked against an independent percent-decoder.
+// IRI text: tables of input and canonical output and of malformed input, and hostile names and
+// escaped separators and dots generated at random, checked against an independent percent-decoder.
 #include <stratum/storage/vfs/Exception.hpp>
 #include <stratum/storage/vfs/IRI.hpp>
 
@@ -33,7 +33,7 @@ TEST(Iri, ParsesToCanonicalText) {
     } const rows[] = {
         // clang-format off
         {"memory:///", "memory:///", "", "", 0}, {"memory:///../../x/..", "memory:///", "", "", 0},
-        {"MeMoRy:///a%2fb", "MeMoRy:///a/b", "a/b", "b", 2}, {"memory:///%41%62", "memory:///Ab", "Ab", "Ab", 1},
+        {"MeMoRy:///a/%2e%2E/b%2e", "MeMoRy:///b.", "b.", "b.", 1}, {"memory:///%41%62", "memory:///Ab", "Ab", "Ab", 1},
         {"memory:///a?b#c", "memory:///a%3Fb%23c", "a?b#c", "a?b#c", 1}, {"memory:///x%3fy%23z", "memory:///x%3Fy%23z", "x?y#z", "x?y#z", 1},
         {"memory:///caf%C3%A9", "memory:///caf\xC3\xA9", "caf\xC3\xA9", "caf\xC3\xA9", 1}, {"memory:///t\tx\x7F", "memory:///t%09x%7F", "t\tx\x7F", "t\tx\x7F", 1},
         {"memory:///.%2E/a/%2e", "memory:///a", "a", "a", 1}, {"s3://bkt", "s3://bkt/", "", "", 0},
@@ -61,7 +61,8 @@ TEST(Iri, MalformedTextIsRefusedWithTheTextAndUnknownSchemesWithTheScheme) {
     std::vector<std::u16string> malformed = {
         u"", u"memory:", u"memory:/x", u"memory://", u"memory://host/x", u"memory:x", u"1memory:///x", u":///x", u"/x",
         u"memory:///%", u"memory:///%4", u"memory:///%zz", u"memory:///%00", u"memory:///%C3", u"memory:///%FF",
-        u"memory:///%ED%A0%80", u"memory:///a\0b"s, u"memory:///\xDC00x", u"file:///a\xD800/b"};
+        u"memory:///%ED%A0%80", u"memory:///a\0b"s, u"memory:///\xDC00x", u"file:///a\xD800/b",
+        u"MeMoRy:///a%2fb", u"file:///tmp/x/..%2F..%2Fetc%2Fpasswd", u"memory:///%2F", u"file:///a/%2E%2E%2F"};
     for (std::string const& bad : {"s3://"s, "s3:///key"s, "s3://ab/k"s, "s3://Bucket/k"s, "s3://-bkt/k"s, "s3://bkt-/k"s, "s3://b_k/k"s, "s3:/bkt/k"s,
                                    "s3://bkt/a/./b"s, "s3://bkt/a/.."s, "s3://" + std::string(64, 'b') + "/k", "s3://bkt/" + longest + "k",
                                    "s3://bkt/\xC3\xA9" + longest.substr(1)})
@@ -167,6 +168,74 @@ TEST(Iri, HostilePathsRoundTripAndPrintCanonically) {
         // Appending a name as relative text (escaped, as IRI text must be) finds the same child.
         EXPECT_EQ(AbsoluteIRI(iri.getParent(), text.substr(text.rfind(u'/') + 1)), iri);
     }
+}
+
+// Random IRIs: a plain prefix (names, "." and "..") naming a folder, then segments made of
+// names, dots and separators in plain and escaped spellings (either case of hex). Escapes never
+// add a separator nor a dot segment: a segment decoding to a name holding "/" or NUL is refused
+// with the whole text, any other segment adds exactly one level below the folder, and a segment
+// spelling "." or ".." in escapes resolves exactly as the plain one. Appending the same text to
+// the folder gives the same IRI, and the canonical text parses to itself.
+TEST(Iri, EscapesNeverLeaveTheFolderTheirPlainPrefixNames) {
+    static std::u16string const pieces[] = {u"a", u"b.", u".", u"..", u"%2E", u"%2e", u"%2F", u"%2f", u"%00", u"%25", u"%41", u"\u00E9"};
+    static std::u16string const plain[] = {u"d", u".", u"..", u"d%20e"};
+    std::mt19937 random(20261125);
+    auto decoded = [](std::u16string const& segment) { // ASCII pieces and one letter from ICU
+        std::string const text = u8(segment);
+        std::string bytes;
+        for (std::size_t i = 0; i < text.size(); ++i) {
+            bool const escape = text[i] == '%';
+            bytes += escape ? char(std::stoi(text.substr(i + 1, 2), nullptr, 16)) : text[i];
+            i += escape ? 2 : 0;
+        }
+        return bytes;
+    };
+    int refusedCount = 0, climbed = 0;
+    for (int round = 0; round < 3000; ++round) {
+        std::u16string const scheme = round % 2 ? u"file" : u"memory";
+        std::u16string prefix = scheme + u"://";
+        for (auto n = random() % 4; n > 0; --n) prefix += u"/" + plain[random() % std::size(plain)];
+        AbsoluteIRI const folder(prefix + u"/");
+        std::u16string tail, plainTail;
+        bool refused = false, dots = false;
+        std::size_t names = 0;
+        for (auto n = 1 + random() % 5; n > 0; --n) {
+            std::u16string segment;
+            for (auto length = 1 + random() % 4; length > 0; --length) segment += pieces[random() % std::size(pieces)];
+            std::string const name = decoded(segment);
+            bool const dot = name == "." || name == "..";
+            dots |= dot;
+            refused |= name.find_first_of(std::string("/\0", 2)) != std::string::npos;
+            names += !dot;
+            tail += (tail.empty() ? u"" : u"/") + segment;
+            plainTail += (plainTail.empty() ? u"" : u"/") + (dot ? u16(name) : segment);
+        }
+        if (random() % 4 == 0) tail += u"/", plainTail += u"/";
+        std::u16string const text = prefix + u"/" + tail;
+        SCOPED_TRACE(u8(text));
+        try {
+            AbsoluteIRI const iri(text);
+            EXPECT_FALSE(refused);
+            EXPECT_EQ(AbsoluteIRI(iri.toString()).toString(), iri.toString());
+            EXPECT_EQ(AbsoluteIRI(folder, tail), iri);
+            EXPECT_EQ(AbsoluteIRI(prefix + u"/" + plainTail), iri);
+            if (dots) {
+                ++climbed;
+                continue;
+            }
+            std::u16string const path = iri.getPath(), within = folder.hasParent() ? folder.getPath() + u"/" : u"/";
+            EXPECT_EQ(path.compare(0, within.size(), within), 0) << u8(path);
+            EXPECT_EQ(iri.getSegments().size(), folder.getSegments().size() + names);
+            EXPECT_EQ(scheme == u"file" ? fromAbsoluteIRI(iri) : path, path);
+        } catch (InvalidIRIException const& e) {
+            EXPECT_TRUE(refused);
+            EXPECT_EQ(e.getInvalidIRIString(), text);
+            EXPECT_THROW(AbsoluteIRI(folder, tail), InvalidIRIException);
+            ++refusedCount;
+        }
+    }
+    EXPECT_GT(refusedCount, 300); // the generator reaches every outcome
+    EXPECT_GT(climbed, 100);
 }
 
 } // namespace

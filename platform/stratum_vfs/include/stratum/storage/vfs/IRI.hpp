@@ -13,10 +13,17 @@ namespace stratum::storage::vfs {
 /// authority and an absolute path, such as `memory:///reports/q3.pkg` or `file:///home/a/b.pkg`.
 ///
 /// The scheme is recognised case-insensitively and kept as written (`FILE:///x` is valid and
-/// `getScheme()` gives "FILE"). The path is held as its decoded segments: percent-escapes of
-/// the input are decoded (as UTF-8), "." and ".." segments are resolved (never above the root)
-/// and empty segments dropped, so two spellings of the same place compare equal and print the
-/// same. A decoded "/" (%2F) separates segments like a literal one.
+/// `getScheme()` gives "FILE"). The path is held as its decoded segments: the text is split at
+/// its literal "/" first, then each segment's percent-escapes are decoded (as UTF-8); "." and
+/// ".." segments, spelt plainly or escaped (`%2E`, `%2e%2E`), are resolved once (never above
+/// the root) and empty segments dropped, so two spellings of the same place compare equal and
+/// print the same. A `file` or `memory` name cannot hold "/" or NUL, so `%2F` and `%00` are
+/// refused: decoding never makes a separator, nor a dot segment after dots were resolved.
+///
+/// Containment: every storage operation on an IRI touches exactly the item its segments name
+/// (for `file`, the host path `fromAbsoluteIRI` gives, which is `getPath()`) and nothing else.
+/// In particular an IRI whose un-encoded text starts with a folder's IRI and adds no literal
+/// ".." segment names that folder or an item below it, whatever its escapes decode to.
 ///
 /// `s3` IRIs name objects the way object-store users write them, `s3://bucket/reports/q3.pkg`:
 /// the authority is the bucket (3 to 63 of a-z 0-9 "." "-", a letter or digit at both ends)
@@ -40,15 +47,17 @@ public:
     /// Parses IRI text. Throws `InvalidIRIException` for malformed text: no scheme, no "//",
     /// a non-empty authority, a relative or missing path, an invalid percent-escape ("%" not
     /// followed by two hex digits), escapes that decode to invalid UTF-8 or to NUL, a literal
-    /// NUL, or invalid UTF-16 (a lone surrogate). Throws `UnsupportedIRISchemeException` for a
+    /// NUL, invalid UTF-16 (a lone surrogate), or (not for `s3`) an escaped "/" in a segment. Throws `UnsupportedIRISchemeException` for a
     /// well-formed scheme that no provider serves (see `isKnownIRIScheme`). Space, "#", "?"
     /// and control characters in the text are taken literally as part of the path.
     explicit AbsoluteIRI(std::u16string const& text);
 
     /// `relative` appended to `base` as child segments ("/" separates them; leading, trailing
     /// and repeated slashes are ignored), then "." and ".." resolved; ".." at the root stays at
-    /// the root. For `s3` the text is key text, split literally as the class comment says. `relative` is IRI text: its percent-escapes are decoded and it throws
-    /// `InvalidIRIException` on the same faults as the constructor above.
+    /// the root. For `s3` the text is key text, split literally as the class comment says.
+    /// `relative` is IRI text: it is split and decoded as the class comment says, so an escaped
+    /// "/" or dot never climbs out of `base`, and it throws `InvalidIRIException` (naming
+    /// `relative`) on the same faults as the constructor above.
     AbsoluteIRI(AbsoluteIRI const& base, std::u16string const& relative);
 
     /// Canonical text: the scheme as written, "://", the authority, then "/"-joined segments, each
