@@ -3,11 +3,15 @@
 #include "fs/Suite.hpp"
 
 #include <opc/CommitOptions.hpp>
+#include <opc/FileSystemOpsSelector.hpp>
+
+#include <stratum/storage/vfs/File.hpp>
 
 #include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <csignal>
+#include <cstring>
 #include <map>
 
 namespace opc::test {
@@ -357,16 +361,16 @@ std::function<bool(error_code*)> bothForms(Form form) {
     return [form](error_code* ec) { return ec ? form(*ec) : form(); };
 }
 
-// Every public operation family on a path the back end refuses, through both forms: the
-// throwing form's message starts with the family's prefix, and the error-code form hands back
-// the same code with the operation's failure value.
-void expectEveryFamilyRefuses(FileSystemOps& o, P p, P q, errc::errc_t code, bool exact) {
+using Family = std::pair<char const*, std::function<bool(error_code*)>>;
+
+// Every public operation family with `p` in each of its path places (`q` in the other), each
+// called through its throwing form (nullptr) or its error-code form, true for the failure value.
+std::vector<Family> everyFamily(FileSystemOps& o, P p, P q) {
     static CommitOptions const options;
+    static std::vector<std::u16string> files;
     auto const time = boost::posix_time::time_from_string("2020-01-02 03:04:05");
-    std::vector<std::u16string> files;
-    using Family = std::pair<char const*, std::function<bool(error_code*)>>;
-#define OPC_FAMILY(name, expr) Family(name, bothForms([&](auto&... e) { return expr; }))
-    Family const families[] = {
+#define OPC_FAMILY(name, expr) Family(name, bothForms([&o, p, q, time](auto&... e) { return expr; }))
+    return {
         OPC_FAMILY("exists", !o.exists(p, e...)),
         OPC_FAMILY("isFile", !o.isFile(p, e...)),
         OPC_FAMILY("isFolder", !o.isFolder(p, e...)),
@@ -389,9 +393,16 @@ void expectEveryFamilyRefuses(FileSystemOps& o, P p, P q, errc::errc_t code, boo
         OPC_FAMILY("remove", (o.remove(p, e...), true)),
         OPC_FAMILY("removeAll", (o.removeAll(p, e...), true)),
         OPC_FAMILY("replaceFileWithBackup", (o.replaceFileWithBackup(p, o, q, options, e...), true)),
+        OPC_FAMILY("replaceFileWithBackup", (o.replaceFileWithBackup(q, o, p, options, e...), true)),
     };
 #undef OPC_FAMILY
-    for (auto const& [name, call] : families) {
+}
+
+// Every public operation family on a path the back end refuses, through both forms: the
+// throwing form's message starts with the family's prefix, and the error-code form hands back
+// the same code with the operation's failure value.
+void expectEveryFamilyRefuses(FileSystemOps& o, P p, P q, errc::errc_t code, bool exact) {
+    for (auto const& [name, call] : everyFamily(o, p, q)) {
         SCOPED_TRACE(name);
         auto const [message, thrownCode] = thrown([&] { call(nullptr); });
         EXPECT_EQ(message.rfind(std::string(name) + " failed: ", 0), 0u) << message;
@@ -419,6 +430,99 @@ TEST_P(Conformance, EveryOperationRefusesHostilePathsAndTouchesNothing) {
     EXPECT_EQ(listing(m_root), expected({"good"}));
     EXPECT_EQ(read(at("good")), "kept");
     EXPECT_TRUE(m_hostRoot.empty() || std::distance(fs::directory_iterator(m_hostRoot), {}) == 1) << "a folder left behind";
+}
+
+// Hostile input aimed from a jail folder at a file and a folder beside it: escaped separators
+// and dots in every place of a path and of an appended child, NUL, lone surrogates, over-long
+// names and paths, trailing separators, the wrong kind of item, links. After every call of every
+// operation family everything outside the jail is as it was (kinds, bytes, modes, times), every
+// path that is accepted normalises (and for file:, gives a local path) inside the jail, and every
+// refusal names the path it refused. The calls go through the selector, to the back end under test.
+TEST_P(Conformance, HostileInputNeverLeavesTheJail) {
+    write(at("victim"), "victim");
+    ops().createFolders(at("vault/inner"));
+    write(at("vault/inner/f"), "f");
+    auto const jail = at("jail"), jailIri = ops().normalizePath(jail);
+    auto const scheme = GetParam().scheme;
+    auto const outside = [&] { // what lies outside the jail, item by item
+        std::map<std::string, std::string> items;
+        if (!m_hostRoot.empty()) {
+            for (auto const& item : fs::recursive_directory_iterator(m_hostRoot)) {
+                auto const name = item.path().string().substr(m_hostRoot.size());
+                if (name.rfind("/jail", 0) == 0) continue;
+                struct stat st {};
+                ::lstat(item.path().c_str(), &st);
+                items[name] = std::to_string(st.st_mode) + " " + std::to_string(st.st_mtim.tv_nsec + st.st_mtim.tv_sec * 1000000000LL) +
+                              (S_ISREG(st.st_mode) ? readFile(item.path().string()) : S_ISLNK(st.st_mode) ? fs::read_symlink(item.path()).string() : "");
+            }
+            return items;
+        }
+        auto const all = scheme == u"memory" ? vfs::AbsoluteIRI(u"memory:///") : vfs::AbsoluteIRI(m_root);
+        for (auto const& entry : vfs::Folder(all, m_storage).listAllRecursive(u"")) {
+            auto const iri = entry.getIRI().toString();
+            if (entry.getIRI().isWithin(vfs::AbsoluteIRI(jailIri))) continue;
+            items[toUDEString(iri)] = entry.isFolder() ? "folder" : std::to_string(ops().getPermissions(iri)) + " " +
+                                      to_simple_string(ops().getLastModifiedTime(iri)) + " " + read(iri);
+        }
+        return items;
+    };
+    auto const before = outside();
+    ASSERT_GE(before.size(), 3u);
+    std::u16string longPath;
+    while (longPath.size() <= 4200) longPath += u"/abcdefghij";
+    // Suffixes of the jail's path, and children appended to it; a child may be refused or kept inside.
+    std::vector<std::u16string> const suffixes = {
+        u"/..%2Fvictim", u"/x/..%2F..%2Fvictim", u"/sub%2F..%2F..%2F..%2Fvictim", u"/%2E%2E%2Fvictim",
+        u"/x/%2e%2e%2f%2e%2e%2fvault%2finner%2ff", u"/%2Fvictim", u"/x%2F", u"/x/%2E%2E", u"/x/%2E/%2e%2E/file",
+        u"/file%00", std::u16string(u"/a\0b", 4), u"/a\xD800" u"b", u"/\xDC00", u"/" + std::u16string(255, u'n'),
+        u"/" + std::u16string(256, u'n'), longPath, u"/file/", u"/x/", u"//file", u"/x", u"/file/child", u"/to-victim",
+        u"/x/to-vault"};
+    std::vector<std::u16string> paths;
+    for (auto const& suffix : suffixes) paths.push_back(jail + suffix);
+    paths.push_back(scheme.empty() ? u"/../.." + jail : scheme + u":///../.." + vfs::AbsoluteIRI(jailIri).getPath());
+    for (auto const* child : {u"..%2F..%2Fvictim", u"%2E%2E%2Fvictim", u"x%2F..%2F..%2Fvault", u"x/%2E%2E/file", u"%2F", u"/%2E/file%2F"}) {
+        auto const message = thrown([&] { paths.push_back(ops().appendPath(jail, child)); }).first;
+        EXPECT_TRUE(message.empty() || message.find(toUDEString(child).substr(child[0] == u'/')) != std::string::npos) << message;
+    }
+    FileSystemOpsSelector const selector(m_storage);
+    auto const within = [&](P path, P folder) { return path == folder || path.rfind(folder + u"/", 0) == 0; };
+    auto const narrow = [](P text) { // up to a NUL or a lone surrogate, which no message can hold
+        std::size_t end = 0;
+        while (end < text.size() && text[end] && (text[end] & 0xF800) != 0xD800) ++end;
+        return toUDEString(text.substr(0, end));
+    };
+    for (auto const& path : paths) {
+        SCOPED_TRACE(narrow(path.substr(0, 200)));
+        error_code ec;
+        ops().removeAll(jail, ec);
+        ops().createFolders(at("jail/x/sub"));
+        write(at("jail/file"), "inside");
+        if (caps().symlinks) {
+            ops().createSymlink(ops().normalizePath(at("victim")), at("jail/to-victim"));
+            ops().createSymlink(ops().normalizePath(at("vault")), at("jail/x/to-vault"));
+        }
+        std::u16string normal, local, jailLocal;
+        thrown([&] { normal = ops().normalizePath(path); });
+        if (scheme.empty() && normal.find(u"/../") != std::u16string::npos) normal = fs::path(normal).lexically_normal().u16string(); // host paths keep ".."
+        EXPECT_TRUE(normal.empty() || within(normal, jailIri)) << toUDEString(normal);
+        if (scheme == u"file" && !normal.empty()) {
+            ops().getLocalPath(jailIri, jailLocal);
+            EXPECT_TRUE(ops().getLocalPath(path, local) && within(local, jailLocal)) << toUDEString(local);
+        }
+        bool const link = path == jail + u"/to-victim" || path == jail + u"/x/to-vault";
+        FileSystemOps& routed = selector.getForPath(path); // the selector sends it where ops() is
+        ASSERT_EQ(typeid(routed), typeid(ops()));
+        for (auto const& [name, call] : everyFamily(routed, path, at("jail/file"))) {
+            if (link && name == std::string("createOutputStream")) continue; // writes through, as a standard stream does
+            auto const [message, code] = thrown([&] { call(nullptr); });
+            EXPECT_EQ(outside(), before) << name;
+            // A refusal of the path's text names the path, or the fault (its NUL, the host's reason).
+            bool const refused = code == errc::bad_address || code == errc::invalid_argument || code == errc::filename_too_long;
+            EXPECT_TRUE(!refused || message.find(narrow(path)) != std::string::npos || message.find("NUL") != std::string::npos ||
+                        message.find(std::strerror(code.value())) != std::string::npos)
+                << name << ": " << message;
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(BackEnds, Conformance,
