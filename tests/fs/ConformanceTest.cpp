@@ -515,13 +515,16 @@ TEST_P(Conformance, HostileInputNeverLeavesTheJail) {
         for (auto const& [name, call] : everyFamily(routed, path, at("jail/file"))) {
             if (link && name == std::string("createOutputStream")) continue; // writes through, as a standard stream does
             auto const [message, code] = thrown([&] { call(nullptr); });
-            EXPECT_EQ(outside(), before) << name;
+            if (scheme != u"s3") { // a round trip per item: object storage is looked at once a row
+                EXPECT_EQ(outside(), before) << name;
+            }
             // A refusal of the path's text names the path, or the fault (its NUL, the host's reason).
             bool const refused = code == errc::bad_address || code == errc::invalid_argument || code == errc::filename_too_long;
             EXPECT_TRUE(!refused || message.find(narrow(path)) != std::string::npos || message.find("NUL") != std::string::npos ||
                         message.find(std::strerror(code.value())) != std::string::npos)
                 << name << ": " << message;
         }
+        EXPECT_EQ(outside(), before);
     }
 }
 
