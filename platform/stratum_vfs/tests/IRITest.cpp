@@ -180,14 +180,9 @@ TEST(Iri, EscapesNeverLeaveTheFolderTheirPlainPrefixNames) {
     static std::u16string const pieces[] = {u"a", u"b.", u".", u"..", u"%2E", u"%2e", u"%2F", u"%2f", u"%00", u"%25", u"%41", u"\u00E9"};
     static std::u16string const plain[] = {u"d", u".", u"..", u"d%20e"};
     std::mt19937 random(20261125);
-    auto decoded = [](std::u16string const& segment) { // ASCII pieces and one letter from ICU
-        std::string const text = u8(segment);
-        std::string bytes;
-        for (std::size_t i = 0; i < text.size(); ++i) {
-            bool const escape = text[i] == '%';
-            bytes += escape ? char(std::stoi(text.substr(i + 1, 2), nullptr, 16)) : text[i];
-            i += escape ? 2 : 0;
-        }
+    auto decoded = [](std::string const& text, std::string bytes = "") { // each escape on its own
+        for (std::size_t i = 0; i < text.size(); i += text[i] == '%' ? 3 : 1)
+            bytes += text[i] == '%' ? char(std::stoi(text.substr(i + 1, 2), nullptr, 16)) : text[i];
         return bytes;
     };
     int refusedCount = 0, climbed = 0;
@@ -202,31 +197,28 @@ TEST(Iri, EscapesNeverLeaveTheFolderTheirPlainPrefixNames) {
         for (auto n = 1 + random() % 5; n > 0; --n) {
             std::u16string segment;
             for (auto length = 1 + random() % 4; length > 0; --length) segment += pieces[random() % std::size(pieces)];
-            std::string const name = decoded(segment);
+            std::string const name = decoded(u8(segment));
             bool const dot = name == "." || name == "..";
             dots |= dot;
             refused |= name.find_first_of(std::string("/\0", 2)) != std::string::npos;
             names += !dot;
-            tail += (tail.empty() ? u"" : u"/") + segment;
-            plainTail += (plainTail.empty() ? u"" : u"/") + (dot ? u16(name) : segment);
+            tail += u"/" + segment;
+            plainTail += u"/" + (dot ? u16(name) : segment);
         }
         if (random() % 4 == 0) tail += u"/", plainTail += u"/";
-        std::u16string const text = prefix + u"/" + tail;
+        std::u16string const text = prefix + tail;
         SCOPED_TRACE(u8(text));
         try {
             AbsoluteIRI const iri(text);
             EXPECT_FALSE(refused);
             EXPECT_EQ(AbsoluteIRI(iri.toString()).toString(), iri.toString());
             EXPECT_EQ(AbsoluteIRI(folder, tail), iri);
-            EXPECT_EQ(AbsoluteIRI(prefix + u"/" + plainTail), iri);
-            if (dots) {
-                ++climbed;
-                continue;
-            }
-            std::u16string const path = iri.getPath(), within = folder.hasParent() ? folder.getPath() + u"/" : u"/";
-            EXPECT_EQ(path.compare(0, within.size(), within), 0) << u8(path);
+            EXPECT_EQ(AbsoluteIRI(prefix + plainTail), iri);
+            climbed += dots;
+            if (dots) continue;
+            std::u16string const path = scheme == u"file" ? fromAbsoluteIRI(iri) : iri.getPath();
+            EXPECT_EQ(path.rfind(folder.hasParent() ? folder.getPath() + u"/" : u"/", 0), 0u) << u8(path);
             EXPECT_EQ(iri.getSegments().size(), folder.getSegments().size() + names);
-            EXPECT_EQ(scheme == u"file" ? fromAbsoluteIRI(iri) : path, path);
         } catch (InvalidIRIException const& e) {
             EXPECT_TRUE(refused);
             EXPECT_EQ(e.getInvalidIRIString(), text);
