@@ -70,31 +70,6 @@ void appendEncoded(std::u16string& out, std::u16string const& segment) {
     }
 }
 
-// Applies one decoded name to `segments`: empty and "." vanish, ".." drops the last segment
-// (none at the root).
-void applySegment(std::vector<std::u16string>& segments, std::u16string segment) {
-    if (segment == u"..") {
-        if (!segments.empty()) {
-            segments.pop_back();
-        }
-    } else if (!segment.empty() && segment != u".") {
-        segments.push_back(std::move(segment));
-    }
-}
-
-// Applies "/"-separated literal names (host text, nothing to decode) to `segments`.
-void applySegments(std::vector<std::u16string>& segments, std::u16string const& names) {
-    std::size_t start = 0;
-    while (start <= names.size()) {
-        std::size_t end = names.find(u'/', start);
-        if (end == std::u16string::npos) {
-            end = names.size();
-        }
-        applySegment(segments, names.substr(start, end - start));
-        start = end + 1;
-    }
-}
-
 // Applies decoded key text to `segments` literally: split at every "/", empty segments kept
 // ("a//b" has three), one trailing "/" dropped (it names the folder). "." and ".." have no
 // meaning in a key and are refused rather than resolved.
@@ -189,22 +164,33 @@ std::u16string decodePath(std::u16string const& text, std::u16string const& whol
     return decoded;
 }
 
-// Applies IRI path text of a `file` or `memory` IRI to `segments`: split at the literal "/"
-// first, then each segment decoded on its own, so that an escape can never add a separator or
-// turn into a dot segment once dots are resolved. "%2E" and "%2E%2E" segments are "." and "..";
-// a name holding "/" (%2F) cannot exist on these schemes and is refused, as is NUL.
-void applyPathText(std::vector<std::u16string>& segments, std::u16string const& text, std::u16string const& whole) {
+// Applies "/"-separated path text to `segments`: empty and "." segments vanish, ".." drops the
+// last one (none at the root). Host names (`whole` null) are literal. IRI text of a `file` or
+// `memory` IRI is split at its literal "/" first and each segment decoded on its own, so that an
+// escape never adds a separator nor becomes a dot segment once dots are resolved: "%2E" and
+// "%2E%2E" are "." and ".."; a name holding "/" (%2F) cannot exist there and is refused, as NUL is.
+void applySegments(std::vector<std::u16string>& segments, std::u16string const& text,
+                   std::u16string const* whole = nullptr) {
     std::size_t start = 0;
     while (start <= text.size()) {
         std::size_t end = text.find(u'/', start);
         if (end == std::u16string::npos) {
             end = text.size();
         }
-        std::u16string segment = decodePath(text.substr(start, end - start), whole);
-        if (segment.find(u'/') != std::u16string::npos) {
-            throw InvalidIRIException(whole);
+        std::u16string segment = text.substr(start, end - start);
+        if (whole) {
+            segment = decodePath(segment, *whole);
+            if (segment.find(u'/') != std::u16string::npos) {
+                throw InvalidIRIException(*whole);
+            }
         }
-        applySegment(segments, std::move(segment));
+        if (segment == u"..") {
+            if (!segments.empty()) {
+                segments.pop_back();
+            }
+        } else if (!segment.empty() && segment != u".") {
+            segments.push_back(std::move(segment));
+        }
         start = end + 1;
     }
 }
@@ -272,7 +258,7 @@ AbsoluteIRI::AbsoluteIRI(std::u16string const& text) {
     if (text.compare(length + 1, 3, u"///") != 0) {
         throw InvalidIRIException(text);
     }
-    applyPathText(segments_, text.substr(length + 3), text);
+    applySegments(segments_, text.substr(length + 3), &text);
 }
 
 AbsoluteIRI::AbsoluteIRI(AbsoluteIRI const& base, std::u16string const& relative)
@@ -285,7 +271,7 @@ AbsoluteIRI::AbsoluteIRI(AbsoluteIRI const& base, std::u16string const& relative
         checkKeyLength(segments_, relative);
         return;
     }
-    applyPathText(segments_, relative, relative);
+    applySegments(segments_, relative, &relative);
 }
 
 std::u16string AbsoluteIRI::toString() const {
