@@ -22,8 +22,8 @@ namespace stratum::storage::vfs {
 ///
 /// Containment: every storage operation on an IRI touches exactly the item its segments name
 /// (for `file`, the host path `fromAbsoluteIRI` gives, which is `getPath()`) and nothing else.
-/// In particular an IRI whose un-encoded text starts with a folder's IRI and adds no literal
-/// ".." segment names that folder or an item below it, whatever its escapes decode to.
+/// In particular an IRI whose text starts with a folder's IRI and adds no whole ".." segment
+/// (plain or escaped) names that folder or an item below it, whatever its escapes decode to.
 ///
 /// `s3` IRIs name objects the way object-store users write them, `s3://bucket/reports/q3.pkg`:
 /// the authority is the bucket (3 to 63 of a-z 0-9 "." "-", a letter or digit at both ends)
@@ -47,17 +47,18 @@ public:
     /// Parses IRI text. Throws `InvalidIRIException` for malformed text: no scheme, no "//",
     /// a non-empty authority, a relative or missing path, an invalid percent-escape ("%" not
     /// followed by two hex digits), escapes that decode to invalid UTF-8 or to NUL, a literal
-    /// NUL, invalid UTF-16 (a lone surrogate), or (not for `s3`) an escaped "/" in a segment. Throws `UnsupportedIRISchemeException` for a
-    /// well-formed scheme that no provider serves (see `isKnownIRIScheme`). Space, "#", "?"
-    /// and control characters in the text are taken literally as part of the path.
+    /// NUL, invalid UTF-16 (a lone surrogate), or (not for `s3`) an escaped "/" in a segment.
+    /// Throws `UnsupportedIRISchemeException` for a well-formed scheme that no provider serves
+    /// (see `isKnownIRIScheme`). Space, "#", "?" and control characters in the text are taken
+    /// literally as part of the path.
     explicit AbsoluteIRI(std::u16string const& text);
 
     /// `relative` appended to `base` as child segments ("/" separates them; leading, trailing
     /// and repeated slashes are ignored), then "." and ".." resolved; ".." at the root stays at
     /// the root. For `s3` the text is key text, split literally as the class comment says.
-    /// `relative` is IRI text: it is split and decoded as the class comment says, so an escaped
-    /// "/" or dot never climbs out of `base`, and it throws `InvalidIRIException` (naming
-    /// `relative`) on the same faults as the constructor above.
+    /// `relative` is IRI text: it is split and decoded as the class comment says, so only a
+    /// whole ".." segment (plain or escaped) climbs above `base`, and it throws
+    /// `InvalidIRIException` (naming `relative`) on the same faults as the constructor above.
     AbsoluteIRI(AbsoluteIRI const& base, std::u16string const& relative);
 
     /// Canonical text: the scheme as written, "://", the authority, then "/"-joined segments, each
