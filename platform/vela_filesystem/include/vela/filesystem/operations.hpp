@@ -7,6 +7,7 @@
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 /// Queries and changes on the host file system (Linux, POSIX calls).
@@ -137,6 +138,10 @@ VELA_FS_API void rename(path const& from, path const& to, rename_options options
 /// - `rename` of the staged file, when it is still the file `copy_file` made and flushed (same
 ///   device, inode, size, mode and times), does not flush its data a second time; the folder
 ///   fsync after the rename makes both names durable, so the owed flush is settled by it.
+/// - A file whose permissions were changed in the scope (a read-only target made writable for
+///   the rename) counts with the mode it had before: a regular file renamed over it takes that
+///   mode exactly, so the new file is never wider than the old one and needs no narrowing later.
+/// - A cleanup given to `on_abandon` runs when the scope ends before `close()`.
 /// Scopes nest; only the outermost one stages and settles.
 class VELA_FS_API staged_rename_scope {
 public:
@@ -148,6 +153,11 @@ public:
     /// Marks `temporary` as the staged name when a scope lives on this thread and none has
     /// been staged in it yet; otherwise does nothing.
     static void stage(path const& temporary);
+
+    /// Registers what removes the temporary item when the scope ends without `close()` (a
+    /// failed commit); only the first registration of the outermost scope counts, and none
+    /// after `close()` or without a scope. Its failures are ignored.
+    static void on_abandon(std::function<void()> cleanup);
 
     /// Ends the staging early, once the staged file is in place: pays an owed folder flush
     /// (throwing on failure) and stages nothing more, so that code run later in the scope
