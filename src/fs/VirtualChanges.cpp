@@ -9,6 +9,8 @@
 #include <stratum/storage/vfs/IRI.hpp>
 #include <stratum/storage/vfs/Operations.hpp>
 
+#include <typeinfo>
+
 namespace opc {
 namespace {
 
@@ -38,6 +40,14 @@ std::pair<store::FileOrFolder, store::FileOrFolder> pairOf(std::u16string const&
         return {std::move(src), store::FileOrFolder(store::File(to, storage))};
     return {std::move(src), store::FileOrFolder(store::Folder(to, storage))};
 }
+
+// Another virtual back end over another storage system: seen through this type of its own, it
+// is no longer of the target's type, so the commit streams its file across instead of copying
+// the same IRI within the target's storage.
+class OtherStorageOps final : public VirtualFileSystemOps {
+public:
+    using VirtualFileSystemOps::VirtualFileSystemOps;
+};
 
 } // namespace
 
@@ -87,6 +97,12 @@ void VirtualFileSystemOps::doReplaceFileWithBackup(const std::u16string& targetP
                                                    const std::u16string& sourcePath, const CommitOptions& options,
                                                    std::string& detail, error_code& ec) {
     guarded(detail, ec, [&] {
+        auto* const other = dynamic_cast<VirtualFileSystemOps*>(&sourceOps);
+        if (other != nullptr && typeid(*other) == typeid(*this) && other->getStorageSystem() != m_storage) {
+            OtherStorageOps elsewhere(other->getStorageSystem());
+            detail::commitAndReport(*this, targetPath, elsewhere, sourcePath, options, detail, ec);
+            return;
+        }
         detail::commitAndReport(*this, targetPath, sourceOps, sourcePath, options, detail, ec);
     });
 }
