@@ -3,11 +3,14 @@
 
 #include "commit/CommitReport.hpp"
 #include <opc/Exception.hpp>
+#include <opc/Text.hpp>
 #include <opc/VirtualFileSystemOps.hpp>
 
 #include <stratum/storage/vfs/File.hpp>
 #include <stratum/storage/vfs/IRI.hpp>
+#include <stratum/storage/vfs/Exception.hpp>
 #include <stratum/storage/vfs/Operations.hpp>
+#include <vela/filesystem/operations.hpp>
 
 #include <typeinfo>
 
@@ -39,6 +42,23 @@ std::pair<store::FileOrFolder, store::FileOrFolder> pairOf(std::u16string const&
     if (std::holds_alternative<store::File>(src))
         return {std::move(src), store::FileOrFolder(store::File(to, storage))};
     return {std::move(src), store::FileOrFolder(store::Folder(to, storage))};
+}
+
+// Inside a commit, a file moved over one that was read-only before the commit made it writable
+// is made read-only first, so that the new file is never left wider than the old one and
+// nothing is left to narrow after the move. The host keeps the modes of file: items itself;
+// where the storage cannot mark the file, the move goes ahead as before.
+void keepEarlierReadOnly(store::FileOrFolder const& source, std::u16string const& destination) {
+    store::AbsoluteIRI const iri(destination);
+    std::uint32_t earlier = 0;
+    if (!std::holds_alternative<store::File>(source) || iri.getScheme() == u"file" ||
+        !vela::filesystem::staged_rename_scope::remembered_mode(toUDEString(iri.toString()), earlier) ||
+        (earlier & 0222) != 0)
+        return;
+    try {
+        store::setWritable(source, false);
+    } catch (store::Exception const&) {
+    }
 }
 
 // Another virtual back end over another storage system: seen through this type of its own, it
@@ -80,6 +100,7 @@ void VirtualFileSystemOps::doRename(const std::u16string& from, const std::u16st
     // Unlike copy, a rename always replaces an existing destination.
     guarded(detail, ec, [&] {
         auto const [source, destination] = pairOf(from, to, m_storage);
+        keepEarlierReadOnly(source, to);
         store::move(source, destination, provider::ReplacementPolicy(kReplaceDestination));
     });
 }

@@ -147,4 +147,19 @@ void staged_rename_scope::on_abandon(std::function<void()> cleanup) {
     sys::state.cleanup = std::move(cleanup);
 }
 
+void staged_rename_scope::remember_mode(std::string const& key, std::function<std::uint32_t()> const& read) {
+    mode_t unused = 0;
+    if (sys::state.depth == 0 || sys::mode_before_change(key, unused))
+        return;
+    sys::note_mode_change(key, static_cast<mode_t>(read()));
+}
+
+bool staged_rename_scope::remembered_mode(std::string const& key, std::uint32_t& mode) {
+    mode_t kept = 0;
+    if (!sys::mode_before_change(key, kept))
+        return false;
+    mode = kept;
+    return true;
+}
+
 } // namespace vela::filesystem

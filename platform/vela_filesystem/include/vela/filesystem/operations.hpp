@@ -159,6 +159,13 @@ public:
     /// after `close()` or without a scope. Its failures are ignored.
     static void on_abandon(std::function<void()> cleanup);
 
+    /// For a back end whose items are not host files: inside a scope, keeps the mode `read`
+    /// gives for `key` (its name for an item whose permissions it is about to change) unless
+    /// one is kept already; `read` is called only then. `remembered_mode` gives it back; both
+    /// do nothing (false) without a scope.
+    static void remember_mode(std::string const& key, std::function<std::uint32_t()> const& read);
+    static bool remembered_mode(std::string const& key, std::uint32_t& mode);
+
     /// Ends the staging early, once the staged file is in place: pays an owed folder flush
     /// (throwing on failure) and stages nothing more, so that code run later in the scope
     /// copies and renames as usual.
