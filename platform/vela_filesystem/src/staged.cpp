@@ -136,10 +136,6 @@ void staged_rename_scope::stage(path const& temporary) {
     sys::state.name = temporary.access_form();
 }
 
-} // namespace vela::filesystem
-
-namespace vela::filesystem {
-
 void staged_rename_scope::on_abandon(std::function<void()> cleanup) {
     if (sys::state.depth == 0 || sys::state.cleanup_taken)
         return;

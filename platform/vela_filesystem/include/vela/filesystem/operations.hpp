@@ -116,17 +116,17 @@ struct rename_options {
 };
 
 /// Renames `from` to `to`: atomic on one file system; an existing destination file or link is
-/// replaced, an empty destination folder too; a file onto a folder is `FileIsDirectory`. With
-/// default options there is no fallback (across file systems: `SystemError` with EXDEV).
-/// Durable: the data of a moved regular file is synced first, then the name is changed, then
-/// the destination's folder is fsync-ed, and the source's folder too when it differs. Before
-/// a regular file replaces a regular file (or a link to one), the moved file loses every
-/// permission bit that the replaced file lacked, so the destination is never wider than it
-/// was. Any failed step throws and leaves the destination as it was: an existing file or link
-/// is exchanged with the source (renameat2 RENAME_EXCHANGE) and exchanged back on failure, and
-/// its old content is removed only when all is durable. Where the file system cannot exchange,
-/// a plain rename is made and a failed folder sync after it is reported with the new file in
-/// place.
+/// replaced, an empty destination folder too; a file onto a folder is `FileIsDirectory`, a folder
+/// onto a file `NotDirectoryError`. With default options there is no fallback (across file systems:
+/// `SystemError` with EXDEV). Durable: the data of a moved regular file is synced first, then the
+/// name is changed, then the destination's folder is fsync-ed, and the source's folder too when it
+/// differs. Before a regular file replaces a regular file (or a link to one), the moved file loses
+/// every permission bit that the replaced file lacked, so the destination is never wider than it
+/// was (inside a `staged_rename_scope`, than it was before the scope changed its permissions). Any
+/// failed step throws and leaves the destination as it was: an existing file or link is exchanged
+/// with the source (renameat2 RENAME_EXCHANGE) and exchanged back on failure, and its old content
+/// is removed only when all is durable. Where the file system cannot exchange, a plain rename is
+/// made and a failed folder sync after it is reported with the new file in place.
 VELA_FS_API void rename(path const& from, path const& to, rename_options options = {});
 
 /// For a caller that copies into a fresh temporary name and renames that file into place at
