@@ -6,9 +6,9 @@
 #include <opc/Text.hpp>
 #include <opc/VirtualFileSystemOps.hpp>
 
+#include <stratum/storage/vfs/Exception.hpp>
 #include <stratum/storage/vfs/File.hpp>
 #include <stratum/storage/vfs/IRI.hpp>
-#include <stratum/storage/vfs/Exception.hpp>
 #include <stratum/storage/vfs/Operations.hpp>
 #include <vela/filesystem/operations.hpp>
 
