@@ -221,7 +221,9 @@ public:
 
     /// Replaces the target file of this back end by `sourcePath` read through `sourceOps`,
     /// through a temporary file beside the target and one rename, keeping a backup as the
-    /// options say. The target never holds half a file.
+    /// options say. The target never holds half a file. Through the library's back ends a source
+    /// that is a folder or missing is refused before anything is written, and a failed commit
+    /// leaves no temporary file beside the target.
     void replaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,
                                const std::u16string& sourcePath, const CommitOptions& options);
     /// Error-code form.

@@ -126,7 +126,8 @@ protected:
     /// path is not an error.
     void doRemoveAll(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// `opc::replaceFileWithBackup` with this object as the target back end. Its `opc::Exception`
-    /// comes back as detail and code unchanged (a cleared code included).
+    /// comes back as detail and code unchanged (a cleared code included). A source that is a
+    /// folder or missing is refused first, with nothing written.
     void doReplaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,
                                  const std::u16string& sourcePath, const CommitOptions& options,
                                  std::string& detail, error_code& ec) override;

@@ -106,7 +106,7 @@ protected:
                 std::string& detail, error_code& ec) override;
     /// Always replaces an existing file, durably (data synced before the name, the folders
     /// after it) and without widening its permissions (`file:`); a file never replaces a
-    /// folder (`file_exists`, nothing removed).
+    /// folder, nor a folder a file (`file_exists`, nothing removed).
     void doRename(const std::u16string& from, const std::u16string& to, std::string& detail,
                   error_code& ec) override;
     /// A file or an empty folder; a non-empty folder fails with `directory_not_empty`.
@@ -114,7 +114,9 @@ protected:
     /// A file, or a folder with everything in it.
     void doRemoveAll(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// `opc::replaceFileWithBackup` with this back end as the target's; its exception's text and
-    /// code come back unchanged.
+    /// code come back unchanged. A source that is a folder or missing is refused first, with
+    /// nothing written; a source of another `VirtualFileSystemOps` over another storage system
+    /// is read from that storage (streamed across).
     void doReplaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,
                                  const std::u16string& sourcePath, const CommitOptions& options,
                                  std::string& detail, error_code& ec) override;

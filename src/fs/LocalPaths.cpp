@@ -24,6 +24,8 @@ std::u16string LocalFileSystemOps::doGetTempName(const std::u16string& folder, s
         std::u16string name = util::getTempName(folder, std::u16string(), std::u16string());
         // Inside a commit of this back end the first name handed out is its temporary file.
         host::staged_rename_scope::stage(host::path(name));
+        // If that commit fails before its rename, whatever its copy left there goes.
+        host::staged_rename_scope::on_abandon([name] { host::remove_all(host::path(name)); });
         return name;
     });
 }

@@ -3,11 +3,16 @@
 
 #include "commit/CommitReport.hpp"
 #include <opc/Exception.hpp>
+#include <opc/Text.hpp>
 #include <opc/VirtualFileSystemOps.hpp>
 
+#include <stratum/storage/vfs/Exception.hpp>
 #include <stratum/storage/vfs/File.hpp>
 #include <stratum/storage/vfs/IRI.hpp>
 #include <stratum/storage/vfs/Operations.hpp>
+#include <vela/filesystem/operations.hpp>
+
+#include <typeinfo>
 
 namespace opc {
 namespace {
@@ -38,6 +43,31 @@ std::pair<store::FileOrFolder, store::FileOrFolder> pairOf(std::u16string const&
         return {std::move(src), store::FileOrFolder(store::File(to, storage))};
     return {std::move(src), store::FileOrFolder(store::Folder(to, storage))};
 }
+
+// Inside a commit, a file moved over one that was read-only before the commit made it writable
+// is made read-only first, so that the new file is never left wider than the old one and
+// nothing is left to narrow after the move. The host keeps the modes of file: items itself;
+// where the storage cannot mark the file, the move goes ahead as before.
+void keepEarlierReadOnly(store::FileOrFolder const& source, std::u16string const& destination) {
+    store::AbsoluteIRI const iri(destination);
+    std::uint32_t earlier = 0;
+    if (!std::holds_alternative<store::File>(source) || iri.getScheme() == u"file" ||
+        !vela::filesystem::staged_rename_scope::remembered_mode(toUDEString(iri.toString()), earlier) ||
+        (earlier & 0222) != 0)
+        return;
+    try {
+        store::setWritable(source, false);
+    } catch (store::Exception const&) {
+    }
+}
+
+// Another virtual back end over another storage system: seen through this type of its own, it
+// is no longer of the target's type, so the commit streams its file across instead of copying
+// the same IRI within the target's storage.
+class OtherStorageOps final : public VirtualFileSystemOps {
+public:
+    using VirtualFileSystemOps::VirtualFileSystemOps;
+};
 
 } // namespace
 
@@ -70,6 +100,7 @@ void VirtualFileSystemOps::doRename(const std::u16string& from, const std::u16st
     // Unlike copy, a rename always replaces an existing destination.
     guarded(detail, ec, [&] {
         auto const [source, destination] = pairOf(from, to, m_storage);
+        keepEarlierReadOnly(source, to);
         store::move(source, destination, provider::ReplacementPolicy(kReplaceDestination));
     });
 }
@@ -87,6 +118,12 @@ void VirtualFileSystemOps::doReplaceFileWithBackup(const std::u16string& targetP
                                                    const std::u16string& sourcePath, const CommitOptions& options,
                                                    std::string& detail, error_code& ec) {
     guarded(detail, ec, [&] {
+        auto* const other = dynamic_cast<VirtualFileSystemOps*>(&sourceOps);
+        if (other != nullptr && typeid(*other) == typeid(*this) && other->getStorageSystem() != m_storage) {
+            OtherStorageOps elsewhere(other->getStorageSystem());
+            detail::commitAndReport(*this, targetPath, elsewhere, sourcePath, options, detail, ec);
+            return;
+        }
         detail::commitAndReport(*this, targetPath, sourceOps, sourcePath, options, detail, ec);
     });
 }

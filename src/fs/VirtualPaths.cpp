@@ -4,7 +4,10 @@
 #include <opc/VirtualFileSystemOps.hpp>
 #include <opc/util/Temp.hpp>
 
+#include <stratum/storage/vfs/File.hpp>
 #include <stratum/storage/vfs/IRI.hpp>
+#include <stratum/storage/vfs/Operations.hpp>
+#include <vela/filesystem/operations.hpp>
 #include <vela/filesystem/path.hpp>
 #include <vela/filesystem/temp.hpp>
 
@@ -52,6 +55,13 @@ std::u16string VirtualFileSystemOps::doGetTempName(const std::u16string& folder,
                 hostfs::detail::make_generic_form(hostfs::detail::make_native_form(name, true));
             candidate = base.getChild(generic.substr(generic.rfind(u'/') + 1)).toString();
         } while (doExists(candidate, detail, ec));
+        // Inside a commit the first name handed out is its temporary item: if the commit fails
+        // before its rename, whatever its copy left there (a partial file, a copied folder) goes.
+        hostfs::staged_rename_scope::on_abandon([storage = m_storage, name = candidate] {
+            store::AbsoluteIRI const iri(name);
+            if (store::exists(iri, storage) != stratum::storage::provider::NoItem)
+                store::remove(store::makeFileOrFolder(iri, storage), store::RemoveRecursively);
+        });
         return true;
     });
     return made ? candidate : std::u16string();

@@ -1,12 +1,14 @@
 // The virtual back end: existence, attributes and listings.
 #include "fs/VirtualTranslate.hpp"
 
+#include <opc/Text.hpp>
 #include <opc/VirtualFileSystemOps.hpp>
 
 #include <stratum/storage/vfs/Exception.hpp>
 #include <stratum/storage/vfs/File.hpp>
 #include <stratum/storage/vfs/IRI.hpp>
 #include <stratum/storage/vfs/Operations.hpp>
+#include <vela/filesystem/operations.hpp>
 
 namespace opc {
 namespace {
@@ -57,7 +59,17 @@ Perms::Perms_tag VirtualFileSystemOps::doGetPermissions(const std::u16string& pa
 
 void VirtualFileSystemOps::doSetPermissions(const std::u16string& path, Perms::Perms_tag perms,
                                             std::string& detail, error_code& ec) {
-    guarded(detail, ec, [&] { store::setWritable(item(path, m_storage), (perms & kAnyWrite) != 0); });
+    guarded(detail, ec, [&] {
+        store::AbsoluteIRI const iri(path);
+        store::FileOrFolder const target = store::makeFileOrFolder(iri, m_storage);
+        // Inside a commit: what the item was before, for a file later renamed over it (see
+        // doRename). The host keeps the modes of file: items itself.
+        if (iri.getScheme() != u"file")
+            vela::filesystem::staged_rename_scope::remember_mode(toUDEString(iri.toString()), [&] {
+                return std::uint32_t(store::isWritable(target) ? kWritable : kReadOnly);
+            });
+        store::setWritable(target, (perms & kAnyWrite) != 0);
+    });
 }
 
 FileSystemOps::ptime VirtualFileSystemOps::doGetLastModifiedTime(const std::u16string& path, std::string& detail,

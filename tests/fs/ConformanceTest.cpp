@@ -2,6 +2,7 @@
 // every back end, with an oracle over generated trees.
 #include "fs/Suite.hpp"
 
+#include <opc/Commit.hpp>
 #include <opc/CommitOptions.hpp>
 #include <opc/FileSystemOpsSelector.hpp>
 
@@ -202,6 +203,12 @@ TEST_P(Conformance, RefusalsCarryTheirCodeAndChangeNothing) {
         OPC_ROW(ops().copy(at("file"), at("full"), Overwrite, ec), 0),
         OPC_ROW(ops().replaceFileWithBackup(at("empty"), ops(), at("file"), {}, ec), 0),
         OPC_ROW(ops().replaceFileWithBackup(at("full"), ops(), at("file"), {}, ec), 0),
+        // Nor a folder a file; a commit from a folder or from nothing leaves nothing beside.
+        OPC_ROW(ops().rename(at("empty"), at("file"), ec), 0),
+        OPC_ROW(ops().rename(at("full"), at("file"), ec), 0),
+        OPC_ROW(ops().replaceFileWithBackup(at("file"), ops(), at("full"), {}, ec), errc::is_a_directory),
+        OPC_ROW(ops().replaceFileWithBackup(at("file"), ops(), at("missing"), {}, ec), errc::no_such_file_or_directory),
+        OPC_ROW(try { replaceFileWithBackup(ops(), at("file"), ops(), at("full"), {}); } catch (Exception const& e) { ec = e.code(); }, 0),
     };
 #undef OPC_ROW
     for (std::size_t i = 0; i < std::size(rows); ++i) {
@@ -211,6 +218,7 @@ TEST_P(Conformance, RefusalsCarryTheirCodeAndChangeNothing) {
         expectFailure(ec, rows[i].second);
     }
     EXPECT_EQ(listing(m_root), before);
+    EXPECT_NE(thrown([&] { ops().replaceFileWithBackup(at("file"), ops(), at("full"), {}); }).first.find("a folder, not a file: " + toUDEString(at("full"))), std::string::npos);
     EXPECT_TRUE(ops().isFolder(at("empty")) && !ops().exists(at("no")) && !ops().exists(at("c")));
     EXPECT_EQ(read(at("file")) + read(at("full/inner/f")), "xf");
 }
@@ -315,6 +323,14 @@ TEST_P(Conformance, CommitReplacesKeepsABackupAndReportsThroughTheFrame) {
     keep.backupCreatedFcn([](P) { throw Exception("noted", error_code()); });
     ops().replaceFileWithBackup(target, local, source, keep, ec);
     EXPECT_FALSE(ec.failed()) << ec.message();
+    if (GetParam().scheme == u"memory") { // another storage system's file of the same IRI, never this one's
+        VirtualFileSystemOps elsewhere{StorageSystemReference()};
+        elsewhere.createFolders(m_root);
+        writeThrough(elsewhere, at("new.pkg"), "theirs");
+        write(at("new.pkg"), "ours");
+        ops().replaceFileWithBackup(target, elsewhere, at("new.pkg"), CommitOptions());
+        EXPECT_EQ(read(target), "theirs");
+    }
     if (!caps().symlinks) return;
     writeFile(host("outside"), "kept", 0600); // over a link to a 0600 file: a 0600 file, never 0777
     ops().createSymlink(u"outside", at("link"));

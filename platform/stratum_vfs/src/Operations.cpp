@@ -126,6 +126,14 @@ void refuseFileOverFolder(ItemKind kind, Place const& destination, ItemKind dest
     }
 }
 
+// Nor does a moved folder take the place of a file (as rename(2) refuses with ENOTDIR): the
+// file would be lost, and a folder stand where a file is expected.
+void refuseFolderOverFile(ItemKind kind, Place const& destination, ItemKind destinationKind) {
+    if (kind == provider::FolderItem && destinationKind == provider::FileItem) {
+        throw Exception(ErrorCode::FileExists, destination.iri, "a file cannot be replaced by a folder");
+    }
+}
+
 // The checks copy and move share. Returns false when source and destination are the same
 // item (nothing to do); throws for overlapping trees.
 bool checkPair(Place const& source, ItemKind kind, Place const& destination, ItemKind destinationKind) {
@@ -215,6 +223,7 @@ void move(FileOrFolder const& source, FileOrFolder const& destination, provider:
         throw Exception(ErrorCode::FileExists, to.iri);
     }
     refuseFileOverFolder(kind, to, destinationKind);
+    refuseFolderOverFile(kind, to, destinationKind);
     requireParentFolder(to);
     // A file over a file is left to the rename or the copy, which replace it in one step.
     if (kind == provider::FolderItem && destinationKind != provider::NoItem) {

@@ -24,6 +24,8 @@ void permissions(path const& p, std::uint32_t bits) {
     // path was checked above, so a missing one is still reported.
     if (bits & file_status::link_perms)
         return;
+    if (S_ISREG(st.st_mode))
+        sys::note_mode_change(access, st.st_mode & 07777);
     if (::fchmodat(AT_FDCWD, access.c_str(), mode, 0) != 0)
         sys::fail(p);
 }

@@ -106,13 +106,16 @@ void move_into_place(std::string const& from, std::string const& to, std::u16str
 
     // 2. No moment with the destination wider than before: take away the bits the replaced file
     //    (or the file behind a link there) lacks. Bits that cannot be read cannot be kept
-    //    within, so that refuses the rename; a link that leads nowhere replaces no bits.
+    //    within, so that refuses the rename; a link that leads nowhere replaces no bits. A file
+    //    made writable only for this rename (in a staged scope) passes on its earlier mode as
+    //    it is, so that nothing is left to narrow after the rename.
     mode_t const before = source.st_mode & 07777;
     mode_t after = before;
     if (how.narrow && how.replace && regular && present) {
         if (::stat(to.c_str(), &behind) == 0) {
+            mode_t earlier = 0;
             if (S_ISREG(behind.st_mode))
-                after = before & behind.st_mode;
+                after = mode_before_change(to, earlier) ? earlier : before & behind.st_mode;
         } else if (errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {
             throw_from_errno(errno, to_name);
         }
@@ -147,7 +150,7 @@ void move_into_place(std::string const& from, std::string const& to, std::u16str
             back = undo::exchange;
     } catch (...) {
         if (after != before)
-            ::chmod(from.c_str(), before); // only ever narrower; the rename's failure is the report
+            ::chmod(from.c_str(), before); // the moved file's own mode; the rename's failure is the report
         throw;
     }
 

@@ -3,7 +3,10 @@
 
 #include <vela/filesystem/operations.hpp>
 
+#include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace vela::filesystem {
 
@@ -17,10 +20,16 @@ struct staged_state {
     bool flushed = false; // copy_file made it and flushed its data
     struct stat identity; // its status right after that flush
     bool folder_owed = false;
+    // Modes of files as they were before their first permission change in the scope.
+    std::vector<std::pair<std::string, mode_t>> modes;
+    std::function<void()> cleanup; // what to remove if the scope ends before `close`
+    bool cleanup_taken = false;
 
     void reset() {
-        staged = flushed = folder_owed = false;
+        staged = flushed = folder_owed = cleanup_taken = false;
         name.clear();
+        modes.clear();
+        cleanup = nullptr;
     }
 };
 
@@ -65,6 +74,24 @@ bool take_staged(std::string const& access, struct stat const& st) {
     return false;
 }
 
+void note_mode_change(std::string const& access, mode_t mode) {
+    if (state.depth == 0)
+        return;
+    for (auto const& known : state.modes)
+        if (known.first == access)
+            return;
+    state.modes.emplace_back(access, mode);
+}
+
+bool mode_before_change(std::string const& access, mode_t& mode) {
+    for (auto const& known : state.modes)
+        if (known.first == access) {
+            mode = known.second;
+            return true;
+        }
+    return false;
+}
+
 } // namespace sys
 
 staged_rename_scope::staged_rename_scope() {
@@ -79,7 +106,16 @@ staged_rename_scope::~staged_rename_scope() {
         sys::settle_owed();
     } catch (...) {
         // Only reached when the staged file was made but never renamed: the caller is already
-        // failing and removes it.
+        // failing, and the cleanup below removes it.
+    }
+    // Ended before `close`: the commit failed before its rename, and what it made under its
+    // temporary name is litter (a partial file on a full disk holds the very space it lacked).
+    if (sys::state.cleanup) {
+        try {
+            sys::state.cleanup();
+        } catch (...) {
+            // The commit's own failure is the one being reported.
+        }
     }
     sys::state.reset();
 }
@@ -90,6 +126,7 @@ void staged_rename_scope::close() {
     sys::settle_owed();
     sys::state.reset();
     sys::state.staged = true; // with no name: nothing more is staged
+    sys::state.cleanup_taken = true;
 }
 
 void staged_rename_scope::stage(path const& temporary) {
@@ -97,6 +134,28 @@ void staged_rename_scope::stage(path const& temporary) {
         return;
     sys::state.staged = true;
     sys::state.name = temporary.access_form();
+}
+
+void staged_rename_scope::on_abandon(std::function<void()> cleanup) {
+    if (sys::state.depth == 0 || sys::state.cleanup_taken)
+        return;
+    sys::state.cleanup_taken = true;
+    sys::state.cleanup = std::move(cleanup);
+}
+
+void staged_rename_scope::remember_mode(std::string const& key, std::function<std::uint32_t()> const& read) {
+    mode_t unused = 0;
+    if (sys::state.depth == 0 || sys::mode_before_change(key, unused))
+        return;
+    sys::note_mode_change(key, static_cast<mode_t>(read()));
+}
+
+bool staged_rename_scope::remembered_mode(std::string const& key, std::uint32_t& mode) {
+    mode_t kept = 0;
+    if (!sys::mode_before_change(key, kept))
+        return false;
+    mode = kept;
+    return true;
 }
 
 } // namespace vela::filesystem

@@ -108,4 +108,9 @@ void note_flushed(std::string const& access, struct stat const& st);
 bool take_staged(std::string const& access, struct stat const& st);
 void settle_owed();
 
+/// Inside a scope, `note_mode_change` keeps the mode `access` has before its first permission
+/// change there; `mode_before_change` gives it back (false when it was not changed).
+void note_mode_change(std::string const& access, mode_t mode);
+bool mode_before_change(std::string const& access, mode_t& mode);
+
 } // namespace vela::filesystem::sys

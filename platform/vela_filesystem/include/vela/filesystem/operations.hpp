@@ -7,6 +7,7 @@
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 /// Queries and changes on the host file system (Linux, POSIX calls).
@@ -115,17 +116,17 @@ struct rename_options {
 };
 
 /// Renames `from` to `to`: atomic on one file system; an existing destination file or link is
-/// replaced, an empty destination folder too; a file onto a folder is `FileIsDirectory`. With
-/// default options there is no fallback (across file systems: `SystemError` with EXDEV).
-/// Durable: the data of a moved regular file is synced first, then the name is changed, then
-/// the destination's folder is fsync-ed, and the source's folder too when it differs. Before
-/// a regular file replaces a regular file (or a link to one), the moved file loses every
-/// permission bit that the replaced file lacked, so the destination is never wider than it
-/// was. Any failed step throws and leaves the destination as it was: an existing file or link
-/// is exchanged with the source (renameat2 RENAME_EXCHANGE) and exchanged back on failure, and
-/// its old content is removed only when all is durable. Where the file system cannot exchange,
-/// a plain rename is made and a failed folder sync after it is reported with the new file in
-/// place.
+/// replaced, an empty destination folder too; a file onto a folder is `FileIsDirectory`, a folder
+/// onto a file `NotDirectoryError`. With default options there is no fallback (across file systems:
+/// `SystemError` with EXDEV). Durable: the data of a moved regular file is synced first, then the
+/// name is changed, then the destination's folder is fsync-ed, and the source's folder too when it
+/// differs. Before a regular file replaces a regular file (or a link to one), the moved file loses
+/// every permission bit that the replaced file lacked, so the destination is never wider than it
+/// was (inside a `staged_rename_scope`, than it was before the scope changed its permissions). Any
+/// failed step throws and leaves the destination as it was: an existing file or link is exchanged
+/// with the source (renameat2 RENAME_EXCHANGE) and exchanged back on failure, and its old content
+/// is removed only when all is durable. Where the file system cannot exchange, a plain rename is
+/// made and a failed folder sync after it is reported with the new file in place.
 VELA_FS_API void rename(path const& from, path const& to, rename_options options = {});
 
 /// For a caller that copies into a fresh temporary name and renames that file into place at
@@ -137,6 +138,10 @@ VELA_FS_API void rename(path const& from, path const& to, rename_options options
 /// - `rename` of the staged file, when it is still the file `copy_file` made and flushed (same
 ///   device, inode, size, mode and times), does not flush its data a second time; the folder
 ///   fsync after the rename makes both names durable, so the owed flush is settled by it.
+/// - A file whose permissions were changed in the scope (a read-only target made writable for
+///   the rename) counts with the mode it had before: a regular file renamed over it takes that
+///   mode exactly, so the new file is never wider than the old one and needs no narrowing later.
+/// - A cleanup given to `on_abandon` runs when the scope ends before `close()`.
 /// Scopes nest; only the outermost one stages and settles.
 class VELA_FS_API staged_rename_scope {
 public:
@@ -148,6 +153,18 @@ public:
     /// Marks `temporary` as the staged name when a scope lives on this thread and none has
     /// been staged in it yet; otherwise does nothing.
     static void stage(path const& temporary);
+
+    /// Registers what removes the temporary item when the scope ends without `close()` (a
+    /// failed commit); only the first registration of the outermost scope counts, and none
+    /// after `close()` or without a scope. Its failures are ignored.
+    static void on_abandon(std::function<void()> cleanup);
+
+    /// For a back end whose items are not host files: inside a scope, keeps the mode `read`
+    /// gives for `key` (its name for an item whose permissions it is about to change) unless
+    /// one is kept already; `read` is called only then. `remembered_mode` gives it back; both
+    /// do nothing (false) without a scope.
+    static void remember_mode(std::string const& key, std::function<std::uint32_t()> const& read);
+    static bool remembered_mode(std::string const& key, std::uint32_t& mode);
 
     /// Ends the staging early, once the staged file is in place: pays an owed folder flush
     /// (throwing on failure) and stages nothing more, so that code run later in the scope

@@ -64,7 +64,8 @@ STRATUM_API void copy(FileOrFolder const& source, FileOrFolder const& destinatio
 /// is a rename: a file replacing a file is atomic where the back end is and durable (see the
 /// provider's `rename`), a folder keeps its contents without copying. Across providers it is a
 /// copy (a file as `copy` puts it in place) followed by the removal of the source. A file
-/// never replaces a folder. Moving an item onto itself changes nothing; into itself, `ErrorCode::NotSupported`.
+/// never replaces a folder, and a folder never replaces a file (`ErrorCode::FileExists`). Moving
+/// an item onto itself changes nothing; into itself, `ErrorCode::NotSupported`.
 STRATUM_API void move(FileOrFolder const& source, FileOrFolder const& destination,
                       provider::ReplacementPolicy policy);
 
