@@ -169,6 +169,8 @@ TEST_P(Conformance, RefusalsCarryTheirCodeAndChangeNothing) {
     write(at("full/inner/f"), "f");
     std::vector<std::u16string> files;
     auto const before = listing(m_root);
+    // No parent folder: a missing one, or where folders are implicit a file.
+    std::string const orphan = caps().explicitFolders ? "no/f" : "file/f";
     using Call = std::function<void(error_code&)>;
 #define OPC_ROW(call, code) {[&](error_code& ec) { call; }, errc::errc_t(code)}
     std::pair<Call, errc::errc_t> const rows[] = {
@@ -178,15 +180,15 @@ TEST_P(Conformance, RefusalsCarryTheirCodeAndChangeNothing) {
         OPC_ROW(ops().getFiles(at("missing"), files, true, ec), errc::no_such_file_or_directory),
         OPC_ROW(ops().getFiles(at("file"), files, true, ec), errc::not_a_directory),
         OPC_ROW(ops().createInputStream(at("missing"), OpenMode::ReadBinary, ec), errc::no_such_file_or_directory),
-        OPC_ROW(ops().createOutputStream(at("no/f"), OpenMode::WriteBinary, ec), errc::no_such_file_or_directory),
-        OPC_ROW(ops().createFolder(at("no/f"), ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().createOutputStream(at(orphan), OpenMode::WriteBinary, ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().createFolder(at(orphan), ec), errc::no_such_file_or_directory),
         OPC_ROW(ops().createFolder(at("full"), ec), errc::file_exists),
         OPC_ROW(ops().copy(at("missing"), at("c"), NoOverwrite, ec), errc::no_such_file_or_directory),
         OPC_ROW(ops().copy(at("file"), at("full/inner/f"), NoOverwrite, ec), errc::file_exists),
         OPC_ROW(ops().copy(at("file"), at("full/inner/f"), FailIfExists, ec), errc::file_exists),
         OPC_ROW(ops().copy(at("full/inner"), at("full"), FailIfExists, ec), errc::file_exists),
         OPC_ROW(ops().rename(at("missing"), at("c"), ec), errc::no_such_file_or_directory),
-        OPC_ROW(ops().rename(at("file"), at("no/f"), ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().rename(at("file"), at(orphan), ec), errc::no_such_file_or_directory),
         OPC_ROW(ops().rename(u"", at("file"), ec), errc::invalid_argument),
         OPC_ROW(ops().rename(at("file"), u"", ec), errc::invalid_argument),
         OPC_ROW(ops().remove(at("full"), ec), errc::directory_not_empty),
@@ -209,6 +211,33 @@ TEST_P(Conformance, RefusalsCarryTheirCodeAndChangeNothing) {
     EXPECT_EQ(listing(m_root), before);
     EXPECT_TRUE(ops().isFolder(at("empty")) && !ops().exists(at("no")) && !ops().exists(at("c")));
     EXPECT_EQ(read(at("file")) + read(at("full/inner/f")), "xf");
+    // A missing item's failure names it, with ENOENT on every back end.
+    for (auto const& call : std::vector<std::function<void()>>{
+             [&] { ops().createInputStream(at("missing"), OpenMode::ReadBinary); }, [&] { ops().getSizeInBytes(at("missing")); }}) {
+        try {
+            call();
+            ADD_FAILURE() << "no failure";
+        } catch (Exception const& e) {
+            EXPECT_EQ(e.code(), errc::no_such_file_or_directory) << e.what();
+            EXPECT_NE(std::string(e.what()).find(toUDEString(at("missing"))), std::string::npos) << e.what();
+        }
+    }
+}
+
+// Where folders are implicit, an item made under prefixes that hold nothing makes them folders,
+// without markers: they go with their last item. createFolder still leaves a folder behind.
+TEST_P(Conformance, ImplicitFoldersComeAndGoWithTheirItems) {
+    if (caps().explicitFolders) GTEST_SKIP() << "folders of this back end exist on their own";
+    write(at("new/deep/f"), "n");
+    ops().copy(at("new/deep/f"), at("copied/c"), FailIfExists);
+    ops().rename(at("new/deep/f"), at("moved/m"));
+    ops().createFolder(at("made/empty"));
+    EXPECT_FALSE(ops().exists(at("new/deep")) || ops().exists(at("new")));
+    EXPECT_TRUE(ops().isFolder(at("copied")) && ops().isFolder(at("moved")) && ops().isFolder(at("made/empty")));
+    EXPECT_EQ(read(at("copied/c")) + read(at("moved/m")), "nn");
+    ops().remove(at("moved/m"));
+    EXPECT_FALSE(ops().exists(at("moved")));
+    EXPECT_EQ(listing(m_root), expected({"copied/c"}));
 }
 
 TEST_P(Conformance, FoldersAndLinksAreCopiedRenamedAndRemoved) {
