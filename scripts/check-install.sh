@@ -67,9 +67,10 @@ echo "== .deb files"
 cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/debs" >/dev/null
 debs=("$work"/debs/*.deb)
 # The test double's library is for tests only: in the -dev package, never in the runtime one.
-dpkg-deb -c "$work"/debs/libopccore-dev_*.deb | grep -q 'libopccore_testing\.so\.' ||
-  fail "libopccore-dev does not carry libopccore_testing.so"
-if dpkg-deb -c "$work"/debs/libopccore[0-9]*_*.deb | grep -q opccore_testing; then
+dev_files="$(dpkg-deb -c "$work"/debs/libopccore-dev_*.deb)"
+runtime_files="$(dpkg-deb -c "$work"/debs/libopccore[0-9]*_*.deb)"
+grep -q 'libopccore_testing\.so\.' <<<"$dev_files" || fail "libopccore-dev does not carry libopccore_testing.so"
+if grep -q opccore_testing <<<"$runtime_files"; then
   fail "the runtime package carries libopccore_testing.so"
 fi
 before="$work/packages-before"
