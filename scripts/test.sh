@@ -57,12 +57,16 @@ jobs=$(nproc)
 echo "== Object store for the s3 tests"
 step="starting the object store"
 export OPC_S3_DIR="${OPC_S3_DIR:-/tmp/opc-s3-test}"
-if settings="$(./scripts/s3-server.sh start 2> >(tee "$results/s3-server.log" >&2))"; then
-  store_started=1
+# Its progress is shown and kept, for the reason of a failed start.
+exec 3> >(tee "$results/s3-server.log" >&2)
+tee_pid=$!
+settings="$(./scripts/s3-server.sh start 2>&3 3>&-)" && store_started=1 || true
+exec 3>&-
+wait "$tee_pid" 2>/dev/null || true
+if [ -n "${store_started:-}" ]; then
   eval "$settings"
   echo "   radosgw at $AWS_ENDPOINT_URL, bucket $S3_BUCKET"
 else
-  sleep 0.2 # the log's tee may still be writing
   s3_missing="the object store could not be started, so the s3 tests are skipped: $(tail -n 1 "$results/s3-server.log" | sed 's/^s3-server.sh: \[[0-9]*s\] //')"
   echo "   NOTE: $s3_missing"
 fi
