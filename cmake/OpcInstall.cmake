@@ -1,23 +1,28 @@
 # Installing the project's libraries: one export set (find_package(opccore)), one pkg-config
 # file per library, and two components that become the two .deb files:
-#   Runtime     - the shared libraries (libopccore<major>);
-#   Development - headers, link names, static libraries, the CMake package, .pc files and the
-#                 API reference (libopccore-dev).
+#   Runtime     - the shared libraries programs run with (libopccore<major>);
+#   Development - headers, link names, static libraries, the CMake package, .pc files, the
+#                 API reference and the test double's library, which only tests link
+#                 (libopccore-dev).
 
 # The opc headers stay at <opc/...>; the platform layers' headers go into a folder of the
 # project's own, so that top-level names such as include/vela never clash with other packages.
 set(OPC_INSTALL_LAYER_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}/opccore")
 
-# opc_install_library(<target> [EXPORT_NAME <name>])
+# opc_install_library(<target> [EXPORT_NAME <name>] [COMPONENT <component>])
 # Installs a library target of the project into the export set (imported as opccore::<name>,
-# by default opccore::<target>).
+# by default opccore::<target>). The shared library goes into <component> (by default Runtime),
+# its link name into Development.
 function(opc_install_library target)
-  cmake_parse_arguments(I "" "EXPORT_NAME" "" ${ARGN})
+  cmake_parse_arguments(I "" "EXPORT_NAME;COMPONENT" "" ${ARGN})
   if(I_EXPORT_NAME)
     set_target_properties(${target} PROPERTIES EXPORT_NAME ${I_EXPORT_NAME})
   endif()
+  if(NOT I_COMPONENT)
+    set(I_COMPONENT Runtime)
+  endif()
   install(TARGETS ${target} EXPORT opccoreTargets
-          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${I_COMPONENT} NAMELINK_COMPONENT Development
           ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development)
 endfunction()
 

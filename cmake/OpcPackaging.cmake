@@ -33,7 +33,9 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libopccore-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "${PROJECT_DESCRIPTION} (development files)
-Headers, the CMake package (find_package(opccore)), opccore.pc and the API reference.")
+Headers, the CMake package (find_package(opccore)), opccore.pc, the API reference and
+libopccore_testing, a fault-injecting back end for the tests of code built on the library.")
+# The test double's library needs only what the runtime package (a dependency) needs.
 # The installed headers and CMake package use Boost's and ICU's headers and CMake files.
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "${OPC_DEB_RUNTIME} (= ${PROJECT_VERSION}-1), libboost-system1.74-dev, libboost-date-time1.74-dev, libboost-filesystem1.74-dev, libboost-iostreams1.74-dev, libicu-dev")

@@ -35,10 +35,21 @@ function(opc_add_layer)
   install(DIRECTORY "${L_DIR}/include/" DESTINATION ${OPC_INSTALL_LAYER_INCLUDEDIR} COMPONENT Development)
 endfunction()
 
+# Every test of the current folder that runs a GoogleTest program writes its cases' results to
+# <build>/test-results/<test>.xml, which the test command sums up; other programs ignore it.
+function(opc_record_test_results)
+  get_property(tests DIRECTORY PROPERTY TESTS)
+  foreach(test IN LISTS tests)
+    set_property(TEST ${test} APPEND PROPERTY ENVIRONMENT_MODIFICATION
+                 "GTEST_OUTPUT=set:xml:${PROJECT_BINARY_DIR}/test-results/${test}.xml")
+  endforeach()
+endfunction()
+
 # opc_add_test_folder(PREFIX <prefix> DIR <dir> TESTS <names...> LINK <libs...>)
 # Every <dir>/<name>.cpp of TESTS becomes one GoogleTest executable <prefix>_<name>, registered
 # with CTest as one test (one process per file keeps the sanitizer run short). Helpers shared
-# by the tests of a folder live in headers beside them or in tests/support.
+# by the tests of a folder live in headers beside them or in tests/support. Each records its
+# results (opc_record_test_results).
 # A test whose source starts threads (mentions std::thread) gets the CTest label "threads"
 # and joins the target opc_threaded_tests, which the ThreadSanitizer run builds alone.
 function(opc_add_test_folder)
@@ -65,4 +76,10 @@ function(opc_add_test_folder)
       add_dependencies(opc_threaded_tests ${exe})
     endif()
   endforeach()
+  # Once per folder, when the folder is done, so that tests it adds later record theirs too.
+  get_property(deferred DIRECTORY PROPERTY OPC_RESULTS_RECORDED)
+  if(NOT deferred)
+    set_property(DIRECTORY PROPERTY OPC_RESULTS_RECORDED ON)
+    cmake_language(DEFER CALL opc_record_test_results)
+  endif()
 endfunction()

@@ -24,9 +24,9 @@ int main() {
     stratum::storage::vfs::StorageSystemReference storage(settings);
     opc::VirtualFileSystemOps s3(storage);
 
+    // Folders are the prefixes of keys: nothing needs making before a file is written below one.
     std::u16string const folder = u"s3://" + opc::detail::toStringFromUTF8String(bucket, true) + u"/reports/2024";
     std::u16string const target = s3.appendPath(folder, u"q3.pkg");
-    s3.createFolders(folder);
     {
         // An object becomes visible when its stream is closed: here, when the last holder lets go.
         auto out = s3.createOutputStream(target, opc::OpenMode::WriteBinary);

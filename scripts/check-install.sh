@@ -58,10 +58,21 @@ for dir in vela stratum; do
 done
 CMAKE_PREFIX_PATH="$prefix" PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig" LD_LIBRARY_PATH="$prefix/$libdir" \
   consume prefix
+echo "-- consumer against prefix: the flags the README gives for a build by hand"
+g++ -std=c++17 -Wall -Wextra -Wpedantic -Werror "$root/tests/consumer/consumer.cpp" \
+    -I"$prefix/include" -I"$prefix/include/opccore" -L"$prefix/$libdir" -lopccore -lstratum_vfs -o "$work/by-hand"
+LD_LIBRARY_PATH="$prefix/$libdir" "$work/by-hand"
 
 echo "== .deb files"
 cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/debs" >/dev/null
 debs=("$work"/debs/*.deb)
+# The test double's library is for tests only: in the -dev package, never in the runtime one.
+dev_files="$(dpkg-deb -c "$work"/debs/libopccore-dev_*.deb)"
+runtime_files="$(dpkg-deb -c "$work"/debs/libopccore[0-9]*_*.deb)"
+grep -q 'libopccore_testing\.so\.' <<<"$dev_files" || fail "libopccore-dev does not carry libopccore_testing.so"
+if grep -q opccore_testing <<<"$runtime_files"; then
+  fail "the runtime package carries libopccore_testing.so"
+fi
 before="$work/packages-before"
 dpkg-query -W -f='${Package}\n' | sort >"$before"
 remove_new_packages() {

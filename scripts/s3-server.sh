@@ -14,7 +14,10 @@
 # Environment: OPC_S3_DIR (the folder, default /tmp/opc-s3), OPC_S3_PORT (radosgw's port,
 # default 7480 or the next free one), OPC_S3_STORE_BYTES (the OSD's memory, default 4 GiB).
 # Beside the folder: $dir.lock (one command at a time) and, after a failed start, the daemons'
-# logs in $dir.failed-logs. For the whole machine: /tmp/opc-s3-ports{,.lock} (the ports taken).
+# logs in $dir.failed-logs. For the whole machine: /tmp/opc-s3-ports.lock (one port choice at a
+# time) and /tmp/opc-s3-ports-<uid>/ (the ports each user's clusters took, gone on stop). Any
+# user may take a lock another user left (they are opened for reading), so root and ordinary
+# users start, stop and restart stores one after the other, in the default folder or their own.
 # Debian's awscli (2.9) ignores AWS_ENDPOINT_URL: give it --endpoint-url "$AWS_ENDPOINT_URL".
 set -euo pipefail
 
@@ -37,13 +40,27 @@ rgw_admin() { timeout 60 radosgw-admin -c "$conf" "$@"; }
 # True when something listens on 127.0.0.1:$1.
 port_busy() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 
+# Takes the lock file $2 on descriptor $1, waiting up to 120 s. The file is created readable by
+# all and opened for reading, which is all flock needs, so a lock another user left is usable.
+take_lock() {
+  local fd="$1" file="$2"
+  [ -e "$file" ] || (umask 022 && : >>"$file") 2>/dev/null || true
+  [ -r "$file" ] || fail "cannot read the lock $file (it belongs to $(stat -c %U "$file" 2>/dev/null)): remove it as that user"
+  eval "exec $fd<\"\$file\""
+  flock -w 120 "$fd" || fail "another s3-server.sh holds $file for over 120 s"
+}
+
 # Ports are chosen under one lock for the whole machine, and each chosen port is claimed in
-# $claims (a file per port naming its folder) until its folder is gone, so that clusters in
-# other folders neither take the same port at once nor take it while our gateway is stopped.
-claims=/tmp/opc-s3-ports
+# $claims, a folder of this user's own (a file per port naming its folder), until its folder is
+# gone, so that clusters in other folders, of any user, neither take the same port at once nor
+# take it while our gateway is stopped.
+claims="/tmp/opc-s3-ports-$(id -u)"
 claimed_by_other() {
-  local owner
-  [ -f "$claims/$1" ] && owner="$(cat "$claims/$1")" && [ "$owner" != "$dir" ] && [ -d "$owner" ]
+  local file owner
+  for file in /tmp/opc-s3-ports*/"$1"; do
+    [ -f "$file" ] && owner="$(cat "$file" 2>/dev/null)" && [ "$owner" != "$dir" ] && [ -d "$owner" ] && return 0
+  done
+  return 1
 }
 
 # Claims and prints the first port from $1 on that is neither in use nor claimed by others.
@@ -58,8 +75,11 @@ free_port() {
   echo "$p"
 }
 
-# Drops the claims of our folder.
-unclaim() { grep -lxF "$dir" "$claims"/* 2>/dev/null | xargs -r rm -f || true; }
+# Drops the claims of our folder, and the claims folder once it holds none.
+unclaim() {
+  grep -lxF "$dir" "$claims"/* 2>/dev/null | xargs -r rm -f || true
+  rmdir "$claims" 2>/dev/null || true
+}
 
 # pid of a daemon we started, if it is still running (its pid file names it and /proc agrees).
 alive_pid() {
@@ -177,7 +197,7 @@ start_gateway() {
 
 # After a failed start, keeps the daemons' logs beside the folder for a look.
 keep_logs() {
-  rm -rf "$dir.failed-logs"
+  rm -rf "$dir.failed-logs" 2>/dev/null || true
   cp -r "$dir/log" "$dir.failed-logs" 2>/dev/null || true
 }
 
@@ -270,6 +290,9 @@ start() {
     settings
     return 0
   fi
+  if [ -e "$dir" ] && [ ! -O "$dir" ]; then
+    fail "$dir belongs to $(stat -c %U "$dir"): stop it as that user, or choose another folder with OPC_S3_DIR"
+  fi
   if [ -e "$dir" ]; then
     say "removing a stale $dir (no gateway answers there)"
     stop_all
@@ -280,11 +303,10 @@ start() {
   # From here on, any failure stops what was started and removes the folder.
   trap 'rc=$?; if [ $rc -ne 0 ]; then keep_logs; stop_all; fi' EXIT
   trap 'fail "interrupted"' INT TERM HUP
-  rm -rf "$dir.failed-logs"
+  rm -rf "$dir.failed-logs" 2>/dev/null || true
 
   # The ports are chosen and bound under the machine's lock (released once radosgw answers).
-  exec 8>"$claims.lock"
-  flock -w 120 8 || fail "another s3-server.sh holds $claims.lock for over 120 s"
+  take_lock 8 /tmp/opc-s3-ports.lock
   fsid="$(cat /proc/sys/kernel/random/uuid)"
   mon_port="$(free_port 13300)"
   rgw_port="$(free_port "${OPC_S3_PORT:-7480}")"
@@ -336,12 +358,12 @@ aws_() {
 }
 
 # One command at a time per folder: parallel test runs wait for each other's start or stop.
-exec 9>"$dir.lock"
-flock -w 120 9 || fail "another s3-server.sh holds $dir.lock for over 120 s"
+take_lock 9 "$dir.lock"
 
 case "${1:-}" in
   start) start ;;
   stop)
+    [ ! -e "$dir" ] || [ -O "$dir" ] || fail "$dir belongs to $(stat -c %U "$dir"): stop it as that user"
     stop_all
     say "stopped; $dir removed"
     ;;

@@ -24,11 +24,11 @@ std::uint32_t typeOf(std::u16string const& path) {
     return host::symlink_status(host::path(path)).type() & Status::file_type_mask;
 }
 
-// The status of a path that must exist; a missing one is reported as PathNotFound.
+// The status of a path that must exist; a missing one is reported as PathNotFound, naming it.
 Status existingStatus(std::u16string const& path) {
     Status status = host::symlink_status(host::path(path));
     if (status.type() & Status::file_not_found)
-        throw host::PathNotFound("vela:filesystem:PathNotFound");
+        throw host::PathNotFound("vela:filesystem:PathNotFound", path);
     return status;
 }
 
@@ -93,7 +93,7 @@ std::uint64_t LocalFileSystemOps::doGetSizeInBytes(const std::u16string& path, s
         Status const status = existingStatus(path);
         // Folders, links and every other kind are "not a file" alike.
         if ((status.type() & Status::file_type_mask) != Status::regular_file)
-            throw host::FileIsDirectory("vela:filesystem:FileIsDirectory");
+            throw host::FileIsDirectory("vela:filesystem:FileIsDirectory", path);
         return status.size();
     });
 }

@@ -1,5 +1,5 @@
 // LocalFileSystemOps: file streams. A failed open is reported with the system's own error
-// number and text, not through the exception translation; a failed write of an output stream
+// number and text followed by the path, not through the exception translation; a failed write of an output stream
 // throws opc::Exception from that write.
 
 #include <opc/Exception.hpp>
@@ -38,7 +38,8 @@ std::ios_base::openmode toOpenMode(unsigned mode) {
 
 // Stream and count in one allocation. errno is cleared first so that a failed open that left it
 // alone (an open-mode combination the library refuses, such as in with truncate) is not
-// reported with a stale number: it becomes EINVAL.
+// reported with a stale number: it becomes EINVAL. The detail names the path, as every other
+// failure of this back end does.
 template <class Stream, class Handle>
 Handle openStream(std::u16string const& path, unsigned mode, std::string& detail,
                   boost::system::error_code& ec) {
@@ -47,7 +48,7 @@ Handle openStream(std::u16string const& path, unsigned mode, std::string& detail
     if (!stream->fail() && !stream->bad())
         return stream;
     int const error = errno != 0 ? errno : EINVAL;
-    detail = std::strerror(error);
+    detail = std::string(std::strerror(error)) + ": " + detail::pathText(path);
     ec = boost::system::error_code(error, boost::system::generic_category());
     return Handle();
 }

@@ -14,17 +14,6 @@ namespace {
 namespace host = vela::filesystem;
 namespace errc = boost::system::errc;
 
-// A path for a detail text. A path that cannot be converted strictly (a lone surrogate, the
-// very reason the host refused it) is spelt with replacement characters instead: a failure to
-// word the report must not replace the report, nor escape an operation that may not throw.
-std::string pathText(std::u16string const& path) {
-    try {
-        return toUDEString(path);
-    } catch (Exception const&) {
-        return toUTF8String(path, false);
-    }
-}
-
 // The host text, then ": " and the path when the exception names one.
 std::string hostText(host::FsysExceptionBase const& e) {
     std::string text = e.what();
@@ -42,6 +31,17 @@ void report(host::FsysExceptionBase const& e, boost::system::error_code code, st
 }
 
 } // namespace
+
+// A path that cannot be converted strictly (a lone surrogate, the very reason the host refused
+// it) is spelt with replacement characters instead: a failure to word the report must not
+// replace the report, nor escape an operation that may not throw.
+std::string pathText(std::u16string const& path) {
+    try {
+        return toUDEString(path);
+    } catch (Exception const&) {
+        return toUTF8String(path, false);
+    }
+}
 
 void translateHostException(std::string& detail, boost::system::error_code& ec) {
     // The order matters: every host type derives from FsysExceptionBase.

@@ -15,6 +15,10 @@ namespace opc::detail {
 /// If building the detail fails, that failure propagates.
 OPC_API void translateHostException(std::string& detail, boost::system::error_code& ec);
 
+/// A path for a detail text: UTF-8, or with replacement characters where it cannot be
+/// converted strictly (a lone surrogate), so that wording a report never fails.
+std::string pathText(std::u16string const& path);
+
 /// Runs `work` and returns its result; on any exception translates it and returns `failure`.
 /// This is the whole error handling of a local back-end operation.
 template <class Result, class Work>

@@ -174,6 +174,8 @@ TEST_P(Conformance, RefusalsCarryTheirCodeAndChangeNothing) {
     write(at("full/inner/f"), "f");
     std::vector<std::u16string> files;
     auto const before = listing(m_root);
+    // No parent folder: a missing one, or where folders are implicit a file.
+    std::string const orphan = caps().explicitFolders ? "no/f" : "file/f";
     using Call = std::function<void(error_code&)>;
 #define OPC_ROW(call, code) {[&](error_code& ec) { call; }, errc::errc_t(code)}
     std::pair<Call, errc::errc_t> const rows[] = {
@@ -183,15 +185,15 @@ TEST_P(Conformance, RefusalsCarryTheirCodeAndChangeNothing) {
         OPC_ROW(ops().getFiles(at("missing"), files, true, ec), errc::no_such_file_or_directory),
         OPC_ROW(ops().getFiles(at("file"), files, true, ec), errc::not_a_directory),
         OPC_ROW(ops().createInputStream(at("missing"), OpenMode::ReadBinary, ec), errc::no_such_file_or_directory),
-        OPC_ROW(ops().createOutputStream(at("no/f"), OpenMode::WriteBinary, ec), errc::no_such_file_or_directory),
-        OPC_ROW(ops().createFolder(at("no/f"), ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().createOutputStream(at(orphan), OpenMode::WriteBinary, ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().createFolder(at(orphan), ec), errc::no_such_file_or_directory),
         OPC_ROW(ops().createFolder(at("full"), ec), errc::file_exists),
         OPC_ROW(ops().copy(at("missing"), at("c"), NoOverwrite, ec), errc::no_such_file_or_directory),
         OPC_ROW(ops().copy(at("file"), at("full/inner/f"), NoOverwrite, ec), errc::file_exists),
         OPC_ROW(ops().copy(at("file"), at("full/inner/f"), FailIfExists, ec), errc::file_exists),
         OPC_ROW(ops().copy(at("full/inner"), at("full"), FailIfExists, ec), errc::file_exists),
         OPC_ROW(ops().rename(at("missing"), at("c"), ec), errc::no_such_file_or_directory),
-        OPC_ROW(ops().rename(at("file"), at("no/f"), ec), errc::no_such_file_or_directory),
+        OPC_ROW(ops().rename(at("file"), at(orphan), ec), errc::no_such_file_or_directory),
         OPC_ROW(ops().rename(u"", at("file"), ec), errc::invalid_argument),
         OPC_ROW(ops().rename(at("file"), u"", ec), errc::invalid_argument),
         OPC_ROW(ops().remove(at("full"), ec), errc::directory_not_empty),
@@ -221,6 +223,17 @@ TEST_P(Conformance, RefusalsCarryTheirCodeAndChangeNothing) {
     EXPECT_NE(thrown([&] { ops().replaceFileWithBackup(at("file"), ops(), at("full"), {}); }).first.find("a folder, not a file: " + toUDEString(at("full"))), std::string::npos);
     EXPECT_TRUE(ops().isFolder(at("empty")) && !ops().exists(at("no")) && !ops().exists(at("c")));
     EXPECT_EQ(read(at("file")) + read(at("full/inner/f")), "xf");
+    // A missing item's failure names it, with ENOENT on every back end.
+    for (auto const& call : std::vector<std::function<void()>>{
+             [&] { ops().createInputStream(at("missing"), OpenMode::ReadBinary); }, [&] { ops().getSizeInBytes(at("missing")); }}) {
+        try {
+            call();
+            ADD_FAILURE() << "no failure";
+        } catch (Exception const& e) {
+            EXPECT_EQ(e.code(), errc::no_such_file_or_directory) << e.what();
+            EXPECT_NE(std::string(e.what()).find(toUDEString(at("missing"))), std::string::npos) << e.what();
+        }
+    }
 }
 
 TEST_P(Conformance, FoldersAndLinksAreCopiedRenamedAndRemoved) {
@@ -258,6 +271,18 @@ TEST_P(Conformance, FoldersAndLinksAreCopiedRenamedAndRemoved) {
     error_code ec;
     ops().removeAll(at("dst"), ec);
     EXPECT_EQ(ec.failed(), !caps().lenientRemoval) << ec.message();
+    if (!caps().explicitFolders) { // items under prefixes that hold nothing make them folders, without markers
+        write(at("new/deep/f"), "n");
+        ops().copy(at("new/deep/f"), at("copied/c"), FailIfExists);
+        ops().rename(at("new/deep/f"), at("renamed/r"));
+        ops().createFolder(at("made/empty")); // a marker: the empty folder stays
+        EXPECT_FALSE(ops().exists(at("new/deep")) || ops().exists(at("new")));
+        EXPECT_TRUE(ops().isFolder(at("copied")) && ops().isFolder(at("renamed")) && ops().isFolder(at("made/empty")));
+        EXPECT_EQ(read(at("copied/c")) + read(at("renamed/r")), "nn");
+        ops().remove(at("renamed/r"));
+        EXPECT_FALSE(ops().exists(at("renamed")));
+        EXPECT_EQ(listing(m_root), expected({"copied/c", "f", "f1", "f2"}));
+    }
     if (!caps().symlinks) return;
     // Links are copied, moved and removed as links, never followed (their queries are above).
     ops().createFolder(at("tree"));

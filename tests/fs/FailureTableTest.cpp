@@ -52,6 +52,7 @@ TEST(FailureTable, FailuresThroughTheirTranslation) {
     VirtualFileSystemOps memory(storage);
     auto in = [&](std::string const& relative) { return (folder.path() / relative).string(); };
     std::vector<std::u16string> sink;
+    std::u16string const fileIri = memory.normalizePath(folder.path16());
     auto const notFound = vfs::Exception(vfs::ErrorCode::NotFound, vfs::AbsoluteIRI()).getMessage();
     struct Row {
         Translation translation;
@@ -81,14 +82,21 @@ TEST(FailureTable, FailuresThroughTheirTranslation) {
         {frame, [&] { host.setPermissions(u"", Perms::Perms_tag(0644)); }, generic(errc::invalid_argument),
          "setPermissions failed: Empty path not permitted"},
         {frame, [&] { host.createInputStream(folder.path16() + u"/none", OpenMode::ReadBinary); },
-         generic(errc::no_such_file_or_directory), std::string("createInputStream failed: ") + std::strerror(ENOENT)},
+         generic(errc::no_such_file_or_directory), std::string("createInputStream failed: ") + std::strerror(ENOENT) + ": " + in("none")},
         {frame, [&] { host.createInputStream(folder.path16(), OpenMode::Truncate); }, // refused without an errno
-         generic(errc::invalid_argument), std::string("createInputStream failed: ") + std::strerror(EINVAL)},
+         generic(errc::invalid_argument), std::string("createInputStream failed: ") + std::strerror(EINVAL) + ": " + folder.path().string()},
         {frame, [&] { memory.getLinkTarget(u"memory:///"); }, generic(errc::operation_not_supported),
          "getLinkTarget failed: Symlinks are not supported"},
         {frame, [&] { memory.getFiles(u"memory:///none", sink, true); }, generic(errc::no_such_file_or_directory),
          "getFiles failed: " + notFound + ": memory:///none"},
-        {frame, [&] { memory.createInputStream(u"memory:///none", OpenMode::ReadBinary); }, generic(errc::io_error),
+        {frame, [&] { memory.createInputStream(u"memory:///none", OpenMode::ReadBinary); }, generic(errc::no_such_file_or_directory),
+         "createInputStream failed: " + notFound + ": memory:///none"},
+        {frame, [&] { memory.createInputStream(fileIri + u"/none", OpenMode::ReadBinary); }, generic(errc::no_such_file_or_directory),
+         "createInputStream failed: " + notFound + ": " + toUDEString(fileIri) + "/none"},
+        {frame, [&] { memory.createInputStream(u"memory:///", OpenMode::ReadBinary); }, generic(errc::io_error),
+         "createInputStream failed: " + vfs::Exception(vfs::ErrorCode::IOError, vfs::AbsoluteIRI()).getMessage() +
+             " (a folder cannot be read): memory:///"},
+        {frame, [&] { memory.createInputStream(u"memory:///", OpenMode::Truncate); }, generic(errc::io_error), // refused mode: no detail
          "createInputStream failed: "},
     };
     // These errnos keep their own number in the generic category.

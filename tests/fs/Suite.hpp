@@ -53,13 +53,14 @@ struct Capabilities {
     bool lenientRemoval = true;       ///< removeAll of a missing path succeeds
     bool unknownValuesIgnored = true; ///< PermsUnknown and not-a-date-time change nothing
     bool visibleBeforeClose = true;   ///< written bytes can be read while the stream is open
+    bool explicitFolders = true;      ///< an item needs its parent folder (else any prefix but a file will do)
 };
 
 // Storage: no links or pipes, only writable/read-only, coarser errors, no merging folder copy, strict
 // removal, and PermsUnknown and not-a-date-time mean nothing special.
 Capabilities const storage{false, false, false, false, false, false};
-// Object storage also publishes a write only at close.
-Capabilities const objects{false, false, false, false, false, false, false};
+// Object storage also publishes a write only at close, and its folders are the prefixes of its keys.
+Capabilities const objects{false, false, false, false, false, false, false, false};
 
 /// The local back end (no scheme), or the virtual one on a host folder ("file"), on object storage ("s3":
 /// a fresh folder of the bucket the environment names, skipped without one) or "<scheme>:///conformance".
@@ -85,7 +86,7 @@ protected:
             m_root = toString("s3://" + env("S3_BUCKET") + "/" + m_key, true);
         }
         m_hostRoot = onHost ? m_folder.path().string() : "";
-        m_ops->createFolders(m_root);
+        if (caps().explicitFolders) m_ops->createFolders(m_root); // else the first item makes it
     }
     void TearDown() override { // object storage outlives the test
         error_code ec;

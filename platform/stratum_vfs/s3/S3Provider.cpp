@@ -1,7 +1,8 @@
 // The s3 scheme: packages in object storage. Files are objects, folders are key prefixes.
 //
 // A folder exists when any key lies below `prefix/` or a zero-byte marker `prefix/` exists
-// (createFolder writes one). Markers never mean "empty" and are never listed. A folder's time
+// (createFolder writes one). A file or folder may be made under any prefix that is not a file,
+// without markers for the folders above it. Markers never mean "empty" and are never listed. A folder's time
 // and writability live on its marker (written on demand); a folder without one reports an
 // unknown time and is writable. The bucket's root is always a folder.
 #include "s3/Errors.hpp"
@@ -42,7 +43,7 @@ std::string base64Md5(std::string const& bytes) {
     return std::string(reinterpret_cast<char*>(text), std::size_t(written));
 }
 
-class S3Provider final : public provider::StorageProvider, public TreeListing {
+class S3Provider final : public provider::StorageProvider, public TreeListing, public ImplicitFolders {
 public:
     explicit S3Provider(std::optional<S3Settings> settings) : settings_(std::move(settings)) {}
 
@@ -137,9 +138,7 @@ public:
         if (getKind(iri) != provider::NoItem) {
             throw Exception(ErrorCode::FileExists, iri);
         }
-        if (!iri.hasParent() || getKind(iri.getParent()) != provider::FolderItem) {
-            throw Exception(ErrorCode::NotFound, iri.getParent(), "the parent folder is missing");
-        }
+        requireParentFolder(*this, iri);
         writeMarker(iri, {}, false, true);
     }
 

@@ -36,12 +36,7 @@ ItemKind existingKind(Place const& place) {
     return kind;
 }
 
-void requireParentFolder(Place const& place) {
-    AbsoluteIRI parent = place.iri.getParent();
-    if (!place.iri.hasParent() || place.provider->getKind(parent) != provider::FolderItem) {
-        throw Exception(ErrorCode::NotFound, parent, "the parent folder is missing");
-    }
-}
+void requireParentFolder(Place const& place) { detail::requireParentFolder(*place.provider, place.iri); }
 
 void removeExisting(Place const& place, ItemKind kind) {
     if (!place.iri.hasParent()) {

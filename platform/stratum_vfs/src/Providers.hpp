@@ -28,6 +28,17 @@ protected:
     ~TreeListing() = default;
 };
 
+/// A provider whose folders exist only through the keys below them (an object store): a new
+/// item may be made under any prefix that is not a file, and the folders above it appear with it.
+class ImplicitFolders {
+protected:
+    ~ImplicitFolders() = default;
+};
+
+/// Throws `NotFound` naming the parent unless a new item may be made at `iri`: its parent is a
+/// folder or, where folders are implicit, anything but a file.
+void requireParentFolder(provider::StorageProvider& provider, AbsoluteIRI const& iri);
+
 /// A new, empty in-memory tree (just the root folder) behind the provider interface.
 std::shared_ptr<provider::StorageProvider> makeMemoryProvider();
 

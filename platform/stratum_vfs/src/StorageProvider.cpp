@@ -41,6 +41,15 @@ void StorageProvider::copyFile(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI co
 
 namespace stratum::storage::vfs::detail {
 
+void requireParentFolder(provider::StorageProvider& provider, AbsoluteIRI const& iri) {
+    AbsoluteIRI const parent = iri.getParent();
+    provider::ItemKind const kind = iri.hasParent() ? provider.getKind(parent) : provider::NoItem;
+    bool const implicit = iri.hasParent() && dynamic_cast<ImplicitFolders*>(&provider) != nullptr;
+    if (kind != provider::FolderItem && !(implicit && kind == provider::NoItem)) {
+        throw Exception(ErrorCode::NotFound, parent, "the parent folder is missing");
+    }
+}
+
 void streamFile(provider::StorageProvider& source, AbsoluteIRI const& from, provider::StorageProvider& target,
                 AbsoluteIRI const& to) {
     std::unique_ptr<std::streambuf> input = source.openInput(from);

@@ -3,6 +3,8 @@
 #include <stratum/storage/vfs/Exception.hpp>
 #include <stratum/storage/vfs/Streams.hpp>
 
+#include "Providers.hpp"
+
 #include <exception>
 
 namespace stratum::storage::vfs {
@@ -104,12 +106,18 @@ ifstream::ifstream(File const& file, unsigned mode) : std::istream(nullptr), fil
     bool const valid = !(mode & OpenMode::Truncate) ||
                        ((mode & OpenMode::Out) && !(mode & OpenMode::Append));
     auto provider = file_.getStorageSystem().getProvider(file_.getIRI().getScheme());
-    if (valid) {
-        buffer_ = provider->openInput(file_.getIRI());
-    }
-    if (!buffer_) {
+    if (!valid) {
         setstate(std::ios_base::failbit);
         return;
+    }
+    // Nothing readable there: say what is there instead, so that the caller learns which item
+    // failed and why rather than a bare failed stream.
+    buffer_ = provider->openInput(file_.getIRI());
+    if (!buffer_) {
+        if (provider->getKind(file_.getIRI()) == provider::FolderItem) {
+            throw Exception(ErrorCode::IOError, file_.getIRI(), "a folder cannot be read");
+        }
+        throw Exception(ErrorCode::NotFound, file_.getIRI());
     }
     rdbuf(buffer_.get());
     if (mode & OpenMode::AtEnd) {
@@ -148,9 +156,7 @@ ofstream::ofstream(File const& file, unsigned mode, FailureHandler onFailure)
         }
         break;
     default:
-        if (!iri.hasParent() || provider->getKind(iri.getParent()) != provider::FolderItem) {
-            throw Exception(ErrorCode::NotFound, iri.getParent(), "the parent folder is missing");
-        }
+        detail::requireParentFolder(*provider, iri);
         if (keep) {
             setstate(std::ios_base::failbit);
             return;

@@ -68,7 +68,9 @@ struct FolderEntry {
 /// `close()` (content is buffered and sent in parts; a part that fails throws from the write
 /// that sent it, a failed completion leaves no object, and a stream dropped without `close()`
 /// leaves none either); `rename` is a server-side copy, durable once acknowledged, then the
-/// deletion of the source; `app` and `in|out` rewrite the whole object.
+/// deletion of the source; `app` and `in|out` rewrite the whole object. Its folders are the
+/// prefixes of its keys: an item may be made under any prefix that is not a file, and
+/// `createFolder` writes a marker so that an empty folder exists too.
 class STRATUM_API StorageProvider {
 public:
     StorageProvider() = default;
@@ -88,7 +90,7 @@ public:
     virtual std::vector<FolderEntry> listFolder(vfs::AbsoluteIRI const& iri) = 0;
 
     /// Creates one folder. `FileExists` when anything is at `iri` already; `NotFound` when
-    /// the parent is not a folder.
+    /// the parent is not a folder (where folders are implicit: when it is a file).
     virtual void createFolder(vfs::AbsoluteIRI const& iri) = 0;
 
     /// Writability of a file or folder. A read-only file refuses output streams.

@@ -30,13 +30,14 @@ constexpr unsigned Out = 0x10;
 constexpr unsigned Truncate = 0x20;
 } // namespace OpenMode
 
-/// Reads a stored file. Opening never throws for a file that can't be read: a missing file,
-/// a folder, or a mode that `std::ifstream` rejects (`Truncate` without `Out`, `Truncate` with
-/// `Append`) leaves the stream in the failed state (fail bit set, `is_open()` false). The
+/// Reads a stored file. A missing file throws `Exception` with `ErrorCode::NotFound` and a
+/// folder with `ErrorCode::IOError`, each naming the IRI; a mode that `std::ifstream` rejects
+/// (`Truncate` without `Out`, `Truncate` with `Append`) leaves the stream in the failed state
+/// (fail bit set, `is_open()` false). The
 /// `In` bit is implied; `Out`, `Append` and `Truncate` never change the file; `AtEnd` starts
 /// at the end. Binary and text are the same. The stream reads a snapshot where the provider
 /// takes one (`memory`: the content published when it opened). It holds its own reference to
-/// the storage system and may outlive every other handle. Throws only for an unknown scheme.
+/// the storage system and may outlive every other handle. Throws too for an unknown scheme.
 class STRATUM_API ifstream : public std::istream {
 public:
     explicit ifstream(File const& file, unsigned mode = OpenMode::In | OpenMode::Binary);
