@@ -1,7 +1,11 @@
 // The s3 back end's own proofs on a live object store (eval "$(scripts/s3-server.sh start)"): what
 // awscli sees of it and the reverse, its multipart, part-copy and paged-listing paths and a
-// gateway killed during an upload; 503 answers come from a loopback server.
+// gateway killed during an upload; 503 answers come from a loopback server, cut, stalled and
+// lost answers from a fault proxy in front of the store.
 #include "fs/Suite.hpp"
+#include "support/FaultProxy.hpp"
+
+#include <opc/CommitOptions.hpp>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -35,7 +39,28 @@ protected:
         return aws("s3api head-object --bucket " + env("S3_BUCKET") + " --key '" + m_key + "/" + relative + "'").second;
     }
     bool haveAws() { return run("command -v aws >/dev/null").first; }
+    /// The store again, through `proxy`: stalls end after 1 s, repeats come at once, and copies
+    /// above 1 MiB go part-wise.
+    static StorageSystemReference through(FaultProxy const& proxy) {
+        vfs::S3Settings settings = objectStorage();
+        settings.endpoint = proxy.endpoint;
+        settings.copyPartThreshold = MiB;
+        settings.stallSeconds = 1;
+        settings.retryMilliseconds = 4;
+        return StorageSystemReference(settings);
+    }
+    /// Unfinished uploads below the root, as the store lists them.
+    std::size_t uploads() {
+        return vfs::removeS3Litter(objectStorage(), env("S3_BUCKET"), m_key + "/", std::chrono::seconds(0), true).uploads.size();
+    }
 };
+
+/// Requests whose line starts with `method` ("P": PUT and POST) and holds `has` but not `hasNot` (line and headers).
+std::function<bool(std::string const&)> on(std::string method, std::string has = "", std::string hasNot = "\n\n") {
+    return [=](std::string const& head) {
+        return head.rfind(method, 0) == 0 && head.find(has) != std::string::npos && head.find(hasNot) == std::string::npos;
+    };
+}
 
 // What the library writes, copies part-wise and moves, awscli reads; a listing longer than one
 // page is whole; a reader pinned to the version it opened fails once the object is replaced.
@@ -116,6 +141,134 @@ TEST_P(ObjectStore, GatewayKilledDuringAnUploadLeavesTheOldObject) {
     ASSERT_TRUE(run(script + "start-gateway").first);
     EXPECT_EQ(read(at("target")), "old");
     EXPECT_EQ(listing(m_root), expected({"target"}));
+}
+
+// A HEAD's answer or request cut at any byte of its status line and headers, or a GET's at
+// chosen bytes of its body, is repeated: the size and the bytes read are the object's.
+TEST_P(ObjectStore, ExchangesCutAnywhereAreRepeated) {
+    std::string const bytes = pattern(3000, 5);
+    write(at("cut"), bytes);
+    std::size_t answerHead = 0;
+    {
+        FaultProxy probe(env("AWS_ENDPOINT_URL"), {});
+        VirtualFileSystemOps(through(probe)).getSizeInBytes(at("cut"));
+        answerHead = probe.headerBytes;
+    }
+    ASSERT_GT(answerHead, 100u);
+    std::vector<std::thread> sweeps;
+    for (int lane = 0; lane < 4; ++lane)
+        sweeps.emplace_back([&, lane] {
+            for (std::size_t at = std::size_t(lane); at < answerHead + 400; at += 4) {
+                Fault const cuts[] = {{Fault::CutAnswer, on("HEAD "), at}, {Fault::CutRequest, on("HEAD "), at},
+                                      {Fault::CutAnswer, on("GET "), answerHead + at * 7}};
+                for (auto const& fault : cuts) {
+                    if (fault.kind == Fault::CutAnswer && (fault.matches("HEAD ") ? at >= answerHead : at * 7 >= bytes.size()))
+                        continue;
+                    FaultProxy proxy(env("AWS_ENDPOINT_URL"), fault);
+                    VirtualFileSystemOps ops{through(proxy)};
+                    error_code ec;
+                    EXPECT_EQ(ops.getSizeInBytes(this->at("cut"), ec), bytes.size()) << at << ec.message();
+                    if (fault.matches("GET ")) {
+                        EXPECT_TRUE(readThrough(ops, this->at("cut")) == bytes) << at;
+                    }
+                }
+            }
+        });
+    for (auto& sweep : sweeps) sweep.join();
+}
+
+// Commits over an existing package through a faulty network, read back without it: success means
+// the new package is in place, failure the old one (or the new one with an error saying that only
+// the clean-up failed); no upload and no temporary object is left. Two sizes (one part, two
+// parts), with and without a backup, from a local file and from an object.
+TEST_P(ObjectStore, CommitsThroughFaultsLeaveTheOldOrTheNewPackage) {
+    unsigned const seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    auto within = [&](std::size_t end) { return std::uniform_int_distribution<std::size_t>(0, end - 1)(random); };
+    std::string const refused = "HTTP/1.1 503 Slow Down\r\nContent-Length: 68\r\n\r\n"
+                                "<Error><Code>SlowDown</Code><Message>busy</Message></Error>          ";
+    std::string const broken = "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\n\r\n";
+    std::string const copy = "x-amz-copy-source:";
+    struct Config {
+        std::size_t size;
+        bool backup, fromObject;
+    };
+    HostFolder folder;
+    LocalFileSystemOps local;
+    std::string const old = pattern(1000, 6);
+    for (Config const config : {Config{200000, false, false}, Config{200000, true, true}, Config{5 * MiB + 1000, true, false},
+                                Config{5 * MiB + 1000, false, true}}) {
+        std::string const fresh = pattern(config.size, 7);
+        std::u16string const source = config.fromObject ? at("new") : folder.path16() + u"/new";
+        config.fromObject ? write(source, fresh) : writeFile(folder.path().string() + "/new", fresh);
+        // Outcome from a local file and from an object: N new, C new with the clean-up error, O old.
+        struct Row {
+            char const* name;
+            Fault fault;
+            char fromFile, fromObject;
+            bool rare; ///< some packages never meet the fault
+        };
+        std::vector<Row> const rows{
+            {"HEAD answer cut in its headers", {Fault::CutAnswer, on("HEAD "), within(180)}, 'N', 'N', false},
+            {"write answer cut", {Fault::CutAnswer, on("PUT "), within(150)}, 'N', 'N', false},
+            {"write request cut", {Fault::CutRequest, on("PUT "), within(config.fromObject ? 600 : config.size)}, 'N', 'N', false},
+            {"copy done, its answers lost", {Fault::CutAnswer, on("PUT ", copy, "partNumber="), 0, 6}, 'N', 'N', true},
+            {"completion done, its answers lost", {Fault::CutAnswer, on("POST ", "uploadId="), 0, 6}, 'N', 'N', true},
+            {"temporary object not deleted", {Fault::Refuse, on("DELETE ", ".tmp ", "/.copy-"), 0, 6, refused}, 'C', 'C', false},
+            {"first write stalls", {Fault::Stall, on("PUT ")}, 'N', 'N', false},
+            {"writes refused twice", {Fault::Refuse, on("P"), 0, 2, refused}, 'N', 'N', false},
+            {"copies always fail", {Fault::Refuse, on("PUT ", copy), 0, 1000, broken}, 'O', 'O', false},
+            {"uploads always refused", {Fault::Refuse, on("PUT ", "", copy), 0, 1000, refused}, 'O', 'N', true},
+        };
+        for (auto const& row : rows) {
+            SCOPED_TRACE(std::string(row.name) + ", " + std::to_string(config.size) + " bytes" +
+                         (config.backup ? ", backup" : "") + (config.fromObject ? ", from an object" : ""));
+            write(at("pkg"), old);
+            FaultProxy proxy(env("AWS_ENDPOINT_URL"), row.fault);
+            VirtualFileSystemOps faulty{through(proxy)};
+            CommitOptions options;
+            options.removeBackup(!config.backup);
+            error_code ec;
+            faulty.replaceFileWithBackup(at("pkg"), config.fromObject ? faulty : static_cast<FileSystemOps&>(local), source,
+                                         options, ec);
+            char const outcome = !ec ? 'N' : ec == errc::state_not_recoverable ? 'C' : 'O';
+            EXPECT_EQ(outcome, config.fromObject ? row.fromObject : row.fromFile) << ec.message();
+            EXPECT_TRUE(read(at("pkg")) == (outcome == 'O' ? old : fresh)) << ec.message();
+            EXPECT_TRUE(proxy.hits > 0 || row.rare);
+            std::vector<std::string> left{"pkg"};
+            if (config.backup && outcome != 'O') left.push_back("pkg.bak");
+            if (config.fromObject) left.push_back("new");
+            if (config.backup && outcome == 'O' && ops().exists(at("pkg.bak"))) left.push_back("pkg.bak");
+            EXPECT_EQ(listing(m_root), expected(left));
+            EXPECT_EQ(uploads(), 0u);
+            if (config.backup) ops().remove(at("pkg.bak"), ec);
+        }
+        if (config.fromObject) ops().remove(source);
+    }
+}
+
+// Litter of killed writers: old unfinished uploads and temporary objects are found and removed,
+// other objects stay.
+TEST_P(ObjectStore, LitterIsFoundAndRemoved) {
+    ops().createFolder(at("dir"));
+    for (std::string name : {".abcdefghij0123456.tmp", ".0123456789abcdef.tmp", "dir/.zzzzzzzzzzzzzzzz.tmp", "a.tmp", ".short.tmp"})
+        write(at(name), "x");
+    { // an upload whose completion and abort are refused stays behind
+        FaultProxy proxy(env("AWS_ENDPOINT_URL"), {Fault::Refuse, on("", "uploadId="), 0, 1000,
+                                                   "HTTP/1.1 500 Oops\r\nContent-Length: 0\r\n\r\n"});
+        VirtualFileSystemOps faulty{through(proxy)};
+        EXPECT_THROW(writeThrough(faulty, at("big"), pattern(5 * MiB + 1, 8)), Exception);
+    }
+    ASSERT_EQ(uploads(), 1u);
+    std::string const bucket = env("S3_BUCKET"), prefix = m_key + "/";
+    EXPECT_EQ(vfs::removeS3Litter(objectStorage(), bucket, prefix, std::chrono::hours(1)).objects.size(), 0u);
+    EXPECT_EQ(uploads(), 1u);
+    vfs::S3Litter const found = vfs::removeS3Litter(objectStorage(), bucket, prefix, std::chrono::seconds(0));
+    EXPECT_EQ(found.uploads, std::vector<std::string>{prefix + "big"});
+    EXPECT_EQ(found.objects, (std::vector<std::string>{prefix + ".0123456789abcdef.tmp", prefix + "dir/.zzzzzzzzzzzzzzzz.tmp"}));
+    EXPECT_EQ(uploads(), 0u);
+    EXPECT_EQ(listing(m_root), expected({".abcdefghij0123456.tmp", "a.tmp", ".short.tmp"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(BackEnds, ObjectStore, ::testing::Values(BackEnd{"s3", objects, u"s3"}),

@@ -8,16 +8,30 @@
 
 namespace stratum::storage::vfs::detail::s3 {
 
+/// Whether `body` parses as a whole XML document whose root element is `root`.
+bool hasRoot(std::string const& body, char const* root);
+
 /// Code and Message of an <Error> document; false when `body` is no such document.
 bool parseError(std::string const& body, std::string& code, std::string& message);
 
 /// One page of ListObjectsV2.
 struct ListPage {
     std::vector<std::string> keys;
+    std::vector<std::string> modified; ///< LastModified of each key
     std::vector<std::string> prefixes; ///< CommonPrefixes
     std::string nextToken;             ///< empty on the last page
 };
 ListPage parseListPage(std::string const& body);
+
+/// One page of ListMultipartUploads.
+struct UploadPage {
+    struct Upload {
+        std::string key, uploadId, initiated;
+    };
+    std::vector<Upload> uploads;
+    std::string nextKey, nextUploadId; ///< both empty on the last page
+};
+UploadPage parseUploadPage(std::string const& body);
 
 /// UploadId of InitiateMultipartUploadResult ("" when missing).
 std::string parseUploadId(std::string const& body);
