@@ -49,9 +49,10 @@ protected:
         settings.retryMilliseconds = 4;
         return StorageSystemReference(settings);
     }
-    /// Unfinished uploads below the root, as the store lists them.
-    std::size_t uploads() {
-        return vfs::removeS3Litter(objectStorage(), env("S3_BUCKET"), m_key + "/", std::chrono::seconds(0), true).uploads.size();
+    /// Unfinished uploads below `relative` of the root, as the store lists them.
+    std::size_t uploads(std::string const& relative = "") {
+        return vfs::removeS3Litter(objectStorage(), env("S3_BUCKET"), m_key + "/" + relative, std::chrono::seconds(0), true)
+            .uploads.size();
     }
 };
 
@@ -143,8 +144,8 @@ TEST_P(ObjectStore, GatewayKilledDuringAnUploadLeavesTheOldObject) {
     EXPECT_EQ(listing(m_root), expected({"target"}));
 }
 
-// A HEAD's answer or request cut at any byte of its status line and headers, or a GET's at
-// chosen bytes of its body, is repeated: the size and the bytes read are the object's.
+// A HEAD's answer or request cut at any byte of its status line and headers, a GET's at chosen
+// bytes of its body, or a stalled answer, is repeated: the size and the bytes read are the object's.
 TEST_P(ObjectStore, ExchangesCutAnywhereAreRepeated) {
     std::string const bytes = pattern(3000, 5);
     write(at("cut"), bytes);
@@ -175,6 +176,9 @@ TEST_P(ObjectStore, ExchangesCutAnywhereAreRepeated) {
             }
         });
     for (auto& sweep : sweeps) sweep.join();
+    FaultProxy stalled(env("AWS_ENDPOINT_URL"), {Fault::Stall, on("HEAD ")});
+    EXPECT_EQ(VirtualFileSystemOps(through(stalled)).getSizeInBytes(at("cut")), bytes.size());
+    EXPECT_EQ(stalled.hits, 1);
 }
 
 // Commits over an existing package through a faulty network, read back without it: success means
@@ -184,68 +188,72 @@ TEST_P(ObjectStore, ExchangesCutAnywhereAreRepeated) {
 TEST_P(ObjectStore, CommitsThroughFaultsLeaveTheOldOrTheNewPackage) {
     unsigned const seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    auto within = [&](std::size_t end) { return std::uniform_int_distribution<std::size_t>(0, end - 1)(random); };
     std::string const refused = "HTTP/1.1 503 Slow Down\r\nContent-Length: 68\r\n\r\n"
                                 "<Error><Code>SlowDown</Code><Message>busy</Message></Error>          ";
     std::string const broken = "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\n\r\n";
-    std::string const copy = "x-amz-copy-source:";
+    std::string const copy = "x-amz-copy-source:", old = pattern(1000, 6);
     struct Config {
         std::size_t size;
         bool backup, fromObject;
     };
+    Config const configs[] = {{200000, false, false}, {200000, true, true}, {5 * MiB + 1000, true, false}, {5 * MiB + 1000, false, true}};
     HostFolder folder;
-    LocalFileSystemOps local;
-    std::string const old = pattern(1000, 6);
-    for (Config const config : {Config{200000, false, false}, Config{200000, true, true}, Config{5 * MiB + 1000, true, false},
-                                Config{5 * MiB + 1000, false, true}}) {
-        std::string const fresh = pattern(config.size, 7);
-        std::u16string const source = config.fromObject ? at("new") : folder.path16() + u"/new";
-        config.fromObject ? write(source, fresh) : writeFile(folder.path().string() + "/new", fresh);
-        // Outcome from a local file and from an object: N new, C new with the clean-up error, O old.
-        struct Row {
-            char const* name;
-            Fault fault;
-            char fromFile, fromObject;
-            bool rare; ///< some packages never meet the fault
-        };
-        std::vector<Row> const rows{
-            {"HEAD answer cut in its headers", {Fault::CutAnswer, on("HEAD "), within(180)}, 'N', 'N', false},
-            {"write answer cut", {Fault::CutAnswer, on("PUT "), within(150)}, 'N', 'N', false},
-            {"write request cut", {Fault::CutRequest, on("PUT "), within(config.fromObject ? 600 : config.size)}, 'N', 'N', false},
-            {"copy done, its answers lost", {Fault::CutAnswer, on("PUT ", copy, "partNumber="), 0, 6}, 'N', 'N', true},
-            {"completion done, its answers lost", {Fault::CutAnswer, on("POST ", "uploadId="), 0, 6}, 'N', 'N', true},
-            {"temporary object not deleted", {Fault::Refuse, on("DELETE ", ".tmp ", "/.copy-"), 0, 6, refused}, 'C', 'C', false},
-            {"first write stalls", {Fault::Stall, on("PUT ")}, 'N', 'N', false},
-            {"writes refused twice", {Fault::Refuse, on("P"), 0, 2, refused}, 'N', 'N', false},
-            {"copies always fail", {Fault::Refuse, on("PUT ", copy), 0, 1000, broken}, 'O', 'O', false},
-            {"uploads always refused", {Fault::Refuse, on("PUT ", "", copy), 0, 1000, refused}, 'O', 'N', true},
-        };
-        for (auto const& row : rows) {
-            SCOPED_TRACE(std::string(row.name) + ", " + std::to_string(config.size) + " bytes" +
-                         (config.backup ? ", backup" : "") + (config.fromObject ? ", from an object" : ""));
-            write(at("pkg"), old);
-            FaultProxy proxy(env("AWS_ENDPOINT_URL"), row.fault);
-            VirtualFileSystemOps faulty{through(proxy)};
-            CommitOptions options;
-            options.removeBackup(!config.backup);
-            error_code ec;
-            faulty.replaceFileWithBackup(at("pkg"), config.fromObject ? faulty : static_cast<FileSystemOps&>(local), source,
-                                         options, ec);
-            char const outcome = !ec ? 'N' : ec == errc::state_not_recoverable ? 'C' : 'O';
-            EXPECT_EQ(outcome, config.fromObject ? row.fromObject : row.fromFile) << ec.message();
-            EXPECT_TRUE(read(at("pkg")) == (outcome == 'O' ? old : fresh)) << ec.message();
-            EXPECT_TRUE(proxy.hits > 0 || row.rare);
-            std::vector<std::string> left{"pkg"};
-            if (config.backup && outcome != 'O') left.push_back("pkg.bak");
-            if (config.fromObject) left.push_back("new");
-            if (config.backup && outcome == 'O' && ops().exists(at("pkg.bak"))) left.push_back("pkg.bak");
-            EXPECT_EQ(listing(m_root), expected(left));
-            EXPECT_EQ(uploads(), 0u);
-            if (config.backup) ops().remove(at("pkg.bak"), ec);
-        }
-        if (config.fromObject) ops().remove(source);
+    std::vector<std::thread> lanes; // one folder each, side by side
+    for (int lane = 0; lane < 4; ++lane) {
+        ops().createFolder(at("c" + std::to_string(lane)));
+        lanes.emplace_back([&, lane] {
+            SCOPED_TRACE("seed " + std::to_string(seed));
+            std::mt19937 random(seed + unsigned(lane));
+            auto within = [&](std::size_t end) { return std::uniform_int_distribution<std::size_t>(0, end - 1)(random); };
+            Config const config = configs[lane];
+            std::string const dir = "c" + std::to_string(lane) + "/", fresh = pattern(config.size, 7);
+            std::u16string const target = at(dir + "pkg"), backup = at(dir + "pkg.bak");
+            std::u16string const source = config.fromObject ? at(dir + "new") : u16(folder.path().string() + "/" + dir[1]);
+            config.fromObject ? write(source, fresh) : writeFile(folder.path().string() + "/" + dir[1], fresh);
+            // Outcome from a local file and from an object: N new, C new with the clean-up error, O old.
+            struct Row {
+                char const* name;
+                Fault fault;
+                char fromFile, fromObject;
+                bool rare; ///< some packages never meet the fault
+            };
+            std::vector<Row> const rows{
+                {"HEAD answer cut in its headers", {Fault::CutAnswer, on("HEAD "), within(180)}, 'N', 'N', false},
+                {"write answer cut", {Fault::CutAnswer, on("PUT "), within(150)}, 'N', 'N', false},
+                {"write request cut", {Fault::CutRequest, on("PUT "), within(config.fromObject ? 600 : config.size)}, 'N', 'N', false},
+                {"copy done, its answers lost", {Fault::CutAnswer, on("PUT ", copy, "partNumber="), 0, 6}, 'N', 'N', true},
+                {"completion done, its answers lost", {Fault::CutAnswer, on("POST ", "uploadId="), 0, 6}, 'N', 'N', true},
+                {"temporary object not deleted", {Fault::Refuse, on("DELETE ", ".tmp ", "/.copy-"), 0, 6, refused}, 'C', 'C', false},
+                {"writes refused twice", {Fault::Refuse, on("P"), 0, 2, refused}, 'N', 'N', false},
+                {"copies always fail", {Fault::Refuse, on("PUT ", copy), 0, 1000, broken}, 'O', 'O', false},
+                {"uploads always refused", {Fault::Refuse, on("PUT ", "", copy), 0, 1000, refused}, 'O', 'N', true},
+            };
+            LocalFileSystemOps local;
+            for (auto const& row : rows) {
+                SCOPED_TRACE(std::string(row.name) + ", " + std::to_string(config.size) + " bytes" +
+                             (config.backup ? ", backup" : "") + (config.fromObject ? ", from an object" : ""));
+                write(target, old);
+                FaultProxy proxy(env("AWS_ENDPOINT_URL"), row.fault);
+                VirtualFileSystemOps faulty{through(proxy)};
+                CommitOptions options;
+                options.removeBackup(!config.backup);
+                error_code ec;
+                faulty.replaceFileWithBackup(target, config.fromObject ? faulty : static_cast<FileSystemOps&>(local), source,
+                                             options, ec);
+                char const outcome = !ec ? 'N' : ec == errc::state_not_recoverable ? 'C' : 'O';
+                EXPECT_EQ(outcome, config.fromObject ? row.fromObject : row.fromFile) << ec.message();
+                EXPECT_TRUE(read(target) == (outcome == 'O' ? old : fresh)) << ec.message();
+                EXPECT_TRUE(proxy.hits > 0 || row.rare);
+                std::vector<std::string> left{dir + "pkg"};
+                if (config.backup && (outcome != 'O' || ops().exists(backup))) left.push_back(dir + "pkg.bak");
+                if (config.fromObject) left.push_back(dir + "new");
+                EXPECT_EQ(listing(at(dir)), expected(left));
+                EXPECT_EQ(uploads(dir), 0u);
+                if (config.backup) ops().remove(backup, ec);
+            }
+        });
     }
+    for (auto& lane : lanes) lane.join();
 }
 
 // Litter of killed writers: old unfinished uploads and temporary objects are found and removed,
