@@ -68,7 +68,10 @@ struct FolderEntry {
 /// `close()` (content is buffered and sent in parts; a part that fails throws from the write
 /// that sent it, a failed completion leaves no object, and a stream dropped without `close()`
 /// leaves none either); `rename` is a server-side copy, durable once acknowledged, then the
-/// deletion of the source; `app` and `in|out` rewrite the whole object.
+/// deletion of the source; `app` and `in|out` rewrite the whole object. When the copy is in
+/// place and only the deletion of the source failed, `rename` throws `StateNotRecoverable`
+/// ("the new content is in place at <to>; only the removal of this source failed: ..."):
+/// the destination holds the new content and the source is left over.
 class STRATUM_API StorageProvider {
 public:
     StorageProvider() = default;
