@@ -247,6 +247,7 @@ TEST_P(ObjectStore, CommitsThroughFaultsLeaveTheOldOrTheNewPackage) {
                 {"write request cut", {Fault::CutRequest, on("PUT "), within(config.fromObject ? 600 : config.size)}, 'N', 'N', false},
                 {"copy done, its answers lost", {Fault::CutAnswer, on("PUT ", copy, "partNumber="), 0, 6}, 'N', 'N', true},
                 {"completion done, its answers lost", {Fault::CutAnswer, on("POST ", "uploadId="), 0, 6}, 'N', 'N', true},
+                {"upload started, its answer lost", {Fault::CutAnswer, on("POST ", "?uploads="), 0, 2}, 'N', 'N', true},
                 {"temporary object not deleted", {Fault::Refuse, on("DELETE ", ".tmp ", "/.copy-"), 0, 6, refused}, 'C', 'C', false},
                 {"writes refused twice", {Fault::Refuse, on("P"), 0, 2, refused}, 'N', 'N', false},
                 {"copies always fail", {Fault::Refuse, on("PUT ", copy), 0, 1000, broken}, 'O', 'O', false},

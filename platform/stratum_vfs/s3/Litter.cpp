@@ -17,14 +17,6 @@ namespace {
 
 using namespace detail::s3;
 
-// Seconds since 1970 of an ISO 8601 time as S3 lists them ("2026-11-25T22:07:59.000Z"); 0
-// (so, old) for text that does not read.
-std::time_t listedTime(std::string const& text) {
-    std::tm parts{};
-    char const* end = ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
-    return end ? ::timegm(&parts) : 0;
-}
-
 // A name this library gives a temporary object beside a file it replaces: "." and 16 of
 // [a-z0-9] (a commit), or ".copy-" and 16 of [0-9a-f] (a copy over a file), then ".tmp".
 bool temporaryName(std::string const& key) {
@@ -72,7 +64,7 @@ S3Litter removeS3Litter(S3Settings const& settings, std::string const& bucket, s
         }
         uploads = parseUploadPage(send(list, "ListMultipartUploads").body);
         for (auto const& upload : uploads.uploads) {
-            if (listedTime(upload.initiated) > before) {
+            if (parseListedTime(upload.initiated) > before) {
                 continue;
             }
             found.uploads.push_back(upload.key);
@@ -93,7 +85,7 @@ S3Litter removeS3Litter(S3Settings const& settings, std::string const& bucket, s
         }
         objects = parseListPage(send(list, "ListObjectsV2").body);
         for (std::size_t i = 0; i < objects.keys.size(); ++i) {
-            if (!temporaryName(objects.keys[i]) || listedTime(objects.modified[i]) > before) {
+            if (!temporaryName(objects.keys[i]) || parseListedTime(objects.modified[i]) > before) {
                 continue;
             }
             found.objects.push_back(objects.keys[i]);

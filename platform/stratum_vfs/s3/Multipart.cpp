@@ -58,15 +58,38 @@ std::uint64_t partSizeFor(std::uint64_t base, std::size_t number) {
 }
 
 Multipart::Multipart(ObjectRef object, Pairs const& metadata) : object_(std::move(object)) {
+    // Repeated like any request: an upload that an attempt with a lost answer started is
+    // found and aborted once one answer arrives.
     HttpRequest request = requestFor(object_, "POST", {{"uploads", ""}}, metadata);
-    request.idempotent = false; // a repeat would start a second upload
     request.xmlAnswer = true;
     request.xmlRoot = "InitiateMultipartUploadResult";
+    std::time_t const started = std::time(nullptr);
     HttpResponse const response = object_.http->send(request);
     check(response, object_, "CreateMultipartUpload");
     uploadId_ = parseUploadId(response.body);
     if (uploadId_.empty()) {
         throw Exception(ErrorCode::IOError, object_.iri, "CreateMultipartUpload: no upload id in the answer");
+    }
+    if (response.attempts > 1) {
+        abortStrays(started);
+    }
+}
+
+// Other uploads of this key begun since `started` are ours: a writer's key is nearly always
+// a fresh temporary name. Failures leave them to removeS3Litter.
+void Multipart::abortStrays(std::time_t started) noexcept {
+    try {
+        HttpRequest list = requestFor(object_, "GET", {{"uploads", ""}, {"prefix", object_.key}});
+        list.key.clear();
+        list.xmlAnswer = true;
+        list.xmlRoot = "ListMultipartUploadsResult";
+        HttpResponse const response = object_.http->send(list);
+        for (auto const& upload : response.ok() ? parseUploadPage(response.body).uploads : std::vector<UploadPage::Upload>()) {
+            if (upload.key == object_.key && upload.uploadId != uploadId_ && parseListedTime(upload.initiated) + 2 >= started) {
+                object_.http->send(requestFor(object_, "DELETE", {{"uploadId", upload.uploadId}}));
+            }
+        }
+    } catch (...) {
     }
 }
 

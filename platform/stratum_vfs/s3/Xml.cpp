@@ -78,6 +78,12 @@ UploadPage parseUploadPage(std::string const& body) {
     return page;
 }
 
+std::time_t parseListedTime(std::string const& text) {
+    std::tm parts{};
+    char const* end = ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
+    return end ? ::timegm(&parts) : 0;
+}
+
 std::string parseUploadId(std::string const& body) {
     return text(parse(body).child("InitiateMultipartUploadResult"), "UploadId");
 }

@@ -2,6 +2,7 @@
 
 // The XML of S3 answers and request bodies, through pugixml.
 
+#include <ctime>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,6 +33,10 @@ struct UploadPage {
     std::string nextKey, nextUploadId; ///< both empty on the last page
 };
 UploadPage parseUploadPage(std::string const& body);
+
+/// Seconds since 1970 of a time as listings give it ("2026-11-25T22:07:59.000Z"); 0 for text
+/// that does not read.
+std::time_t parseListedTime(std::string const& text);
 
 /// UploadId of InitiateMultipartUploadResult ("" when missing).
 std::string parseUploadId(std::string const& body);
