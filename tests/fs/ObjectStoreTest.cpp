@@ -233,31 +233,27 @@ TEST_P(ObjectStore, CommitsThroughFaultsLeaveTheOldOrTheNewPackage) {
             std::u16string const target = at(dir + "pkg"), backup = at(dir + "pkg.bak");
             std::u16string const source = config.fromObject ? at(dir + "new") : u16(folder.path().string() + "/" + dir[1]);
             config.fromObject ? write(source, fresh) : writeFile(folder.path().string() + "/" + dir[1], fresh);
-            // Outcome from a local file and from an object: N new, C new with the clean-up error, O old.
-            struct Row {
-                char const* name;
-                Fault fault;
-                char fromFile, fromObject;
-                bool rare; ///< some packages never meet the fault
-            };
-            std::vector<Row> const rows{
-                {"HEAD answer cut in its headers", {Fault::CutAnswer, on("HEAD "), within(180)}, 'N', 'N', false},
-                {"write answer cut", {Fault::CutAnswer, on("PUT "), within(150)}, 'N', 'N', false},
-                {"write request cut", {Fault::CutRequest, on("PUT "), within(config.fromObject ? 600 : config.size)}, 'N', 'N', false},
-                {"copy done, its answers lost", {Fault::CutAnswer, on("PUT ", copy, "partNumber="), 0, 6}, 'N', 'N', true},
-                {"completion done, its answers lost", {Fault::CutAnswer, on("POST ", "uploadId="), 0, 6}, 'N', 'N', true},
-                {"upload started, its answer lost", {Fault::CutAnswer, on("POST ", "?uploads="), 0, 2}, 'N', 'N', true},
-                {"temporary object not deleted", {Fault::Refuse, on("DELETE ", ".tmp ", "/.copy-"), 0, 6, refused}, 'C', 'C', false},
-                {"writes refused twice", {Fault::Refuse, on("P"), 0, 2, refused}, 'N', 'N', false},
-                {"copies always fail", {Fault::Refuse, on("PUT ", copy), 0, 1000, broken}, 'O', 'O', false},
-                {"uploads always refused", {Fault::Refuse, on("PUT ", "", copy), 0, 1000, refused}, 'O', 'N', true},
+            // Outcome from a local file, then from an object: N new, C new with the clean-up error, O
+            // old; "~": some packages never meet the fault.
+            std::pair<Fault, std::string> const rows[] = {
+                {{Fault::CutAnswer, on("HEAD "), within(180)}, "NN"},                                    // cut in headers
+                {{Fault::CutAnswer, on("PUT "), within(150)}, "NN"},                                     // write's answer cut
+                {{Fault::CutRequest, on("PUT "), within(config.fromObject ? 600 : config.size)}, "NN"},  // write cut
+                {{Fault::CutAnswer, on("PUT ", copy, "partNumber="), 0, 6}, "NN~"},                      // copy done, answers lost
+                {{Fault::CutAnswer, on("POST ", "uploadId="), 0, 6}, "NN~"},                             // completion done, answers lost
+                {{Fault::CutAnswer, on("POST ", "?uploads="), 0, 2}, "NN~"},                             // upload started, answer lost
+                {{Fault::Refuse, on("DELETE ", ".tmp ", "/.copy-"), 0, 6, refused}, "CC"},               // temporary object stays
+                {{Fault::Refuse, on("P"), 0, 2, refused}, "NN"},                                         // writes refused twice
+                {{Fault::Refuse, on("PUT ", copy), 0, 1000, broken}, "OO"},                              // copies always fail
+                {{Fault::Refuse, on("PUT ", "", copy), 0, 1000, refused}, "ON~"},                        // uploads always refused
             };
             LocalFileSystemOps local;
-            for (auto const& row : rows) {
-                SCOPED_TRACE(std::string(row.name) + ", " + std::to_string(config.size) + " bytes" +
+            for (std::size_t i = 0; i < std::size(rows); ++i) {
+                auto const& [fault, outcomes] = rows[i];
+                SCOPED_TRACE("row " + std::to_string(i) + ", " + std::to_string(config.size) + " bytes" +
                              (config.backup ? ", backup" : "") + (config.fromObject ? ", from an object" : ""));
                 write(target, old);
-                FaultProxy proxy(env("AWS_ENDPOINT_URL"), row.fault);
+                FaultProxy proxy(env("AWS_ENDPOINT_URL"), fault);
                 VirtualFileSystemOps faulty{through(proxy)};
                 CommitOptions options;
                 options.removeBackup(!config.backup);
@@ -270,10 +266,10 @@ TEST_P(ObjectStore, CommitsThroughFaultsLeaveTheOldOrTheNewPackage) {
                     message = e.what();
                 }
                 char const outcome = !ec ? 'N' : ec == errc::state_not_recoverable ? 'C' : 'O';
-                EXPECT_EQ(outcome, config.fromObject ? row.fromObject : row.fromFile) << message;
+                EXPECT_EQ(outcome, outcomes[config.fromObject]) << message;
                 EXPECT_EQ(message.find("Not found"), std::string::npos) << message;
                 EXPECT_TRUE(read(target) == (outcome == 'O' ? old : fresh)) << message;
-                EXPECT_TRUE(proxy.hits > 0 || row.rare);
+                EXPECT_TRUE(proxy.hits > 0 || outcomes.size() > 2);
                 std::vector<std::string> left{dir + "pkg"};
                 if (config.backup && (outcome != 'O' || ops().exists(backup))) left.push_back(dir + "pkg.bak");
                 if (config.fromObject) left.push_back(dir + "new");
