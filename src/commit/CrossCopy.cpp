@@ -3,6 +3,8 @@
 #include <opc/Exception.hpp>
 #include <opc/Streams.hpp>
 
+#include <stratum/storage/vfs/Streams.hpp>
+
 #include <boost/system/error_code.hpp>
 
 #include <istream>
@@ -40,6 +42,10 @@ void copyAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOp
     if (!out)
         noStream("createOutputStream");
     StreamHelper::copyStreamToStream(*in, *out);
+    // A storage stream that publishes only when closed (an object store's upload) reports a
+    // failed publication from an explicit close alone: its release would drop the failure.
+    if (auto* storage = dynamic_cast<stratum::storage::vfs::ofstream*>(out.get()))
+        storage->close();
     // The destination closes (and flushes) when its last holder lets go.
     out.reset();
     in.reset();

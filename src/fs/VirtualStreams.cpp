@@ -4,6 +4,7 @@
 #include <opc/Exception.hpp>
 #include <opc/VirtualFileSystemOps.hpp>
 
+#include <stratum/storage/vfs/Exception.hpp>
 #include <stratum/storage/vfs/File.hpp>
 #include <stratum/storage/vfs/IRI.hpp>
 #include <stratum/storage/vfs/Streams.hpp>
@@ -32,6 +33,12 @@ template <class S, class Handle, class... Extra>
 Handle open(std::u16string const& path, unsigned mode, store::StorageSystemReference const& storage,
             std::string& detail, boost::system::error_code& ec, Extra... extra) {
     return detail::guarded(detail, ec, Handle(), [&]() -> Handle {
+        // The IRI would drop the "/" and name another object: an object store's "a/" and "a"
+        // are two keys.
+        if (!path.empty() && path.back() == u'/') {
+            throw store::Exception(store::ErrorCode::NotSupported, store::AbsoluteIRI(path),
+                                   "an IRI ending in \"/\" names a folder, not a file");
+        }
         store::File const file(store::AbsoluteIRI(path), storage);
         auto stream = std::make_shared<S>(file, mode, extra...);
         if (stream->fail()) {

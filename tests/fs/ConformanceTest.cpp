@@ -34,7 +34,8 @@ protected:
         char const* const parts[] = {"plain", "with space", "\xC3\xBCn\xC3\xAF", "\xE6\x97\xA5", "e\xF0\x9F\x98\x80",
                                      ".hidden", "a.b.c", "trailing ", "-dash"};
         std::mt19937 gen(unsigned(GetParam().name.size()));
-        for (int i = 0; i < 70; ++i) {
+        int const items = GetParam().scheme == u"s3" ? 40 : 70; // every request crosses a network there
+        for (int i = 0; i < items; ++i) {
             std::string const parent = m_folders[gen() % m_folders.size()];
             std::string const rel = (parent.empty() ? "" : parent + "/") + parts[gen() % 9] + " " + std::to_string(i);
             unsigned const kind = gen() % 11, size = std::vector<unsigned>{0, 1, 100, 4097, 70000}[gen() % 5];
@@ -107,6 +108,8 @@ TEST_P(Conformance, StreamModesActLikeStandardFileStreams) {
     std::string const oracle = (oracleFolder.path() / "oracle").string();
     for (unsigned bits = 0; bits < 64; ++bits)
         for (bool existing : {false, true}) {
+            // Binary and text are the same on the host; on object storage each case is slow.
+            if ((bits & std::ios_base::binary) && GetParam().scheme == u"s3") continue;
             SCOPED_TRACE("mode " + std::to_string(bits) + (existing ? " existing" : " missing"));
             auto const path = at("m" + std::to_string(bits));
             fs::remove(oracle);
@@ -140,7 +143,7 @@ TEST_P(Conformance, PermissionsAndTimesRoundTrip) {
     write(file, "data");
     ops().createFolder(at("d"));
     std::mt19937 gen(7);
-    for (int i = 0; i < 60; ++i) {                                                  // a host folder keeps its owner's rights, so only storage tries one
+    for (int i = 0; i < (caps().posixPermissions ? 60 : 16); ++i) {                 // a host folder keeps its owner's rights, so only storage tries one
         unsigned const bits = gen() % 01000 | (caps().posixPermissions ? 0600 : 0); // the owner must clean up
         auto const item = caps().posixPermissions || i % 2 ? file : at("d");
         ops().setPermissions(item, Perms::Perms_tag(bits));

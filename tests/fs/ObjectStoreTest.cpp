@@ -1,15 +1,14 @@
 // The s3 back end's own proofs on a live object store (eval "$(scripts/s3-server.sh start)"): what
 // awscli sees of it and the reverse, its multipart, part-copy and paged-listing paths and a
-// gateway killed during an upload; 503 answers come from a loopback server.
+// gateway killed during an upload; refused, cut, stalled and lost answers from a fault proxy in
+// front of the store.
 #include "fs/Suite.hpp"
+#include "support/FaultProxy.hpp"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <opc/CommitOptions.hpp>
 
-#include <atomic>
 #include <cstdio>
+#include <future>
 #include <thread>
 
 namespace opc::test {
@@ -31,11 +30,41 @@ protected:
     std::pair<bool, std::string> aws(std::string const& arguments, std::string const& input = "") {
         return run(input + "aws --endpoint-url '" + env("AWS_ENDPOINT_URL") + "' " + arguments);
     }
-    std::string head(std::string const& relative) {
-        return aws("s3api head-object --bucket " + env("S3_BUCKET") + " --key '" + m_key + "/" + relative + "'").second;
+    std::string headOf(std::string const& relative) {
+        return "s3api head-object --bucket " + env("S3_BUCKET") + " --key '" + m_key + "/" + relative + "'";
+    }
+    std::string head(std::string const& relative) { return aws(headOf(relative)).second; }
+    std::string putOf(std::string const& relative, std::string const& file) {
+        return "s3api put-object --bucket " + env("S3_BUCKET") + " --key '" + m_key + "/" + relative + "' --body " + file;
+    }
+    /// `aws` on a thread of its own.
+    std::future<std::pair<bool, std::string>> later(std::string const& arguments, std::string const& input = "") {
+        return std::async(std::launch::async, [=] { return aws(arguments, input); });
     }
     bool haveAws() { return run("command -v aws >/dev/null").first; }
+    /// The store again, through `proxy`: stalls end after 1 s, repeats come at once, and copies
+    /// above 1 MiB go part-wise.
+    static StorageSystemReference through(FaultProxy const& proxy) {
+        vfs::S3Settings settings = objectStorage();
+        settings.endpoint = proxy.endpoint;
+        settings.copyPartThreshold = MiB;
+        settings.stallSeconds = 1;
+        settings.retryMilliseconds = 4;
+        return StorageSystemReference(settings);
+    }
+    /// Unfinished uploads below `relative` of the root, as the store lists them.
+    std::size_t uploads(std::string const& relative = "") {
+        return vfs::removeS3Litter(objectStorage(), env("S3_BUCKET"), m_key + "/" + relative, std::chrono::seconds(0), true)
+            .uploads.size();
+    }
 };
+
+/// Requests whose line starts with `method` ("P": PUT and POST) and holds `has` but not `hasNot` (line and headers).
+std::function<bool(std::string const&)> on(std::string method, std::string has = "", std::string hasNot = "\n\n") {
+    return [=](std::string const& head) {
+        return head.rfind(method, 0) == 0 && head.find(has) != std::string::npos && head.find(hasNot) == std::string::npos;
+    };
+}
 
 // What the library writes, copies part-wise and moves, awscli reads; a listing longer than one
 // page is whole; a reader pinned to the version it opened fails once the object is replaced.
@@ -48,18 +77,23 @@ TEST_P(ObjectStore, AwsReadsWhatTheLibraryWritesAndCopies) {
     ops().setLastModifiedTime(at("small"), boost::posix_time::from_time_t(981173106));
     ops().copy(at("big"), at("copy"), FailIfExists);
     ops().rename(at("copy"), at("moved"));
-    EXPECT_EQ(aws("s3 cp " + uri("small") + " -").second, "tiny");
+    // awscli starts slowly: its runs go side by side.
+    auto small = later("s3 cp " + uri("small") + " -"), smallHead = later(headOf("small")), dirHead = later(headOf("dir/"));
     for (std::string const name : {"big", "moved"}) { // three parts of 5 MiB, written or copied
-        EXPECT_TRUE(aws("s3 cp " + uri(name) + " -").second == big) << name;
-        EXPECT_NE(head(name).find("-3\\\""), std::string::npos) << head(name);
+        auto content = later("s3 cp " + uri(name) + " -"), description = later(headOf(name));
+        EXPECT_TRUE(content.get().second == big) << name;
+        std::string const head = description.get().second;
+        EXPECT_NE(head.find("-3\\\""), std::string::npos) << head;
     }
-    EXPECT_NE(head("dir/").find("\"ContentLength\": 0"), std::string::npos) << head("dir/");
-    EXPECT_NE(head("small").find("\"mtime\": \"981173106\""), std::string::npos) << head("small");
+    EXPECT_EQ(small.get().second, "tiny");
+    std::string const dir = dirHead.get().second, smallText = smallHead.get().second;
+    EXPECT_NE(dir.find("\"ContentLength\": 0"), std::string::npos) << dir;
+    EXPECT_NE(smallText.find("\"mtime\": \"981173106\""), std::string::npos) << smallText;
     ops().createFolder(at("many")); // more keys than one page of ListObjectsV2 (1,000)
     std::vector<std::thread> writers;
-    for (int t = 0; t < 8; ++t)
+    for (int t = 0; t < 32; ++t) // each write waits on the network, not on a processor
         writers.emplace_back([&, t] {
-            for (int i = t; i < 1100; i += 8) write(at("many/" + std::to_string(i)), "");
+            for (int i = t; i < 1100; i += 32) write(at("many/" + std::to_string(i)), "");
         });
     for (auto& writer : writers) writer.join();
     for (bool recursive : {true, false}) EXPECT_EQ(listing(at("many"), recursive).size(), 1100u) << recursive;
@@ -76,15 +110,25 @@ TEST_P(ObjectStore, LibraryReadsWhatAwsWrites) {
     HostFolder folder;
     std::string const bytes = pattern(20 * MiB, 2), file = (folder.path() / "twenty").string();
     writeFile(file, bytes);
-    ASSERT_TRUE(aws("s3 cp " + file + " " + uri("twenty") + " --quiet").first);
+    // Keys no library write makes: an empty segment, a file beside a folder of its name, a key
+    // ending in "/" that holds bytes. awscli starts slowly: its runs go side by side.
+    std::vector<std::future<std::pair<bool, std::string>>> writes;
+    writes.push_back(later("s3 cp " + file + " " + uri("twenty") + " --quiet"));
+    for (std::string key : {"a//b", "x", "x/y", "e/f"}) writes.push_back(later("s3 cp - '" + uri(key) + "'", "printf " + key + " | "));
+    writes.push_back(later(putOf("held/", file)));
+    for (auto& done : writes) ASSERT_TRUE(done.get().first);
     EXPECT_NE(head("twenty").find("-3\\\""), std::string::npos) << "awscli sent three parts: " << head("twenty");
     EXPECT_EQ(ops().getSizeInBytes(at("twenty")), bytes.size());
     EXPECT_TRUE(read(at("twenty")) == bytes);
-    // Keys no library write makes: an empty segment, a file beside a folder of its name.
-    for (std::string key : {"a//b", "x", "x/y", "e/f"})
-        ASSERT_TRUE(aws("s3 cp - '" + uri(key) + "'", "printf " + key + " | ").first);
+    // An IRI keeps no trailing "/": one that ends in it names no file, for reading or writing.
+    error_code ec;
+    EXPECT_FALSE(ops().createInputStream(m_root + u"/held/", OpenMode::ReadBinary, ec));
+    EXPECT_EQ(ec, errc::not_supported) << ec.message();
+    EXPECT_FALSE(ops().createOutputStream(m_root + u"/x/", OpenMode::WriteBinary, ec));
+    EXPECT_EQ(ec, errc::not_supported) << ec.message();
+    EXPECT_EQ(read(at("x")), "x");
     EXPECT_EQ(read(m_root + u"/a//b"), "a//b");
-    EXPECT_EQ(listing(m_root), expected({"e/f", "twenty", "x"}));
+    EXPECT_EQ(listing(m_root), expected({"e/f", "twenty", "x"})); // "held/" is a folder's marker
 }
 
 TEST_P(ObjectStore, OfFoldersMadeAtOnceOneIsMade) {
@@ -118,64 +162,151 @@ TEST_P(ObjectStore, GatewayKilledDuringAnUploadLeavesTheOldObject) {
     EXPECT_EQ(listing(m_root), expected({"target"}));
 }
 
-INSTANTIATE_TEST_SUITE_P(BackEnds, ObjectStore, ::testing::Values(BackEnd{"s3", objects, u"s3"}),
-                         [](auto const& info) { return info.param.name; });
-
-/// A loopback server answering every request with the next of `answers` (the last one again
-/// once they run out), one connection per request.
-class FakeServer {
-public:
-    explicit FakeServer(std::vector<std::string> answers) : m_answers(std::move(answers)) {
-        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        socklen_t length = sizeof address;
-        if (::bind(m_socket, reinterpret_cast<sockaddr*>(&address), length) || ::listen(m_socket, 8) ||
-            ::getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &length))
-            throw std::runtime_error("no loopback socket");
-        endpoint = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-        m_thread = std::thread([this] { serve(); });
+// A HEAD's answer or request cut at any byte of its status line and headers, a GET's at chosen
+// bytes of its body, a stalled answer or a refusal is repeated: the size and bytes read are the
+// object's. Refusals without end are reported as TryAgain after six attempts.
+TEST_P(ObjectStore, ExchangesCutAnywhereAreRepeated) {
+    std::string const bytes = pattern(3000, 5), refused = "HTTP/1.1 503 Slow Down\r\nRetry-After: 0\r\nContent-Length: 0\r\n\r\n";
+    write(at("cut"), bytes);
+    std::size_t answerHead = 0;
+    {
+        FaultProxy probe(env("AWS_ENDPOINT_URL"), {});
+        VirtualFileSystemOps(through(probe)).getSizeInBytes(at("cut"));
+        answerHead = probe.headerBytes;
     }
-    ~FakeServer() {
-        ::shutdown(m_socket, SHUT_RDWR);
-        ::close(m_socket);
-        m_thread.join();
-    }
-    std::string endpoint;
-    std::atomic<int> requests{0};
-
-private:
-    void serve() {
-        for (int client; (client = ::accept(m_socket, nullptr, nullptr)) >= 0; ::close(client)) {
-            std::string request;
-            char chunk[4096];
-            for (ssize_t n; request.find("\r\n\r\n") == std::string::npos && (n = ::recv(client, chunk, sizeof chunk, 0)) > 0;)
-                request.append(chunk, std::size_t(n));
-            std::string const& answer = m_answers[std::min<std::size_t>(std::size_t(requests++), m_answers.size() - 1)];
-            ::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
-        }
-    }
-
-    std::vector<std::string> m_answers;
-    int m_socket = ::socket(AF_INET, SOCK_STREAM, 0);
-    std::thread m_thread;
-};
-
-TEST(ObjectStoreRetries, RefusalsAreRetriedThenReportedAsTryAgain) {
-    std::string const refused = "HTTP/1.1 503 Slow Down\r\nRetry-After: 0\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
-    std::string const found = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\nETag: \"e\"\r\nConnection: close\r\n\r\n";
-    for (auto const& [answers, expected] : std::vector<std::pair<std::vector<std::string>, errc::errc_t>>{
-             {{refused}, errc::resource_unavailable_try_again}, {{refused, found}, errc::success}}) {
-        FakeServer server(answers);
-        vfs::S3Settings settings;
-        settings.endpoint = server.endpoint;
-        settings.accessKeyId = settings.secretAccessKey = "test";
-        VirtualFileSystemOps ops{StorageSystemReference(settings)};
+    ASSERT_GT(answerHead, 100u);
+    std::vector<std::thread> sweeps;
+    for (std::size_t lane = 0; lane < 8; ++lane)
+        sweeps.emplace_back([&, lane] {
+            for (std::size_t at = lane; at < answerHead + 400; at += 8) {
+                Fault const cuts[] = {{Fault::CutAnswer, on("HEAD "), at}, {Fault::CutRequest, on("HEAD "), at},
+                                      {Fault::CutAnswer, on("GET "), answerHead + at * 7}};
+                for (auto const& fault : cuts) {
+                    if (fault.kind == Fault::CutAnswer && (fault.matches("HEAD ") ? at >= answerHead : at * 7 >= bytes.size()))
+                        continue;
+                    FaultProxy proxy(env("AWS_ENDPOINT_URL"), fault);
+                    VirtualFileSystemOps ops{through(proxy)};
+                    error_code ec;
+                    EXPECT_EQ(ops.getSizeInBytes(this->at("cut"), ec), bytes.size()) << at << ec.message();
+                    EXPECT_TRUE(!fault.matches("GET ") || readThrough(ops, this->at("cut")) == bytes) << at;
+                }
+            }
+        });
+    for (auto& sweep : sweeps) sweep.join();
+    for (auto const& [fault, expected] : {std::pair{Fault(Fault::Stall, on("HEAD ")), errc::success},
+                                          {Fault(Fault::Refuse, on("HEAD "), 0, 1, refused), errc::success},
+                                          {Fault(Fault::Refuse, on("HEAD "), 0, 1000, refused), errc::resource_unavailable_try_again}}) {
+        FaultProxy proxy(env("AWS_ENDPOINT_URL"), fault);
         error_code ec;
-        std::uint64_t const size = ops.getSizeInBytes(u"s3://bucket/object", ec);
-        EXPECT_EQ(ec.value(), expected) << ec.message();
-        EXPECT_EQ(size, expected ? 0u : 5u);
-        EXPECT_GT(server.requests, 1);
+        EXPECT_EQ(VirtualFileSystemOps(through(proxy)).getSizeInBytes(at("cut"), ec), expected ? 0 : bytes.size());
+        EXPECT_EQ(ec, expected) << ec.message();
+        EXPECT_EQ(proxy.hits, expected ? 6 : 1);
     }
 }
+
+// Commits over an existing package through a faulty network, read back without it: success means
+// the new package is in place, failure the old one (or the new one with an error saying that only
+// the clean-up failed); no upload and no temporary object is left. Two sizes (one part, two
+// parts), with and without a backup, from a local file and from an object.
+TEST_P(ObjectStore, CommitsThroughFaultsLeaveTheOldOrTheNewPackage) {
+    unsigned const seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::string const refused = "HTTP/1.1 503 Slow Down\r\nContent-Length: 68\r\n\r\n"
+                                "<Error><Code>SlowDown</Code><Message>busy</Message></Error>          ";
+    std::string const broken = "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\n\r\n";
+    std::string const copy = "x-amz-copy-source:", old = pattern(1000, 6);
+    struct Config {
+        std::size_t size;
+        bool backup, fromObject;
+    };
+    Config const configs[] = {{200000, false, false}, {200000, true, true}, {5 * MiB + 1000, true, false}, {5 * MiB + 1000, false, true}};
+    HostFolder folder;
+    std::vector<std::thread> lanes; // one folder each, side by side
+    for (int lane = 0; lane < 4; ++lane) {
+        ops().createFolder(at("c" + std::to_string(lane)));
+        lanes.emplace_back([&, lane] {
+            SCOPED_TRACE("seed " + std::to_string(seed));
+            std::mt19937 random(seed + unsigned(lane));
+            auto within = [&](std::size_t end) { return std::uniform_int_distribution<std::size_t>(0, end - 1)(random); };
+            Config const config = configs[lane];
+            std::string const dir = "c" + std::to_string(lane) + "/", fresh = pattern(config.size, 7);
+            std::u16string const target = at(dir + "pkg"), backup = at(dir + "pkg.bak");
+            std::u16string const source = config.fromObject ? at(dir + "new") : u16(folder.path().string() + "/" + dir[1]);
+            config.fromObject ? write(source, fresh) : writeFile(folder.path().string() + "/" + dir[1], fresh);
+            // Outcome from a local file, then from an object: N new, C new with the clean-up error, O
+            // old; "~": some packages never meet the fault.
+            std::pair<Fault, std::string> const rows[] = {
+                {{Fault::CutAnswer, on("HEAD "), within(180)}, "NN"},                                    // cut in headers
+                {{Fault::CutAnswer, on("PUT "), within(150)}, "NN"},                                     // write's answer cut
+                {{Fault::CutRequest, on("PUT "), within(config.fromObject ? 600 : config.size)}, "NN"},  // write cut
+                {{Fault::CutAnswer, on("PUT ", copy, "partNumber="), 0, 6}, "NN~"},                      // copy done, answers lost
+                {{Fault::CutAnswer, on("POST ", "uploadId="), 0, 6}, "NN~"},                             // completion done, answers lost
+                {{Fault::CutAnswer, on("POST ", "?uploads="), 0, 2}, "NN~"},                             // upload started, answer lost
+                {{Fault::Refuse, on("DELETE ", ".tmp ", "/.copy-"), 0, 6, refused}, "CC"},               // temporary object stays
+                {{Fault::Refuse, on("P"), 0, 2, refused}, "NN"},                                         // writes refused twice
+                {{Fault::Refuse, on("PUT ", copy), 0, 1000, broken}, "OO"},                              // copies always fail
+                {{Fault::Refuse, on("PUT ", "", copy), 0, 1000, refused}, "ON~"},                        // uploads always refused
+            };
+            LocalFileSystemOps local;
+            for (std::size_t i = 0; i < std::size(rows); ++i) {
+                auto const& [fault, outcomes] = rows[i];
+                SCOPED_TRACE("row " + std::to_string(i) + ", " + std::to_string(config.size) + " bytes" +
+                             (config.backup ? ", backup" : "") + (config.fromObject ? ", from an object" : ""));
+                write(target, old);
+                FaultProxy proxy(env("AWS_ENDPOINT_URL"), fault);
+                VirtualFileSystemOps faulty{through(proxy)};
+                CommitOptions options;
+                options.removeBackup(!config.backup);
+                error_code ec;
+                std::string message; // the first real cause: a fault never makes anything "Not found"
+                try {
+                    faulty.replaceFileWithBackup(target, config.fromObject ? faulty : static_cast<FileSystemOps&>(local), source, options);
+                } catch (Exception const& e) {
+                    ec = e.code();
+                    message = e.what();
+                }
+                char const outcome = !ec ? 'N' : ec == errc::state_not_recoverable ? 'C' : 'O';
+                EXPECT_EQ(outcome, outcomes[config.fromObject]) << message;
+                EXPECT_EQ(message.find("Not found"), std::string::npos) << message;
+                EXPECT_TRUE(read(target) == (outcome == 'O' ? old : fresh)) << message;
+                EXPECT_TRUE(proxy.hits > 0 || outcomes.size() > 2);
+                std::vector<std::string> left{dir + "pkg"};
+                if (config.backup && (outcome != 'O' || ops().exists(backup))) left.push_back(dir + "pkg.bak");
+                if (config.fromObject) left.push_back(dir + "new");
+                EXPECT_EQ(listing(at(dir)), expected(left));
+                EXPECT_EQ(uploads(dir), 0u);
+                if (config.backup) ops().remove(backup, ec);
+            }
+        });
+    }
+    for (auto& lane : lanes) lane.join();
+}
+
+// Litter of killed writers: old unfinished uploads and temporary objects are found and removed,
+// other objects stay.
+TEST_P(ObjectStore, LitterIsFoundAndRemoved) {
+    ops().createFolder(at("dir"));
+    for (std::string name : {".abcdefghij0123456.tmp", ".0123456789abcdef.tmp", "dir/.zzzzzzzzzzzzzzzz.tmp", "a.tmp", ".short.tmp"})
+        write(at(name), "x");
+    { // an upload whose completion and abort are refused stays behind
+        FaultProxy proxy(env("AWS_ENDPOINT_URL"), {Fault::Refuse, on("", "uploadId="), 0, 1000,
+                                                   "HTTP/1.1 500 Oops\r\nContent-Length: 0\r\n\r\n"});
+        VirtualFileSystemOps faulty{through(proxy)};
+        EXPECT_THROW(writeThrough(faulty, at("big"), pattern(5 * MiB + 1, 8)), Exception);
+    }
+    ASSERT_EQ(uploads(), 1u);
+    std::string const bucket = env("S3_BUCKET"), prefix = m_key + "/";
+    EXPECT_EQ(vfs::removeS3Litter(objectStorage(), bucket, prefix, std::chrono::hours(1)).objects.size(), 0u);
+    EXPECT_EQ(uploads(), 1u);
+    vfs::S3Litter const found = vfs::removeS3Litter(objectStorage(), bucket, prefix, std::chrono::seconds(0));
+    EXPECT_EQ(found.uploads, std::vector<std::string>{prefix + "big"});
+    EXPECT_EQ(found.objects, (std::vector<std::string>{prefix + ".0123456789abcdef.tmp", prefix + "dir/.zzzzzzzzzzzzzzzz.tmp"}));
+    EXPECT_EQ(uploads(), 0u);
+    EXPECT_EQ(listing(m_root), expected({".abcdefghij0123456.tmp", "a.tmp", ".short.tmp"}));
+}
+
+INSTANTIATE_TEST_SUITE_P(BackEnds, ObjectStore, ::testing::Values(BackEnd{"s3", objects, u"s3"}),
+                         [](auto const& info) { return info.param.name; });
 
 } // namespace
 } // namespace opc::test

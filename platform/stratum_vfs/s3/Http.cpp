@@ -38,11 +38,22 @@ std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) 
     return size * count;
 }
 
+// The headers of the answer, and whether the blank line that ends them came: libcurl takes an
+// answer without a body as complete when the connection closes inside its headers.
+struct HeaderState {
+    Pairs& headers;
+    bool complete = false;
+};
+
 std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user) {
-    auto& headers = *static_cast<Pairs*>(user);
+    auto& state = *static_cast<HeaderState*>(user);
+    auto& headers = state.headers;
     std::string const line(data, size * count);
     if (line.rfind("HTTP/", 0) == 0) {
         headers.clear(); // a new status line: an interim answer's headers are dropped
+        state.complete = false;
+    } else if (line == "\r\n" || line == "\n") {
+        state.complete = true;
     } else if (std::size_t colon = line.find(':'); colon != std::string::npos) {
         headers.emplace_back(lower(trim(line.substr(0, colon))), trim(line.substr(colon + 1)));
     }
@@ -59,7 +70,9 @@ Transport classify(CURLcode code) {
     case CURLE_SEND_ERROR:
     case CURLE_RECV_ERROR:
     case CURLE_GOT_NOTHING:
-    case CURLE_PARTIAL_FILE: return Transport::Dropped;
+    case CURLE_PARTIAL_FILE:
+    case CURLE_WEIRD_SERVER_REPLY: // a status line cut short
+    case CURLE_UNSUPPORTED_PROTOCOL: return Transport::Dropped;
     default: return Transport::Other;
     }
 }
@@ -79,6 +92,29 @@ std::string queryText(Pairs const& query) {
         text += (text.empty() ? "?" : "&") + uriEncode(name, false) + "=" + uriEncode(value, false);
     }
     return text;
+}
+
+// What is missing from an answer that libcurl took as whole, "" when nothing is.
+std::string incomplete(HttpRequest const& request, HttpResponse const& response, bool headersEnded) {
+    if (!headersEnded) {
+        return "no blank line after the headers";
+    }
+    if (std::string const length = response.header("content-length"); !length.empty() && request.method != "HEAD" &&
+                                                                        length != std::to_string(response.body.size())) {
+        return std::to_string(response.body.size()) + " of " + length + " bytes";
+    }
+    if (response.status < 200 || response.status >= 300) {
+        return {};
+    }
+    for (char const* name : request.required) {
+        if (response.header(name).empty()) {
+            return std::string("no ") + name + " header";
+        }
+    }
+    if (request.xmlRoot && !hasRoot(response.body, request.xmlRoot) && !hasRoot(response.body, "Error")) {
+        return std::string("no whole <") + request.xmlRoot + "> document";
+    }
+    return {};
 }
 
 } // namespace
@@ -143,12 +179,13 @@ HttpResponse HttpClient::send(HttpRequest const& request) {
     auto const start = std::chrono::steady_clock::now();
     for (int attempt = 1;; ++attempt) {
         HttpResponse response = sendOnce(request);
+        response.attempts = attempt;
         auto const elapsed = std::chrono::steady_clock::now() - start;
         if (attempt >= maxAttempts || elapsed >= retryBudget || !retryable(response, request.idempotent)) {
             return response;
         }
-        // Full jitter over an exponential ceiling (0.1 s, 0.2 s, ... at most 5 s).
-        auto const ceiling = std::chrono::milliseconds(std::min(5000, 100 << (attempt - 1)));
+        // Half jitter below an exponential ceiling (0.1 s, 0.2 s, ... at most 5 s by default).
+        auto const ceiling = std::chrono::milliseconds(std::min(5000u, settings_.retryMilliseconds << (attempt - 1)));
         auto delay = std::chrono::milliseconds(
             std::uniform_int_distribution<long long>(ceiling.count() / 2, ceiling.count())(random));
         if (std::string after = response.header("retry-after"); !after.empty() && std::isdigit((unsigned char)after[0])) {
@@ -200,13 +237,14 @@ HttpResponse HttpClient::sendOnce(HttpRequest const& request) {
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 10L);
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L); // a stalled connection counts as dropped
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 60L);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, long(std::max(1u, settings_.stallSeconds)));
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, onBody);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response.body);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, onHeader);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &response.headers);
+    HeaderState headerState{response.headers};
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &headerState);
     if (request.method == "HEAD") {
         curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
     } else if (request.method == "GET") {
@@ -227,6 +265,12 @@ HttpResponse HttpClient::sendOnce(HttpRequest const& request) {
         return response;
     }
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &response.status);
+    if (std::string const missing = incomplete(request, response, headerState.complete); !missing.empty()) {
+        curl_easy_cleanup(curl);
+        response.transport = Transport::Dropped;
+        response.transportDetail = "the answer was cut short (" + missing + ")";
+        return response;
+    }
     release(curl);
     // An error document counts whatever the status (copies and completions answer 200 with one).
     bool const parsed = (response.status >= 300 || request.xmlAnswer) &&

@@ -36,6 +36,11 @@ struct HttpRequest {
     /// 200 (copies and completions). Other bodies (object content) are read as errors only
     /// with an error status.
     bool xmlAnswer = false;
+    /// A successful answer must be an XML document with this root element ("CopyObjectResult",
+    /// ...); one that does not parse or lacks it was cut short and counts as dropped.
+    char const* xmlRoot = nullptr;
+    /// Headers (lower case) a successful answer must carry; one without them counts as dropped.
+    std::vector<char const*> required;
 };
 
 struct HttpResponse {
@@ -46,6 +51,7 @@ struct HttpResponse {
     std::string body;
     std::string errorCode;    ///< Code of an <Error> body (also one sent with status 200)
     std::string errorMessage; ///< its Message
+    int attempts = 0;         ///< how many times the request was sent
 
     bool ok() const { return transport == Transport::None && status >= 200 && status < 300 && errorCode.empty(); }
     /// The value of the header `lowerName`, "" when absent.
@@ -63,7 +69,9 @@ public:
 
     /// Signs and sends `request`, retrying transient failures with exponential backoff and
     /// jitter (at most 6 attempts within about 30 s; Retry-After honoured). Never throws for a
-    /// failed request: the answer says what happened.
+    /// failed request: the answer says what happened. An answer that is not whole (headers
+    /// without their closing blank line, a body short of its Content-Length, the XML or the
+    /// headers the request asks for missing) counts as a dropped connection.
     HttpResponse send(HttpRequest const& request);
 
     S3Settings const& settings() const { return settings_; }

@@ -1,9 +1,12 @@
 // Multipart uploads: initiate, parts (sent or copied), complete, abort.
 #include "s3/Multipart.hpp"
+#include "s3/Errors.hpp"
 #include "s3/Signer.hpp"
 #include "s3/Xml.hpp"
 
 #include <stratum/storage/vfs/Exception.hpp>
+
+#include <openssl/evp.h>
 
 #include <algorithm>
 
@@ -13,6 +16,37 @@ namespace {
 constexpr std::uint64_t minPart = std::uint64_t(5) << 20;
 constexpr std::uint64_t maxPart = std::uint64_t(5) << 30;
 constexpr std::size_t maxParts = 10000;
+
+std::string md5Hex(std::string_view bytes) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_md5(), nullptr);
+    static char const digits[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned int i = 0; i < length; ++i) {
+        hex += digits[digest[i] >> 4];
+        hex += digits[digest[i] & 15];
+    }
+    return hex;
+}
+
+std::string unquoted(std::string const& etag) {
+    return etag.size() >= 2 && etag.front() == '"' && etag.back() == '"' ? etag.substr(1, etag.size() - 2) : etag;
+}
+
+// The ETag S3 gives the object completed from parts with `etags`: the MD5 of their MD5s, a
+// dash and their count.
+std::string multipartETag(std::vector<std::string> const& etags) {
+    std::string digests;
+    for (auto const& etag : etags) {
+        std::string const hex = unquoted(etag);
+        for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+            digests += char(std::stoi(hex.substr(i, 2), nullptr, 16));
+        }
+    }
+    return md5Hex(digests) + "-" + std::to_string(etags.size());
+}
+
 } // namespace
 
 std::uint64_t partSizeFor(std::uint64_t base, std::size_t number) {
@@ -24,14 +58,38 @@ std::uint64_t partSizeFor(std::uint64_t base, std::size_t number) {
 }
 
 Multipart::Multipart(ObjectRef object, Pairs const& metadata) : object_(std::move(object)) {
+    // Repeated like any request: an upload that an attempt with a lost answer started is
+    // found and aborted once one answer arrives.
     HttpRequest request = requestFor(object_, "POST", {{"uploads", ""}}, metadata);
-    request.idempotent = false; // a repeat would start a second upload
     request.xmlAnswer = true;
+    request.xmlRoot = "InitiateMultipartUploadResult";
+    std::time_t const started = std::time(nullptr);
     HttpResponse const response = object_.http->send(request);
     check(response, object_, "CreateMultipartUpload");
     uploadId_ = parseUploadId(response.body);
     if (uploadId_.empty()) {
         throw Exception(ErrorCode::IOError, object_.iri, "CreateMultipartUpload: no upload id in the answer");
+    }
+    if (response.attempts > 1) {
+        abortStrays(started);
+    }
+}
+
+// Other uploads of this key begun since `started` are ours: a writer's key is nearly always
+// a fresh temporary name. Failures leave them to removeS3Litter.
+void Multipart::abortStrays(std::time_t started) noexcept {
+    try {
+        HttpRequest list = requestFor(object_, "GET", {{"uploads", ""}, {"prefix", object_.key}});
+        list.key.clear();
+        list.xmlAnswer = true;
+        list.xmlRoot = "ListMultipartUploadsResult";
+        HttpResponse const response = object_.http->send(list);
+        for (auto const& upload : response.ok() ? parseUploadPage(response.body).uploads : std::vector<UploadPage::Upload>()) {
+            if (upload.key == object_.key && upload.uploadId != uploadId_ && parseListedTime(upload.initiated) + 2 >= started) {
+                object_.http->send(requestFor(object_, "DELETE", {{"uploadId", upload.uploadId}}));
+            }
+        }
+    } catch (...) {
     }
 }
 
@@ -44,6 +102,7 @@ void Multipart::upload(std::string_view bytes) {
     HttpRequest request = requestFor(object_, "PUT",
                                      {{"partNumber", std::to_string(etags_.size() + 1)}, {"uploadId", uploadId_}});
     request.body = bytes;
+    request.required = {"etag"}; // without it the part cannot be completed
     HttpResponse const response = object_.http->send(request);
     check(response, object_, "UploadPart");
     etags_.push_back(response.header("etag"));
@@ -58,6 +117,7 @@ void Multipart::copy(std::string const& sourceKey, std::uint64_t first, std::uin
                    {{"x-amz-copy-source", "/" + object_.bucket + "/" + uriEncode(sourceKey, true)},
                     {"x-amz-copy-source-range", "bytes=" + std::to_string(first) + "-" + std::to_string(last)}});
     request.xmlAnswer = true;
+    request.xmlRoot = "CopyPartResult";
     HttpResponse const response = object_.http->send(request);
     check(response, object_, "UploadPartCopy");
     etags_.push_back(parseCopyETag(response.body));
@@ -68,8 +128,23 @@ void Multipart::complete() {
     HttpRequest request = requestFor(object_, "POST", {{"uploadId", uploadId_}});
     request.body = body;
     request.xmlAnswer = true;
+    request.xmlRoot = "CompleteMultipartUploadResult";
     HttpResponse const response = object_.http->send(request);
     if (!response.ok()) {
+        // The answer to a completion that was done may be lost: then the object carries the
+        // ETag of these parts (and a repeat finds no upload).
+        bool const lost = response.transport != Transport::None || (response.attempts > 1 && response.errorCode == "NoSuchUpload");
+        if (lost) {
+            try {
+                if (headObject(object_).etag == "\"" + multipartETag(etags_) + "\"") {
+                    done_ = true;
+                    return;
+                }
+            } catch (Exception const&) {
+                abort();
+                throw failure(response, object_.iri, "CompleteMultipartUpload (whether it was done is unknown)");
+            }
+        }
         abort();
         check(response, object_, "CompleteMultipartUpload");
     }

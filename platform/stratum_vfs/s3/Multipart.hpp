@@ -5,6 +5,7 @@
 #include "s3/Object.hpp"
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,6 +34,8 @@ public:
     std::size_t parts() const { return etags_.size(); }
 
 private:
+    void abortStrays(std::time_t started) noexcept;
+
     ObjectRef object_;
     std::string uploadId_;
     std::vector<std::string> etags_;

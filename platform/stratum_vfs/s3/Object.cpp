@@ -76,7 +76,9 @@ void check(HttpResponse const& response, ObjectRef const& object, char const* wh
 }
 
 Head headObject(ObjectRef const& object) {
-    HttpResponse const response = object.http->send(requestFor(object, "HEAD"));
+    HttpRequest request = requestFor(object, "HEAD");
+    request.required = {"content-length", "etag"}; // a HEAD cut before them is no answer
+    HttpResponse const response = object.http->send(request);
     Head head;
     if (response.status == 404 && response.transport == Transport::None) {
         return head;
@@ -85,7 +87,8 @@ Head headObject(ObjectRef const& object) {
     head.found = true;
     head.size = std::strtoull(response.header("content-length").c_str(), nullptr, 10);
     head.etag = response.header("etag");
-    head.modified = parseSeconds(response.header("x-amz-meta-mtime"));
+    head.mtimeText = response.header("x-amz-meta-mtime");
+    head.modified = parseSeconds(head.mtimeText);
     if (head.modified.is_special()) {
         head.modified = parseHttpDate(response.header("last-modified"));
     }

@@ -29,6 +29,7 @@ struct Head {
     std::string etag;
     /// x-amz-meta-mtime, else Last-Modified; not-a-date-time when neither reads.
     boost::posix_time::ptime modified;
+    std::string mtimeText; ///< x-amz-meta-mtime as sent
     bool readOnly = false; ///< x-amz-meta-readonly is "1"
 };
 

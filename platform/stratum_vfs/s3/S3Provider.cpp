@@ -217,7 +217,11 @@ public:
             Head const replaced = headObject(target);
             // The incoming file is never more writable than the one it replaces.
             copyObject(source, head, target, metadataHeaders(head.modified, head.readOnly || replaced.readOnly));
-            check(source.http->send(requestFor(source, "DELETE")), source, "DELETE");
+            if (HttpResponse const response = source.http->send(requestFor(source, "DELETE")); !response.ok()) {
+                throw Exception(ErrorCode::StateNotRecoverable, from,
+                                "the new content is in place at " + toUtf8Lenient(to.toString()) +
+                                    "; only the removal of this source failed: " + failure(response, from, "DELETE").getMessage());
+            }
             return;
         }
         std::string const fromPrefix = prefixOf(from), toPrefix = prefixOf(to);
@@ -417,7 +421,11 @@ private:
             headers.emplace_back("x-amz-metadata-directive", "REPLACE");
             HttpRequest request = requestFor(to, "PUT", {}, headers);
             request.xmlAnswer = true;
-            check(to.http->send(request), to, "CopyObject");
+            request.xmlRoot = "CopyObjectResult";
+            HttpResponse const response = to.http->send(request);
+            if (!response.ok() && !(response.transport != Transport::None && copied(head, to, metadata, response))) {
+                check(response, to, "CopyObject");
+            }
             return;
         }
         std::uint64_t part = std::max(partSizeFor(settings.partSize, 1), (head.size + 9999) / 10000);
@@ -426,6 +434,25 @@ private:
             upload.copy(from.key, first, std::min(head.size, first + part) - 1);
         }
         upload.complete();
+    }
+
+    // Whether a copy whose answer was lost was done: the target then holds the source's bytes
+    // (its ETag) with the metadata sent. Throws when that cannot be found out.
+    bool copied(Head const& head, ObjectRef const& to, Pairs const& metadata,
+                HttpResponse const& response) {
+        Head target;
+        try {
+            target = headObject(to);
+        } catch (Exception const&) {
+            throw failure(response, to.iri, "CopyObject (whether it was done is unknown)");
+        }
+        std::string mtime;
+        bool readOnly = false;
+        for (auto const& [name, value] : metadata) {
+            mtime = name == "x-amz-meta-mtime" ? value : mtime;
+            readOnly = readOnly || name == "x-amz-meta-readonly";
+        }
+        return target.found && target.etag == head.etag && target.mtimeText == mtime && target.readOnly == readOnly;
     }
 
     // DeleteObjects in batches of up to 1,000 keys, each key's result checked.

@@ -25,6 +25,11 @@ std::string serialise(pugi::xml_document const& document) {
 
 } // namespace
 
+bool hasRoot(std::string const& body, char const* root) {
+    pugi::xml_document document;
+    return document.load_buffer(body.data(), body.size()) && document.document_element().name() == std::string(root);
+}
+
 bool parseError(std::string const& body, std::string& code, std::string& message) {
     if (body.find("<Error") == std::string::npos) {
         return false;
@@ -48,6 +53,7 @@ ListPage parseListPage(std::string const& body) {
     ListPage page;
     for (pugi::xml_node item : result.children("Contents")) {
         page.keys.push_back(text(item, "Key"));
+        page.modified.push_back(text(item, "LastModified"));
     }
     for (pugi::xml_node item : result.children("CommonPrefixes")) {
         page.prefixes.push_back(text(item, "Prefix"));
@@ -56,6 +62,26 @@ ListPage parseListPage(std::string const& body) {
         page.nextToken = text(result, "NextContinuationToken");
     }
     return page;
+}
+
+UploadPage parseUploadPage(std::string const& body) {
+    pugi::xml_document document = parse(body);
+    pugi::xml_node result = document.child("ListMultipartUploadsResult");
+    UploadPage page;
+    for (pugi::xml_node item : result.children("Upload")) {
+        page.uploads.push_back({text(item, "Key"), text(item, "UploadId"), text(item, "Initiated")});
+    }
+    if (std::string(result.child("IsTruncated").text().as_string()) == "true") {
+        page.nextKey = text(result, "NextKeyMarker");
+        page.nextUploadId = text(result, "NextUploadIdMarker");
+    }
+    return page;
+}
+
+std::time_t parseListedTime(std::string const& text) {
+    std::tm parts{};
+    char const* end = ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
+    return end ? ::timegm(&parts) : 0;
 }
 
 std::string parseUploadId(std::string const& body) {

@@ -2,11 +2,15 @@
 
 // The XML of S3 answers and request bodies, through pugixml.
 
+#include <ctime>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace stratum::storage::vfs::detail::s3 {
+
+/// Whether `body` parses as a whole XML document whose root element is `root`.
+bool hasRoot(std::string const& body, char const* root);
 
 /// Code and Message of an <Error> document; false when `body` is no such document.
 bool parseError(std::string const& body, std::string& code, std::string& message);
@@ -14,10 +18,25 @@ bool parseError(std::string const& body, std::string& code, std::string& message
 /// One page of ListObjectsV2.
 struct ListPage {
     std::vector<std::string> keys;
+    std::vector<std::string> modified; ///< LastModified of each key
     std::vector<std::string> prefixes; ///< CommonPrefixes
     std::string nextToken;             ///< empty on the last page
 };
 ListPage parseListPage(std::string const& body);
+
+/// One page of ListMultipartUploads.
+struct UploadPage {
+    struct Upload {
+        std::string key, uploadId, initiated;
+    };
+    std::vector<Upload> uploads;
+    std::string nextKey, nextUploadId; ///< both empty on the last page
+};
+UploadPage parseUploadPage(std::string const& body);
+
+/// Seconds since 1970 of a time as listings give it ("2026-11-25T22:07:59.000Z"); 0 for text
+/// that does not read.
+std::time_t parseListedTime(std::string const& text);
 
 /// UploadId of InitiateMultipartUploadResult ("" when missing).
 std::string parseUploadId(std::string const& body);

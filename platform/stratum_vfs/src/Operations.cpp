@@ -101,9 +101,21 @@ void copyFileOver(Place const& source, Place const& destination) {
         copyItem(source, provider::FileItem, fresh);
         destination.provider->rename(fresh.iri, destination.iri);
     } catch (...) {
+        // StateNotRecoverable from the rename: the copy is in place and only the fresh name
+        // was left (an object store's rename). Done, once that is removed here.
+        bool placed = false;
+        try {
+            throw;
+        } catch (Exception const& e) {
+            placed = e.getErrorCode() == ErrorCode::StateNotRecoverable;
+        } catch (...) {
+        }
         try {
             if (fresh.provider->getKind(fresh.iri) == provider::FileItem) {
                 fresh.provider->removeFile(fresh.iri);
+            }
+            if (placed) {
+                return;
             }
         } catch (...) {
             // The copy's own failure is what the caller must see; a hidden leftover is the

@@ -71,6 +71,9 @@ struct FolderEntry {
 /// deletion of the source; `app` and `in|out` rewrite the whole object. Its folders are the
 /// prefixes of its keys: an item may be made under any prefix that is not a file, and
 /// `createFolder` writes a marker so that an empty folder exists too.
+/// When the copy is in place and only the deletion of the source failed, `rename` throws
+/// `StateNotRecoverable` ("the new content is in place at <to>; only the removal of this source failed: ..."):
+/// the destination holds the new content and the source is left over.
 class STRATUM_API StorageProvider {
 public:
     StorageProvider() = default;

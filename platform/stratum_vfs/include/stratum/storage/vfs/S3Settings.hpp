@@ -2,8 +2,10 @@
 
 #include <stratum/export.hpp>
 
+#include <chrono>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace stratum::storage::vfs {
 
@@ -28,6 +30,12 @@ struct STRATUM_API S3Settings {
     std::uint64_t partSize = std::uint64_t(8) << 20;
     /// Server-side copies of objects larger than this go part by part (UploadPartCopy).
     std::uint64_t copyPartThreshold = std::uint64_t(5) << 30;
+    /// A connection that moves no byte for this many seconds counts as dropped (and the
+    /// request is retried when it may be).
+    unsigned stallSeconds = 60;
+    /// The longest wait before the first repeat of a failed request; each later wait may be
+    /// twice as long (at most 5 s), and a `Retry-After` of the store's counts too.
+    unsigned retryMilliseconds = 100;
 
     /// The settings as every S3 tool reads them, each from the first place that has it:
     /// - endpoint: `AWS_ENDPOINT_URL`, then `endpoint_url` of the profile in the config file;
@@ -40,5 +48,21 @@ struct STRATUM_API S3Settings {
     /// Missing files and missing values are not errors here.
     static S3Settings fromEnvironment();
 };
+
+/// What `removeS3Litter` found (and, unless it only looked, removed).
+struct S3Litter {
+    std::vector<std::string> uploads; ///< keys of unfinished multipart uploads
+    std::vector<std::string> objects; ///< keys of stray temporary objects
+};
+
+/// Removes what a process killed while writing to `bucket` leaves behind, below the key
+/// `prefix` ("" for the whole bucket) and started or written more than `olderThan` ago:
+/// unfinished multipart uploads (aborted) and the temporary objects this library names
+/// `.<16 letters or digits>.tmp` or `.copy-<16 hex digits>.tmp` beside a file it replaces
+/// (deleted). Give an age well beyond
+/// the longest save, so that no save in progress loses its upload. With `dryRun` nothing is
+/// removed. Throws `Exception` when the store cannot be listed or an item cannot be removed.
+STRATUM_API S3Litter removeS3Litter(S3Settings const& settings, std::string const& bucket, std::string const& prefix,
+                                    std::chrono::seconds olderThan, bool dryRun = false);
 
 } // namespace stratum::storage::vfs
