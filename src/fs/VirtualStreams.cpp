@@ -34,12 +34,13 @@ Handle open(std::u16string const& path, unsigned mode, store::StorageSystemRefer
             std::string& detail, boost::system::error_code& ec, Extra... extra) {
     return detail::guarded(detail, ec, Handle(), [&]() -> Handle {
         // The IRI would drop the "/" and name another object: an object store's "a/" and "a"
-        // are two keys.
-        if (!path.empty() && path.back() == u'/') {
-            throw store::Exception(store::ErrorCode::NotSupported, store::AbsoluteIRI(path),
+        // are two keys. A root keeps its "/" and is a folder the storage stream refuses itself.
+        store::AbsoluteIRI const iri(path);
+        if (!path.empty() && path.back() == u'/' && iri.toString() != path) {
+            throw store::Exception(store::ErrorCode::NotSupported, iri,
                                    "an IRI ending in \"/\" names a folder, not a file");
         }
-        store::File const file(store::AbsoluteIRI(path), storage);
+        store::File const file(iri, storage);
         auto stream = std::make_shared<S>(file, mode, extra...);
         if (stream->fail()) {
             ec = boost::system::errc::make_error_code(boost::system::errc::io_error);
