@@ -45,8 +45,8 @@ void LocalFileSystemOps::doCopy(const std::u16string& source, const std::u16stri
         }
         switch (type & Status::file_type_mask) {
         case Status::regular_file:
-            // Inside a commit, before its temporary file is named, the copy is the backup of the
-            // package about to be replaced: a hard link stands for it where the host allows one.
+            // A commit's backup of the package it is about to replace: a hard link stands for the
+            // copy where the host allows one.
             if (mode == Overwrite && host::staged_rename_scope::link_backup(from, to))
                 break;
             // NoOverwrite and FailIfExists alike: an existing file is the host's EEXIST.

@@ -36,6 +36,7 @@ struct mode_cap_entry {
 };
 
 thread_local linked_backup linked;
+thread_local int backup_copies = 0; // live `backup_copy` marks
 thread_local std::vector<mode_cap_entry> caps;
 
 bool same_inode(struct stat const& a, struct stat const& b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
@@ -199,8 +200,12 @@ void end_linked_backup() noexcept {
 
 } // namespace sys
 
+staged_rename_scope::backup_copy::backup_copy() { ++sys::backup_copies; }
+
+staged_rename_scope::backup_copy::~backup_copy() { --sys::backup_copies; }
+
 bool staged_rename_scope::link_backup(path const& from, path const& to) {
-    if (!sys::before_staging() || sys::linked.made)
+    if (sys::backup_copies == 0 || !sys::before_staging() || sys::linked.made)
         return false;
     std::string const source = from.access_form(), backup = to.access_form();
     struct stat st, existing;

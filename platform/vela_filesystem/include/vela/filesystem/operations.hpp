@@ -168,7 +168,17 @@ public:
     /// after `close()` or without a scope. Its failures are ignored.
     static void on_abandon(std::function<void()> cleanup);
 
-    /// Inside a scope, before anything is staged, once: puts at `to` a hard link to `from`
+    /// Marks, while it lives, the copies on this thread as backups of the file that the scope's
+    /// rename is about to replace (a commit's backup step): only they may become links.
+    class VELA_FS_API backup_copy {
+    public:
+        backup_copy();
+        ~backup_copy();
+        backup_copy(backup_copy const&) = delete;
+        backup_copy& operator=(backup_copy const&) = delete;
+    };
+
+    /// Inside a scope and a `backup_copy`, before anything is staged, once: puts at `to` a hard link to `from`
     /// instead of a copy, when `from` is a regular file with one link on a file system that
     /// links it; an existing regular file at `to` is replaced as `copy_file` replaces it (a link
     /// or a folder there throws as it does), and the name is made durable (folder fsync). While
