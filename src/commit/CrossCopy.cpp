@@ -2,6 +2,7 @@
 
 #include <opc/Exception.hpp>
 #include <opc/Streams.hpp>
+#include <opc/VirtualFileSystemOps.hpp>
 
 #include <stratum/storage/vfs/Streams.hpp>
 
@@ -23,7 +24,22 @@ namespace {
                     boost::system::errc::make_error_code(boost::system::errc::io_error));
 }
 
+// The source's own storage seen through a type of its own: no longer the target's type.
+class OtherStorageOps final : public VirtualFileSystemOps {
+public:
+    using VirtualFileSystemOps::VirtualFileSystemOps;
+};
+
 } // namespace
+
+std::unique_ptr<FileSystemOps> sourceFromOtherStorage(const FileSystemOps& target, const FileSystemOps& source) {
+    auto const* to = dynamic_cast<const VirtualFileSystemOps*>(&target);
+    auto const* from = dynamic_cast<const VirtualFileSystemOps*>(&source);
+    if (to == nullptr || from == nullptr || !sameBackEndType(*to, *from) ||
+        to->getStorageSystem() == from->getStorageSystem())
+        return nullptr;
+    return std::make_unique<OtherStorageOps>(from->getStorageSystem());
+}
 
 bool sameBackEndType(const FileSystemOps& a, const FileSystemOps& b) {
     return typeid(a).hash_code() == typeid(b).hash_code();

@@ -2,6 +2,7 @@
 
 #include <opc/FileSystemOps.hpp>
 
+#include <memory>
 #include <string>
 
 namespace opc::detail {
@@ -9,6 +10,12 @@ namespace opc::detail {
 /// True when both back ends are objects of the same dynamic type, so that one of them can
 /// work on the other's paths directly.
 bool sameBackEndType(const FileSystemOps& a, const FileSystemOps& b);
+
+/// Two virtual back ends of one type over different storage systems would copy the source's
+/// IRI within the target's storage, that is another file. For such a source this gives a view
+/// of it of another type, through which the commit streams the right bytes across; null when
+/// the source can be used as it is.
+std::unique_ptr<FileSystemOps> sourceFromOtherStorage(const FileSystemOps& target, const FileSystemOps& source);
 
 /// Copies file `from` of `fromOps` to file `to` of `toOps`, replacing an existing destination.
 /// Same back-end type: `toOps.copy(from, to, Overwrite)`. Otherwise the bytes go through a

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace opc {
@@ -262,7 +263,8 @@ void commit(Commit& c) {
 
 void replaceFileWithBackup(FileSystemOps& targetOps, const std::u16string& targetPath, FileSystemOps& sourceOps,
                            const std::u16string& sourcePath, const CommitOptions& options) {
-    Commit c(targetOps, targetPath, sourceOps, sourcePath, options);
+    std::unique_ptr<FileSystemOps> const elsewhere = detail::sourceFromOtherStorage(targetOps, sourceOps);
+    Commit c(targetOps, targetPath, elsewhere ? *elsewhere : sourceOps, sourcePath, options);
     try {
         commit(c);
     } catch (const Exception& e) {

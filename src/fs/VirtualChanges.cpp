@@ -12,8 +12,6 @@
 #include <stratum/storage/vfs/Operations.hpp>
 #include <vela/filesystem/operations.hpp>
 
-#include <typeinfo>
-
 namespace opc {
 namespace {
 
@@ -60,14 +58,6 @@ void keepEarlierReadOnly(store::FileOrFolder const& source, std::u16string const
     } catch (store::Exception const&) {
     }
 }
-
-// Another virtual back end over another storage system: seen through this type of its own, it
-// is no longer of the target's type, so the commit streams its file across instead of copying
-// the same IRI within the target's storage.
-class OtherStorageOps final : public VirtualFileSystemOps {
-public:
-    using VirtualFileSystemOps::VirtualFileSystemOps;
-};
 
 } // namespace
 
@@ -117,15 +107,7 @@ void VirtualFileSystemOps::doRemoveAll(const std::u16string& path, std::string& 
 void VirtualFileSystemOps::doReplaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,
                                                    const std::u16string& sourcePath, const CommitOptions& options,
                                                    std::string& detail, error_code& ec) {
-    guarded(detail, ec, [&] {
-        auto* const other = dynamic_cast<VirtualFileSystemOps*>(&sourceOps);
-        if (other != nullptr && typeid(*other) == typeid(*this) && other->getStorageSystem() != m_storage) {
-            OtherStorageOps elsewhere(other->getStorageSystem());
-            detail::commitAndReport(*this, targetPath, elsewhere, sourcePath, options, detail, ec);
-            return;
-        }
-        detail::commitAndReport(*this, targetPath, sourceOps, sourcePath, options, detail, ec);
-    });
+    guarded(detail, ec, [&] { detail::commitAndReport(*this, targetPath, sourceOps, sourcePath, options, detail, ec); });
 }
 
 } // namespace opc

@@ -65,9 +65,13 @@ void VirtualFileSystemOps::doSetPermissions(const std::u16string& path, Perms::P
         // Inside a commit: what the item was before, for a file later renamed over it (see
         // doRename). The host keeps the modes of file: items itself.
         if (iri.getScheme() != u"file")
-            vela::filesystem::staged_rename_scope::remember_mode(toUDEString(iri.toString()), [&] {
-                return std::uint32_t(store::isWritable(target) ? kWritable : kReadOnly);
-            });
+            vela::filesystem::staged_rename_scope::remember_mode(
+                toUDEString(iri.toString()),
+                [&] { return std::uint32_t(store::isWritable(target) ? kWritable : kReadOnly); },
+                [target](std::uint32_t earlier) { // a commit that failed before its rename
+                    if ((earlier & kAnyWrite) == 0 && store::isWritable(target))
+                        store::setWritable(target, false);
+                });
         store::setWritable(target, (perms & kAnyWrite) != 0);
     });
 }

@@ -358,6 +358,9 @@ TEST_P(Conformance, CommitReplacesKeepsABackupAndReportsThroughTheFrame) {
         write(at("new.pkg"), "ours");
         ops().replaceFileWithBackup(target, elsewhere, at("new.pkg"), CommitOptions());
         EXPECT_EQ(read(target), "theirs");
+        writeThrough(elsewhere, at("new.pkg"), "theirs again"); // the commit called directly too
+        opc::replaceFileWithBackup(ops(), target, elsewhere, at("new.pkg"), CommitOptions());
+        EXPECT_EQ(read(target), "theirs again");
     }
     if (!caps().symlinks) return;
     writeFile(host("outside"), "kept", 0600); // over a link to a 0600 file: a 0600 file, never 0777

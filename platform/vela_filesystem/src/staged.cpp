@@ -20,13 +20,20 @@ struct staged_state {
     bool flushed = false; // copy_file made it and flushed its data
     struct stat identity; // its status right after that flush
     bool folder_owed = false;
-    // Modes of files as they were before their first permission change in the scope.
-    std::vector<std::pair<std::string, mode_t>> modes;
+    // Modes of files as they were before their first permission change in the scope, each
+    // with what puts it back (none for a host file: chmod does).
+    struct kept_mode {
+        std::string key;
+        mode_t mode;
+        std::function<void(std::uint32_t)> restore;
+    };
+    std::vector<kept_mode> modes;
     std::function<void()> cleanup; // what to remove if the scope ends before `close`
     bool cleanup_taken = false;
+    bool closed = false; // the rename came: nothing is put back any more
 
     void reset() {
-        staged = flushed = folder_owed = cleanup_taken = false;
+        staged = flushed = folder_owed = cleanup_taken = closed = false;
         name.clear();
         modes.clear();
         cleanup = nullptr;
@@ -74,22 +81,42 @@ bool take_staged(std::string const& access, struct stat const& st) {
     return false;
 }
 
-void note_mode_change(std::string const& access, mode_t mode) {
+void keep_mode(std::string const& key, mode_t mode, std::function<void(std::uint32_t)> restore) {
     if (state.depth == 0)
         return;
     for (auto const& known : state.modes)
-        if (known.first == access)
+        if (known.key == key)
             return;
-    state.modes.emplace_back(access, mode);
+    state.modes.push_back({key, mode, std::move(restore)});
 }
+
+void note_mode_change(std::string const& access, mode_t mode) { keep_mode(access, mode, nullptr); }
 
 bool mode_before_change(std::string const& access, mode_t& mode) {
     for (auto const& known : state.modes)
-        if (known.first == access) {
-            mode = known.second;
+        if (known.key == access) {
+            mode = known.mode;
             return true;
         }
     return false;
+}
+
+// A scope abandoned before its rename leaves no file wider than it found it: a read-only
+// target made writable for a rename that never came gets its mode back. Failures are ignored;
+// the caller is already failing.
+void restore_widened_modes() {
+    for (auto const& known : state.modes) {
+        try {
+            if (known.restore) {
+                known.restore(known.mode);
+                continue;
+            }
+            struct stat st;
+            if (::stat(known.key.c_str(), &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 07777 & ~known.mode) != 0)
+                ::chmod(known.key.c_str(), known.mode);
+        } catch (...) {
+        }
+    }
 }
 
 bool is_staged(std::string const& access) { return state.depth > 0 && state.staged && access == state.name; }
@@ -114,6 +141,8 @@ staged_rename_scope::~staged_rename_scope() {
     }
     // Ended before `close`: the commit failed before its rename, and what it made under its
     // temporary name is litter (a partial file on a full disk holds the very space it lacked).
+    if (!sys::state.closed)
+        sys::restore_widened_modes();
     if (sys::state.cleanup) {
         try {
             sys::state.cleanup();
@@ -132,6 +161,7 @@ void staged_rename_scope::close() {
     sys::state.reset();
     sys::state.staged = true; // with no name: nothing more is staged
     sys::state.cleanup_taken = true;
+    sys::state.closed = true;
 }
 
 void staged_rename_scope::stage(path const& temporary) {
@@ -148,11 +178,12 @@ void staged_rename_scope::on_abandon(std::function<void()> cleanup) {
     sys::state.cleanup = std::move(cleanup);
 }
 
-void staged_rename_scope::remember_mode(std::string const& key, std::function<std::uint32_t()> const& read) {
+void staged_rename_scope::remember_mode(std::string const& key, std::function<std::uint32_t()> const& read,
+                                        std::function<void(std::uint32_t)> restore) {
     mode_t unused = 0;
     if (sys::state.depth == 0 || sys::mode_before_change(key, unused))
         return;
-    sys::note_mode_change(key, static_cast<mode_t>(read()));
+    sys::keep_mode(key, static_cast<mode_t>(read()), std::move(restore));
 }
 
 bool staged_rename_scope::remembered_mode(std::string const& key, std::uint32_t& mode) {

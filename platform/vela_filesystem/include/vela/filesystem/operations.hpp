@@ -150,7 +150,9 @@ VELA_FS_API void rename(path const& from, path const& to, rename_options options
 /// - A backup made by `link_backup` shares the file it backs up until the rename replaces that
 ///   file; if the scope ends before that, the backup is turned into a copy (or removed), so that
 ///   it never shares its file with the one still in place.
-/// - A cleanup given to `on_abandon` runs when the scope ends before `close()`.
+/// - A cleanup given to `on_abandon` runs when the scope ends before `close()`, and so does the
+///   restoring of every file made wider in the scope (a read-only target made writable for a
+///   rename that never came): it gets its earlier mode back.
 /// Scopes nest; only the outermost one stages and settles.
 class VELA_FS_API staged_rename_scope {
 public:
@@ -190,8 +192,10 @@ public:
     /// For a back end whose items are not host files: inside a scope, keeps the mode `read`
     /// gives for `key` (its name for an item whose permissions it is about to change) unless
     /// one is kept already; `read` is called only then. `remembered_mode` gives it back; both
-    /// do nothing (false) without a scope.
-    static void remember_mode(std::string const& key, std::function<std::uint32_t()> const& read);
+    /// do nothing (false) without a scope. `restore` is called with the kept mode when the
+    /// scope ends before `close()`; it narrows the item back when it is wider than that.
+    static void remember_mode(std::string const& key, std::function<std::uint32_t()> const& read,
+                              std::function<void(std::uint32_t)> restore);
     static bool remembered_mode(std::string const& key, std::uint32_t& mode);
 
     /// Ends the staging early, once the staged file is in place: pays an owed folder flush
