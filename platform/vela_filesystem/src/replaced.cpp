@@ -179,12 +179,13 @@ void end_linked_backup() noexcept {
     if (::lstat(linked.backup.c_str(), &backup) != 0 || !same_inode(backup, linked.st) ||
         ::lstat(linked.source.c_str(), &source) != 0 || !same_inode(source, linked.st))
         return; // the source was replaced (or the backup is gone): nothing is shared
-    // The file was not replaced: the backup becomes the copy it stands for, with the mode and
-    // time the file had when linked; failing that, it goes, so that it never shares the file.
+    // The file was not replaced: the backup becomes the copy it stands for, with the mode the
+    // file had when linked and the time given to the backup; failing that, it goes, so that it
+    // never shares the file.
     try {
         path const name(detail::from_filesystem(linked.backup));
         copy_file(name, name, copy_option::overwrite_if_exists);
-        struct timespec const times[2] = {{0, UTIME_OMIT}, linked.st.st_mtim};
+        struct timespec const times[2] = {{0, UTIME_OMIT}, backup.st_mtim};
         if (::chmod(linked.backup.c_str(), linked.st.st_mode & 07777) == 0 &&
             ::utimensat(AT_FDCWD, linked.backup.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0)
             return;
