@@ -150,6 +150,7 @@ void move_into_place(std::string const& from, std::string const& to, std::u16str
     //    destination is then gone (as it is when an empty folder is replaced).
     undo back = present ? undo::impossible : undo::rename_back;
     try {
+        flush_linked_backup(); // a backup's name is durable before the file it keeps is replaced
         bool exchanged = false;
         if (how.replace && present && !S_ISDIR(source.st_mode) && !S_ISDIR(target.st_mode) &&
             !same_file(source, target)) {

@@ -23,6 +23,7 @@ char const acl_name[] = "system.posix_acl_access";
 // A hard link standing for a copy while the scope lives, and the status of the file when linked.
 struct linked_backup {
     bool made = false;
+    bool flush_owed = false; // its folder, not yet flushed since the link
     std::string source, backup;
     struct stat st;
 };
@@ -170,15 +171,28 @@ void restore_linked_backup(struct stat const& replaced) {
         throw_from_errno(errno, detail::from_filesystem(linked.backup));
 }
 
+void flush_linked_backup() {
+    if (!linked.made || !linked.flush_owed)
+        return;
+    sync_folder(folder_of(linked.backup));
+    linked.flush_owed = false;
+}
+
 void end_linked_backup() noexcept {
     caps.clear();
     if (!linked.made)
         return;
-    linked.made = false;
     struct stat source, backup;
     if (::lstat(linked.backup.c_str(), &backup) != 0 || !same_inode(backup, linked.st) ||
-        ::lstat(linked.source.c_str(), &source) != 0 || !same_inode(source, linked.st))
-        return; // the source was replaced (or the backup is gone): nothing is shared
+        ::lstat(linked.source.c_str(), &source) != 0 || !same_inode(source, linked.st)) {
+        try { // the source was replaced (or the backup is gone): nothing is shared
+            flush_linked_backup();
+        } catch (...) {
+        }
+        linked.made = false;
+        return;
+    }
+    linked.made = false;
     // The file was not replaced: the backup becomes the copy it stands for, with the mode the
     // file had when linked and the time given to the backup; failing that, it goes, so that it
     // never shares the file.
@@ -230,19 +244,14 @@ bool staged_rename_scope::link_backup(path const& from, path const& to) {
     }
     if (result != 0)
         return false; // no hard links here, or not for this file: the caller copies
-    try {
-        if (present) {
-            sys::placement how;
-            how.sync_data = false; // the data is the file's own, already where it is
-            how.narrow = false;
-            sys::move_into_place(made, backup, detail::from_filesystem(made), to.native(), how);
-        } else {
-            sys::sync_folder(sys::folder_of(backup));
-        }
-    } catch (...) {
-        ::unlink(made.c_str()); // our link, never durable at the backup's name: the failure is the report
-        throw;
+    if (present && ::rename(made.c_str(), backup.c_str()) != 0) {
+        int const error = errno;
+        ::unlink(made.c_str()); // our hidden link: the failure to report is the rename's
+        throw_from_errno(error, to.native());
     }
+    // The folder is flushed before the file is replaced, after the new content's own flush,
+    // which on most file systems has already written the new name.
+    sys::linked.flush_owed = true;
     sys::linked.made = true;
     sys::linked.source = source;
     sys::linked.backup = backup;

@@ -135,6 +135,10 @@ mode_t mode_cap(std::string const& access, struct stat const& st);
 /// backup and its mode changed since it was linked, the backup gets that mode back.
 void restore_linked_backup(struct stat const& replaced);
 
+/// Makes the name of a backup linked in the scope durable (folder fsync) if that is still owed;
+/// throws on failure. A rename pays it before replacing anything.
+void flush_linked_backup();
+
 /// At the end of the outermost scope: a linked backup still sharing its source's file becomes a
 /// copy (or, failing that, is removed); the caps are dropped. Never throws.
 void end_linked_backup() noexcept;

@@ -183,7 +183,8 @@ public:
     /// Inside a scope and a `backup_copy`, before anything is staged, once: puts at `to` a hard link to `from`
     /// instead of a copy, when `from` is a regular file with one link on a file system that
     /// links it; an existing regular file at `to` is replaced as `copy_file` replaces it (a link
-    /// or a folder there throws as it does), and the name is made durable (folder fsync). While
+    /// or a folder there throws as it does); its name is made durable (folder fsync) before any
+    /// rename on this thread, so before the rename that replaces `from`. While
     /// they share it, a mode change of `from` in the scope is taken back from the backup when
     /// the rename replaces `from`. False, with nothing done, where a link cannot stand for the
     /// copy: the caller copies.
