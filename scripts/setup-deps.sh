@@ -14,7 +14,7 @@ declare -A groups=(
   [build]="g++ cmake ninja-build pkg-config libboost-system1.74-dev libboost-date-time1.74-dev
            libboost-filesystem1.74-dev libboost-iostreams1.74-dev libicu-dev libssl-dev tzdata
            libcurl4-openssl-dev libpugixml-dev"
-  [test]="libgtest-dev libgmock-dev strace"
+  [test]="libgtest-dev libgmock-dev strace acl"
   [bench]="libbenchmark-dev"
   [profile]="valgrind linux-perf strace"
   [docs]="doxygen"

@@ -124,7 +124,11 @@ void carryPermissions(FileSystemOps& ops, const std::u16string& from, const std:
 
 void tryBackup(Commit& c, const std::u16string& candidate) {
     makeWritableIfPresent(c.target, candidate);
-    detail::copyAcross(c.target, c.path, c.target, candidate);
+    {
+        // Tells a local back end that this copy is the backup: it may link the old package.
+        vela::filesystem::staged_rename_scope::backup_copy backingUp;
+        detail::copyAcross(c.target, c.path, c.target, candidate);
+    }
     carryPermissions(c.target, c.path, candidate);
     c.target.setLastModifiedTime(candidate, c.target.getLastModifiedTime(c.path));
 }

@@ -45,6 +45,10 @@ void LocalFileSystemOps::doCopy(const std::u16string& source, const std::u16stri
         }
         switch (type & Status::file_type_mask) {
         case Status::regular_file:
+            // A commit's backup of the package it is about to replace: a hard link stands for the
+            // copy where the host allows one.
+            if (mode == Overwrite && host::staged_rename_scope::link_backup(from, to))
+                break;
             // NoOverwrite and FailIfExists alike: an existing file is the host's EEXIST.
             host::copy_file(from, to, mode == Overwrite ? 1 : 0);
             break;

@@ -55,6 +55,11 @@ std::u16string VirtualFileSystemOps::doGetTempName(const std::u16string& folder,
                 hostfs::detail::make_generic_form(hostfs::detail::make_native_form(name, true));
             candidate = base.getChild(generic.substr(generic.rfind(u'/') + 1)).toString();
         } while (doExists(candidate, detail, ec));
+        // Inside a commit a temporary file on the local disk is staged as the local back end's
+        // is, so that its rename keeps everything about the file it replaces.
+        store::AbsoluteIRI const made(candidate);
+        if (made.getScheme() == u"file")
+            hostfs::staged_rename_scope::stage(hostfs::path(made.getPath()));
         // Inside a commit the first name handed out is its temporary item: if the commit fails
         // before its rename, whatever its copy left there (a partial file, a copied folder) goes.
         hostfs::staged_rename_scope::on_abandon([storage = m_storage, name = candidate] {

@@ -18,6 +18,7 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,8 +44,9 @@ enum Kind { Local,
 char const* const KindNames[] = {"Local", "Memory", "File"};
 struct Pair {
     Kind from, to;
+    bool backup = false; // kept, where the case says
 };
-std::string pairName(Pair p) { return std::string(KindNames[p.from]) + "To" + KindNames[p.to]; }
+std::string pairName(Pair p) { return std::string(KindNames[p.from]) + "To" + KindNames[p.to] + (p.backup ? "Backup" : ""); }
 
 std::u16string pathIn(Kind kind, std::string const& file) {
     return kind == Local ? u16(file) : kind == File ? u16("file://" + file)
@@ -101,22 +103,35 @@ protected:
     }
 };
 
-// A first package gets 0644 and no backup; a stale read-only backup is overwritten with the old
-// content, time and mode; a link planted at a backup name is never written through (that
-// attempt fails and the next name is used). The source stays as it was.
+ino_t inode(std::string const& path, nlink_t links = 1) {
+    struct stat st = {};
+    return ::lstat(path.c_str(), &st) == 0 && st.st_nlink == links ? st.st_ino : 0;
+}
+
+// A first package gets 0644 and no backup; a stale read-only backup is replaced by the old
+// package itself (its one link, with its content, time and mode, also when the commit made it
+// writable), or by a copy when the old package has two links; a link planted at a backup name
+// is never written through (that attempt fails and the next name is used). The source stays.
 TEST_F(RealCommit, BackupOverwritesAStaleOneAndNeverFollowsALink) {
     options.removeBackup(false);
     replaceFileWithBackup(local, u16(target), local, u16(source), options);
     EXPECT_EQ(readFile(target) + readFile(source), newContent + newContent);
     EXPECT_EQ(test::modeOf(target), 0644);
-    writeFile(target, oldContent, 0640);
+    writeFile(target, oldContent, 0440);
     writeFile(target + ".bak", "stale", 0444);
     fs::last_write_time(target, fs::last_write_time(target) - std::chrono::hours(1000));
     auto const oldTime = local.getLastModifiedTime(u16(target));
+    ino_t const old = inode(target);
     replaceFileWithBackup(local, u16(target), local, u16(source), options);
     EXPECT_EQ(readFile(target + ".bak"), oldContent);
-    EXPECT_EQ(test::modeOf(target + ".bak"), 0640);
+    EXPECT_EQ(test::modeOf(target + ".bak") * 010000 + test::modeOf(target), 0440 * 010000 + 0440);
     EXPECT_EQ(local.getLastModifiedTime(u16(target + ".bak")), oldTime);
+    EXPECT_TRUE(old != 0 && inode(target + ".bak") == old && inode(target) != 0);
+    fs::create_hard_link(target, root.path() / "second");
+    ino_t const twice = inode(target, 2);
+    replaceFileWithBackup(local, u16(target), local, u16(source), options);
+    EXPECT_TRUE(twice != 0 && inode(target + ".bak") != twice && inode(root.path().string() + "/second") == twice);
+    EXPECT_EQ(readFile(target + ".bak"), newContent);
 
     std::string const victim = root.path().string() + "/victim";
     writeFile(victim, "precious", 0644);
@@ -126,7 +141,7 @@ TEST_F(RealCommit, BackupOverwritesAStaleOneAndNeverFollowsALink) {
     EXPECT_EQ(readFile(victim), "precious");
     EXPECT_EQ(fs::read_symlink(target + ".bak").string(), victim);
     EXPECT_EQ(readFile(target + ".bak2"), newContent);
-    EXPECT_EQ(announced, (std::vector{u16(target + ".bak"), u16(target + ".bak2")}));
+    EXPECT_EQ(announced, (std::vector{u16(target + ".bak"), u16(target + ".bak"), u16(target + ".bak2")}));
 }
 
 // The public double fails a picked call as a back end fails, in both forms, and forwards the
@@ -215,8 +230,9 @@ TEST_P(FaultInjection, EveryFailureLeavesTheOldOrTheNewPackageWhole) {
         bool const refused = afterRename && failed == "setPermissions";
         EXPECT_EQ(mode, refused ? mode & c.mode : c.mode);
         // Faults strike before the inner call and a failed rename removes its temporary file.
+        // ... and a backup never shares its file with the package.
         for (auto const& name : names(ops(c.target), folder(c.target)))
-            EXPECT_TRUE(name == "p.pkg" || name.rfind("p.pkg.bak", 0) == 0) << name;
+            EXPECT_TRUE((name == "p.pkg" || name.rfind("p.pkg.bak", 0) == 0) && (c.target == Memory || inode(dir + "/" + name))) << name;
         if (c.backup && replaced) {
             ASSERT_EQ(announced.size(), threw ? 0u : 1u);
             EXPECT_TRUE(threw || contentOf(c.target, announced[0]) == "old");
@@ -296,7 +312,7 @@ INSTANTIATE_TEST_SUITE_P(Pairs, CommitDiskFull, ::testing::Combine(diskPairs, ::
     return pairName(std::get<0>(info.param)) + (std::get<1>(info.param) ? "Tmpfs" : "FileSize") + (std::get<2>(info.param) ? "Backup" : "");
 });
 
-// When this variable holds "<source kind>\n<target kind>\n<target>\n<source>", the test binary
+// When this variable holds "<source kind> <target kind> <backup>\n<target>\n<source>", the test binary
 // is the child run under strace: it commits once and exits before any test runs, with 0 after
 // a commit, 3 after an opc::Exception (anything else ends it abnormally).
 char const* const ChildVariable = "OPC_COMMIT_TRACED_CHILD";
@@ -305,11 +321,12 @@ struct TracedChild {
         char const* const job = std::getenv(ChildVariable);
         std::istringstream lines(job ? job : "");
         int from = 0, to = 0;
+        bool backup = false;
         std::string target, source;
-        if (!(lines >> from >> to).ignore(1) || !std::getline(lines, target) || !std::getline(lines, source))
+        if (!(lines >> from >> to >> backup).ignore(1) || !std::getline(lines, target) || !std::getline(lines, source))
             return;
         try {
-            commitBetween(Kind(from), Kind(to), target, source);
+            commitBetween(Kind(from), Kind(to), target, source, backup);
         } catch (Exception const&) {
             std::_Exit(3);
         }
@@ -351,10 +368,36 @@ TEST(CommitCrash, KilledCommitsLeaveTheOldOrTheNewPackageWhole) {
 bool contains(std::string const& line, std::string const& piece) { return line.find(piece) != std::string::npos; }
 bool succeeded(std::string const& line) { return line.size() >= 3 && line.compare(line.size() - 3, 3, "= 0") == 0; }
 
+// What a save keeps beside the content: mode, group, a user attribute, the ACL (as stored).
+struct Kept {
+    int mode;
+    gid_t group;
+    std::string user, acl;
+    bool operator==(Kept const& o) const { return mode == o.mode && group == o.group && user == o.user && acl == o.acl; }
+};
+
+Kept keptOf(std::string const& path) {
+    struct stat st = {};
+    std::string user(64, '\0'), acl(256, '\0');
+    auto size = [](ssize_t n) { return std::size_t(std::max<ssize_t>(n, 0)); };
+    user.resize(size(::getxattr(path.c_str(), "user.test", user.data(), user.size())));
+    acl.resize(size(::getxattr(path.c_str(), "system.posix_acl_access", acl.data(), acl.size())));
+    return {::lstat(path.c_str(), &st) == 0 ? int(st.st_mode & 07777) : -1, st.st_gid, user, acl};
+}
+
+// Never wider than before: no mode bit the old package lacked, no group bit for another group,
+// and without the ACL no more for the group than the ACL's own group entry (read) gave it.
+bool noWider(Kept const& now, Kept const& old) {
+    int const group = now.group != old.group ? 0 : now.acl != old.acl ? 040 : 070;
+    return (now.mode & ~old.mode) == 0 && (now.mode & 070 & ~group) == 0;
+}
+
 // Runs the traced child once under strace with `options`, tracing to `trace`.
 class Traced : public RealCommit, public ::testing::WithParamInterface<Pair> {
 protected:
     std::string const trace = root.path().string() + "/trace.txt";
+    Kept old = {};
+    ino_t oldInode = 0;
 
     void SetUp() override {
         if (std::system("strace -o /dev/null true >/dev/null 2>&1") != 0)
@@ -362,8 +405,16 @@ protected:
         RealCommit::SetUp();
     }
     int commitUnder(std::string const& options, int mode = 0640) {
+        // Beside its mode the old package has another group (when this user may give it), a user
+        // attribute and an ACL entry.
+        fs::remove(target);
         writeFile(target, oldContent, mode);
-        std::string const job = std::to_string(GetParam().from) + " " + std::to_string(GetParam().to) + "\n" + target + "\n" + source;
+        if ((::geteuid() == 0 && ::chown(target.c_str(), uid_t(-1), 65534) != 0) || ::setxattr(target.c_str(), "user.test", "kept", 4, 0) != 0 ||
+            std::system(("setfacl -m u:daemon:r '" + target + "'").c_str()) != 0)
+            return -2;
+        old = keptOf(target);
+        oldInode = inode(target);
+        std::string const job = std::to_string(GetParam().from) + " " + std::to_string(GetParam().to) + " " + std::to_string(GetParam().backup) + "\n" + target + "\n" + source;
         ::setenv(ChildVariable, job.c_str(), 1);
         std::string const command = "strace -f -y -qq " + options + " -o '" + trace + "' /proc/" + std::to_string(::getpid()) + "/exe >/dev/null 2>&1";
         int const status = std::system(command.c_str());
@@ -381,6 +432,9 @@ protected:
 TEST_P(Traced, NewDataIsFlushedBeforeTheRenameAndTheFolderAfter) {
     ASSERT_EQ(commitUnder("-e trace=fdatasync,fsync,rename,renameat,renameat2,openat"), 0);
     ASSERT_EQ(readFile(target), newContent);
+    EXPECT_TRUE(keptOf(target) == old && old.acl.size() > 0 && old.user == "kept");
+    // A local backup is the old package itself, made without a copy.
+    EXPECT_EQ(inode(target + ".bak"), GetParam().backup && GetParam().to == Local ? oldInode : 0);
     std::vector<std::string> const lines = traceLines();
     std::size_t renameAt = lines.size(); // the successful rename onto the target; its first path is the temporary file
     std::string temporary;
@@ -401,37 +455,44 @@ TEST_P(Traced, NewDataIsFlushedBeforeTheRenameAndTheFolderAfter) {
     EXPECT_GT(syncs(dir, renameAt + 1, lines.size()), 0) << "the folder is not flushed after the rename";
     if (GetParam().to != Local)
         return;
-    // Nothing is flushed twice: the temporary's data once, the folder once, after the rename.
+    // Nothing is flushed twice: the temporary's data once, the folder once after the rename
+    // (and once for the backup's name).
     EXPECT_EQ(syncs(temporary, 0, lines.size()), 1);
-    EXPECT_EQ(syncs(dir, 0, lines.size()), 1);
+    EXPECT_EQ(syncs(dir, 0, lines.size()), 1 + GetParam().backup);
 }
 
-// Every write, sync, rename, close, permission change and removal in the test's folder (package
-// and source) fails in turn with EIO (calls elsewhere, such as the loader's, are no test of the
-// commit). Success means the new package, failure the old one, and either with the old mode: a
-// read-only target, made writable for the rename, never ends wider.
+// Every write, sync, rename, close, permission change, removal, link, change of owner and
+// attribute in the test's folder (package and source) fails in turn with EIO, or refuses with
+// EPERM (calls elsewhere, such as the loader's, are no test of the commit). Success means the
+// new package, failure the old one, either with all the old one had beside its content (a
+// read-only target, made writable for the rename, never ends wider); what a refusal keeps from
+// the new package leaves it no wider. No backup ever shares its file with the package.
 TEST_P(Traced, EveryFailingSystemCallLeavesTheOldOrTheNewPackage) {
     int runs = 0;
-    for (auto const& [call, mode] : std::vector<std::pair<std::string, int>>{{"write", 0640}, {"fdatasync", 0640}, {"fsync", 0640}, {"rename", 0640}, {"renameat2", 0640}, {"close", 0640}, {"chmod", 0444}, {"fchmod", 0444}, {"fchmodat", 0444}, {"unlink", 0444}}) {
+    using Row = std::tuple<std::string, int, std::string>;
+    for (auto const& [call, mode, error] : std::vector<Row>{{"write", 0640, "EIO"}, {"fdatasync", 0640, "EIO"}, {"fsync", 0640, "EIO"}, {"rename", 0640, "EIO"}, {"renameat2", 0640, "EIO"}, {"close", 0640, "EIO"}, {"chmod", 0444, "EIO"}, {"fchmod", 0444, "EIO"}, {"fchmodat", 0444, "EIO"}, {"unlink", 0444, "EIO"}, {"link", 0444, "EIO"}, {"fchown", 0640, "EIO"}, {"fchown", 0640, "EPERM"}, {"fsetxattr", 0640, "EIO"}, {"fsetxattr", 0440, "EPERM"}}) {
         ASSERT_EQ(commitUnder("-e trace=" + call, mode), 0); // which calls touch the folder: stable between runs
         std::vector<std::string> const plain = traceLines();
         for (std::size_t n = 1; n <= plain.size(); ++n) {
             if (!contains(plain[n - 1], root.path().string()))
                 continue;
             SCOPED_TRACE(plain[n - 1]);
-            int const status = commitUnder("-e trace=" + call + " -e inject=" + call + ":error=EIO:when=" + std::to_string(n), mode);
+            int const status = commitUnder("-e trace=" + call + " -e inject=" + call + ":error=" + error + ":when=" + std::to_string(n), mode);
             std::vector<std::string> const lines = traceLines();
             ASSERT_TRUE(n <= lines.size() && contains(lines[n - 1], "(INJECTED)")) << "the run took another path";
             ASSERT_TRUE(status == 0 || status == 3) << "exit status " << status;
             EXPECT_TRUE(readFile(target) == (status == 0 ? newContent : oldContent)) << "status " << status;
-            EXPECT_EQ(modeOf(Local), mode);
+            Kept const now = keptOf(target);
+            EXPECT_TRUE(error == "EPERM" && status == 0 ? noWider(now, old) : now == old) << std::oct << now.mode << std::dec << " " << now.group << " " << now.user << " " << now.acl.size();
+            for (auto const& name : names(local, u16(dir)))
+                EXPECT_NE(inode(dir + "/" + name), 0u) << name << " shares its file";
             ++runs;
         }
     }
     EXPECT_GT(runs, 4);
 }
 
-INSTANTIATE_TEST_SUITE_P(Commit, Traced, ::testing::Values(Pair{Local, Local}, Pair{Memory, Local}, Pair{Local, File}),
+INSTANTIATE_TEST_SUITE_P(Commit, Traced, ::testing::Values(Pair{Local, Local}, Pair{Memory, Local}, Pair{Local, File}, Pair{Local, Local, true}),
                          [](auto const& info) { return pairName(info.param); });
 
 } // namespace

@@ -26,7 +26,9 @@ void permissions(path const& p, std::uint32_t bits) {
         return;
     if (S_ISREG(st.st_mode))
         sys::note_mode_change(access, st.st_mode & 07777);
-    if (::fchmodat(AT_FDCWD, access.c_str(), mode, 0) != 0)
+    // A file a staged rename could not give its old group (or ACL) keeps going without the
+    // bits that group had.
+    if (::fchmodat(AT_FDCWD, access.c_str(), mode & sys::mode_cap(access, st), 0) != 0)
         sys::fail(p);
 }
 

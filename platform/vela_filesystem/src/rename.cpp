@@ -120,7 +120,25 @@ void move_into_place(std::string const& from, std::string const& to, std::u16str
             throw_from_errno(errno, to_name);
         }
     }
-    if (after != before) {
+    //    The staged file of a commit takes everything else of the regular file it replaces too,
+    //    before the rename, so the rename alone puts all of it in place.
+    bool const carry = how.replace && regular && present && S_ISREG(target.st_mode) && is_staged(from);
+    mode_t allowed = 07777, current = before;
+    if (carry) {
+        if (!file)
+            file = open_moved_file(from, from_name);
+        struct stat own = source;
+        if (file && ::fstat(file.get(), &own) != 0)
+            throw_from_errno(errno, from_name);
+        // Without a descriptor nothing can be carried: the old group's bits are not given away.
+        allowed = file ? carry_attributes(file.get(), own, to, target, from_name) : mode_t(~mode_t(070));
+        after &= allowed;
+        // An ACL sets the mode bits, and a change of owner may clear set-id bits.
+        if (file && ::fstat(file.get(), &own) != 0)
+            throw_from_errno(errno, from_name);
+        current = own.st_mode & 07777;
+    }
+    if (after != current) {
         if (!file)
             file = open_moved_file(from, from_name);
         set_mode(file, from, after, from_name);
@@ -132,6 +150,7 @@ void move_into_place(std::string const& from, std::string const& to, std::u16str
     //    destination is then gone (as it is when an empty folder is replaced).
     undo back = present ? undo::impossible : undo::rename_back;
     try {
+        flush_linked_backup(); // a backup's name is durable before the file it keeps is replaced
         bool exchanged = false;
         if (how.replace && present && !S_ISDIR(source.st_mode) && !S_ISDIR(target.st_mode) &&
             !same_file(source, target)) {
@@ -158,6 +177,10 @@ void move_into_place(std::string const& from, std::string const& to, std::u16str
     //    (its removal need not be durable: after a crash it is a stray file beside, never at,
     //    the destination).
     try {
+        if (carry) {
+            cap_mode(to, source, allowed);
+            restore_linked_backup(target);
+        }
         sync_both_folders(from, to, true, to_name);
         if (back == undo::exchange && ::unlink(from.c_str()) != 0)
             throw_from_errno(errno, from_name);

@@ -119,6 +119,10 @@ void restore_widened_modes() {
     }
 }
 
+bool is_staged(std::string const& access) { return state.depth > 0 && state.staged && access == state.name; }
+
+bool before_staging() { return state.depth > 0 && !state.staged; }
+
 } // namespace sys
 
 staged_rename_scope::staged_rename_scope() {
@@ -146,6 +150,7 @@ staged_rename_scope::~staged_rename_scope() {
             // The commit's own failure is the one being reported.
         }
     }
+    sys::end_linked_backup();
     sys::state.reset();
 }
 

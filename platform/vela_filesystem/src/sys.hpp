@@ -113,4 +113,34 @@ void settle_owed();
 void note_mode_change(std::string const& access, mode_t mode);
 bool mode_before_change(std::string const& access, mode_t& mode);
 
+/// `is_staged`: `access` is the staged name of a live scope (not yet closed). `before_staging`:
+/// a scope lives and nothing has been staged in it yet.
+bool is_staged(std::string const& access);
+bool before_staging();
+
+/// Gives the open file `file` (status `own`), about to replace the regular file `old` (status
+/// `old_st`), the owner, group, extended attributes (user, security, trusted) and access ACL of
+/// `old`, as far as the process may set them; a refusal (EPERM, EACCES, ENOTSUP) is skipped,
+/// any other failure throws about `name`. Returns the mode bits the file may keep: all, less
+/// the group bits when its group is not the old one, or those the old ACL gave only to others
+/// than the owning group when that ACL could not be carried.
+mode_t carry_attributes(int file, struct stat const& own, std::string const& old, struct stat const& old_st,
+                        std::u16string const& name);
+
+/// While the scope lives, `access` (the file of status `st`) gets no mode bit outside `allowed`.
+void cap_mode(std::string const& access, struct stat const& st, mode_t allowed);
+mode_t mode_cap(std::string const& access, struct stat const& st);
+
+/// After a rename replaced the file of status `replaced`: when that file is the scope's linked
+/// backup and its mode changed since it was linked, the backup gets that mode back.
+void restore_linked_backup(struct stat const& replaced);
+
+/// Makes the name of a backup linked in the scope durable (folder fsync) if that is still owed;
+/// throws on failure. A rename pays it before replacing anything.
+void flush_linked_backup();
+
+/// At the end of the outermost scope: a linked backup still sharing its source's file becomes a
+/// copy (or, failing that, is removed); the caps are dropped. Never throws.
+void end_linked_backup() noexcept;
+
 } // namespace vela::filesystem::sys

@@ -141,6 +141,15 @@ VELA_FS_API void rename(path const& from, path const& to, rename_options options
 /// - A file whose permissions were changed in the scope (a read-only target made writable for
 ///   the rename) counts with the mode it had before: a regular file renamed over it takes that
 ///   mode exactly, so the new file is never wider than the old one and needs no narrowing later.
+/// - The staged file renamed over a regular file first takes that file's owner and group,
+///   extended attributes (user, and security and trusted where permitted) and access ACL, so
+///   that the rename alone replaces the file with all of it. What may not be set is skipped, but
+///   never to the file's advantage: without the old group (or an ACL that could not be set) the
+///   file loses the group bits the old group (or the ACL's own group entry) lacked, and keeps
+///   that limit against later permission changes in the scope.
+/// - A backup made by `link_backup` shares the file it backs up until the rename replaces that
+///   file; if the scope ends before that, the backup is turned into a copy (or removed), so that
+///   it never shares its file with the one still in place.
 /// - A cleanup given to `on_abandon` runs when the scope ends before `close()`, and so does the
 ///   restoring of every file made wider in the scope (a read-only target made writable for a
 ///   rename that never came): it gets its earlier mode back.
@@ -160,6 +169,26 @@ public:
     /// failed commit); only the first registration of the outermost scope counts, and none
     /// after `close()` or without a scope. Its failures are ignored.
     static void on_abandon(std::function<void()> cleanup);
+
+    /// Marks, while it lives, the copies on this thread as backups of the file that the scope's
+    /// rename is about to replace (a commit's backup step): only they may become links.
+    class VELA_FS_API backup_copy {
+    public:
+        backup_copy();
+        ~backup_copy();
+        backup_copy(backup_copy const&) = delete;
+        backup_copy& operator=(backup_copy const&) = delete;
+    };
+
+    /// Inside a scope and a `backup_copy`, before anything is staged, once: puts at `to` a hard link to `from`
+    /// instead of a copy, when `from` is a regular file with one link on a file system that
+    /// links it; an existing regular file at `to` is replaced as `copy_file` replaces it (a link
+    /// or a folder there throws as it does); its name is made durable (folder fsync) before any
+    /// rename on this thread, so before the rename that replaces `from`. While
+    /// they share it, a mode change of `from` in the scope is taken back from the backup when
+    /// the rename replaces `from`. False, with nothing done, where a link cannot stand for the
+    /// copy: the caller copies.
+    static bool link_backup(path const& from, path const& to);
 
     /// For a back end whose items are not host files: inside a scope, keeps the mode `read`
     /// gives for `key` (its name for an item whose permissions it is about to change) unless
