@@ -2,7 +2,8 @@
 
 // A fault-injecting HTTP proxy on loopback, between the s3 scheme and a store: every request goes
 // upstream on a connection of its own, and the exchanges a fault matches are cut, stalled,
-// refused or have their answer dropped after the store acted. It serves at most 4,000
+// refused, have their answer dropped after the store acted, or lose their Content-Length and
+// the end of their body (CutUnsized: an answer that looks whole to HTTP). It serves at most 4,000
 // connections, none longer than a few seconds, and stops with its owner.
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -14,7 +15,6 @@
 #include <cctype>
 #include <cstdint>
 #include <functional>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -22,13 +22,13 @@
 namespace opc::test {
 
 struct Fault {
-    enum Kind { None, CutRequest, CutAnswer, Stall, Refuse };
+    enum Kind { None, CutRequest, CutAnswer, CutUnsized, Stall, Refuse };
     Fault() = default;
     Fault(Kind k, std::function<bool(std::string const&)> m, std::size_t a = 0, int t = 1, std::string answer_ = "")
         : kind(k), matches(std::move(m)), at(a), times(t), answer(std::move(answer_)) {}
     Kind kind = None;
     std::function<bool(std::string const&)> matches; ///< which exchanges, by request line and headers
-    std::size_t at = 0;                              ///< for cuts: the bytes that still pass
+    std::size_t at = 0;                              ///< for cuts: the bytes that still pass (CutUnsized: of the body)
     int times = 1;                                   ///< how many matching exchanges it hits
     std::string answer;                              ///< Refuse: the proxy's own answer
 };
@@ -75,16 +75,20 @@ private:
         for (ssize_t sent = 0, n; std::size_t(sent) < bytes.size(); sent += n)
             if ((n = ::send(socket, bytes.data() + sent, bytes.size() - std::size_t(sent), MSG_NOSIGNAL)) <= 0) return;
     }
+    static std::string lowered(std::string text) {
+        std::transform(text.begin(), text.end(), text.begin(), ::tolower);
+        return text;
+    }
     // Everything until the peer closes, or (`request`) one request with its Content-Length of body.
     static std::string receive(int socket, bool request) {
-        std::string bytes, lower;
+        std::string bytes;
         char chunk[65536];
         for (std::size_t end = std::string::npos, want = SIZE_MAX; bytes.size() < want;) {
             ssize_t const n = ::recv(socket, chunk, sizeof chunk, 0);
             if (n <= 0) break;
             bytes.append(chunk, std::size_t(n));
             if (request && end == std::string::npos && (end = bytes.find("\r\n\r\n")) != std::string::npos) {
-                std::transform(bytes.begin(), bytes.begin() + std::ptrdiff_t(end), std::back_inserter(lower), ::tolower);
+                std::string const lower = lowered(bytes.substr(0, end));
                 std::size_t const length = lower.find("\r\ncontent-length: ");
                 want = end + 4 + (length < end ? std::stoul(lower.substr(length + 18)) : 0);
             }
@@ -112,6 +116,11 @@ private:
         ::close(store);
         headerBytes = std::min(answer.size(), answer.find("\r\n\r\n") + 4);
         if (kind == Fault::CutAnswer) answer.resize(std::min(m_fault.at, answer.size()));
+        if (kind == Fault::CutUnsized) {
+            std::size_t const length = lowered(answer.substr(0, headerBytes)).find("\r\ncontent-length:");
+            if (length < headerBytes) answer.erase(length, answer.find("\r\n", length + 2) - length);
+            answer.resize(std::min(answer.size(), answer.find("\r\n\r\n") + 4 + m_fault.at));
+        }
         pollfd gone{client, POLLIN, 0};
         if (kind == Fault::Stall) ::poll(&gone, 1, 5000); // until the client gives up, at most 5 s
         else if (kind != Fault::CutRequest) sendAll(client, answer);

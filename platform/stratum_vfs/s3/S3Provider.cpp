@@ -268,7 +268,9 @@ public:
         // of the old content.
         std::string initial;
         if ((append || overwrite) && head.found && head.size > 0) {
-            HttpResponse response = object.http->send(requestFor(object, "GET", {}, {{"if-match", head.etag}}));
+            HttpRequest request = requestFor(object, "GET", {}, {{"if-match", head.etag}});
+            request.bodyBytes = std::size_t(head.size);
+            HttpResponse response = object.http->send(request);
             check(response, object, "GET");
             initial = std::move(response.body);
         }
