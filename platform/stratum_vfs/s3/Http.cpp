@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
 #include <random>
 #include <thread>
 
@@ -217,7 +218,10 @@ HttpResponse HttpClient::sendOnce(HttpRequest const& request) {
     sign(signable, Credentials{settings_.accessKeyId, settings_.secretAccessKey, settings_.sessionToken},
          settings_.region, "s3", amzDate(std::time(nullptr)));
 
-    CURL* curl = static_cast<CURL*>(acquire());
+    // Cleaned up on every way out but the one that hands it back to the pool: a handle whose
+    // connection may be broken is never reused.
+    std::unique_ptr<CURL, void (*)(CURL*)> handle(static_cast<CURL*>(acquire()), curl_easy_cleanup);
+    CURL* const curl = handle.get();
     HttpResponse response;
     if (!curl) {
         response.transport = Transport::Other;
@@ -262,17 +266,15 @@ HttpResponse HttpClient::sendOnce(HttpRequest const& request) {
     response.transport = classify(code);
     if (code != CURLE_OK) {
         response.transportDetail = *error ? error : curl_easy_strerror(code);
-        curl_easy_cleanup(curl); // its connection may be broken: never reuse it
         return response;
     }
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &response.status);
     if (std::string const missing = incomplete(request, response, headerState.complete); !missing.empty()) {
-        curl_easy_cleanup(curl);
         response.transport = Transport::Dropped;
         response.transportDetail = "the answer was cut short (" + missing + ")";
         return response;
     }
-    release(curl);
+    release(handle.release());
     // An error document counts whatever the status (copies and completions answer 200 with one).
     if (response.status >= 300 || request.xmlAnswer) {
         parseError(response.body, response.errorCode, response.errorMessage);
