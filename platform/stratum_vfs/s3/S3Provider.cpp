@@ -245,6 +245,13 @@ public:
         ObjectRef object = ref(iri);
         Head const head = headObject(object);
         if (!head.found) {
+            // "a/" holding bytes, as tools that take keys as they are may write it, is the marker
+            // of folder "a" here: refused, saying what it holds, rather than read as a folder.
+            if (Head const marker = headObject(markerOf(iri)); marker.size > 0) {
+                throw Exception(ErrorCode::NotSupported, iri,
+                                "the object \"" + markerOf(iri).key + "\" holds " + std::to_string(marker.size) +
+                                    " bytes, but a key ending in \"/\" is the marker of a folder");
+            }
             return nullptr;
         }
         return makeInputBuffer(std::move(object), head.size, head.etag);
