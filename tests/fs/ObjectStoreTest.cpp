@@ -71,6 +71,7 @@ TEST_P(ObjectStore, AwsReadsWhatTheLibraryWritesAndCopies) {
     std::string const big = pattern(12 * MiB, 1);
     write(at("small"), "tiny");
     write(at("big"), big);
+    write(at("part"), big.substr(0, 5 * MiB)); // exactly one part: one PUT
     ops().createFolder(at("dir"));
     ops().setLastModifiedTime(at("small"), boost::posix_time::from_time_t(981173106));
     ops().setLastModifiedTime(at("dir"), boost::posix_time::from_time_t(0));
@@ -78,6 +79,7 @@ TEST_P(ObjectStore, AwsReadsWhatTheLibraryWritesAndCopies) {
     ops().rename(at("copy"), at("moved"));
     // awscli starts slowly: its runs go side by side.
     auto small = later("s3 cp " + uri("small") + " -"), smallHead = later(headOf("small")), dirHead = later(headOf("dir/"));
+    auto partHead = later(headOf("part"));
     for (std::string const name : {"big", "moved"}) { // three parts of 5 MiB, written or copied
         auto content = later("s3 cp " + uri(name) + " -"), description = later(headOf(name));
         EXPECT_TRUE(content.get().second == big) << name;
@@ -85,6 +87,8 @@ TEST_P(ObjectStore, AwsReadsWhatTheLibraryWritesAndCopies) {
         EXPECT_NE(head.find("-3\\\""), std::string::npos) << head;
     }
     EXPECT_EQ(small.get().second, "tiny");
+    std::string const part = partHead.get().second;
+    EXPECT_TRUE(part.find("\"ETag\"") != std::string::npos && part.find("-1\\\"") == std::string::npos) << part;
     std::string const dir = dirHead.get().second, smallText = smallHead.get().second;
     EXPECT_NE(dir.find("\"ContentLength\": 0"), std::string::npos) << dir;
     EXPECT_NE(dir.find("\"mtime\": \"0\""), std::string::npos) << dir;
@@ -96,7 +100,7 @@ TEST_P(ObjectStore, AwsReadsWhatTheLibraryWritesAndCopies) {
             for (int i = t; i < 999; i += 32) write(at("many/" + std::to_string(i)), "");
         });
     for (auto& writer : writers) writer.join();
-    EXPECT_EQ(listing(m_root).size(), 1002u);
+    EXPECT_EQ(listing(m_root).size(), 1003u);
     EXPECT_EQ(listing(at("many"), false).size(), 999u);
     FaultProxy counter(env("AWS_ENDPOINT_URL"), {Fault::CutAnswer, on("POST ", "?delete"), SIZE_MAX, 1000});
     VirtualFileSystemOps(through(counter)).removeAll(at("many"));
