@@ -530,7 +530,7 @@ TEST_P(Conformance, HostileInputNeverLeavesTheJail) {
         FileSystemOpsSelector const selector(m_storage);
         for (std::size_t row = first; row < suffixes.size(); row += lanes) {
             auto const& suffix = suffixes[row];
-            std::u16string path = jail + suffix;
+            auto path = jail + suffix;
             if (row + children + 1 == suffixes.size()) { // the jail reached from above the root
                 path = scheme.empty() ? u"/../.." + jail : scheme + u"://" + vfs::AbsoluteIRI(jailIri).getAuthority() + u"/../.." + vfs::AbsoluteIRI(jailIri).getPath();
             } else if (row + children >= suffixes.size()) {

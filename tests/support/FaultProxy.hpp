@@ -21,10 +21,9 @@
 namespace opc::test {
 
 struct Fault {
-    enum Kind { None, CutRequest, CutAnswer, CutUnsized, Stall, Refuse };
+    enum Kind { None, CutRequest, CutAnswer, CutUnsized, Stall, Refuse } kind;
     Fault(Kind k = None, std::function<bool(std::string const&)> m = {}, std::size_t a = 0, int t = 1, std::string s = "")
         : kind(k), matches(std::move(m)), at(a), times(t), answer(std::move(s)) {}
-    Kind kind;
     std::function<bool(std::string const&)> matches; ///< which exchanges, by request line and headers
     std::size_t at;                                  ///< for cuts: the bytes that still pass (CutUnsized: of the body)
     int times;                                       ///< how many matching exchanges it hits
