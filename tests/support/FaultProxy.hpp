@@ -1,9 +1,9 @@
 #pragma once
 
 // A fault-injecting HTTP proxy on loopback, between the s3 scheme and a store: every request goes
-// upstream on a connection of its own, and the exchanges a fault matches are cut, stalled,
-// refused or have their answer dropped after the store acted. It serves at most 4,000
-// connections, none longer than a few seconds, and stops with its owner.
+// upstream on a connection of its own, and the exchanges a fault matches are cut (also as an answer
+// that looks whole, without its Content-Length), stalled, refused or have their answer dropped after
+// the store acted. It serves at most 4,000 connections, none longer than a few seconds.
 #include <arpa/inet.h>
 #include <sys/socket.h>
 #include <poll.h>
@@ -14,7 +14,6 @@
 #include <cctype>
 #include <cstdint>
 #include <functional>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -22,14 +21,12 @@
 namespace opc::test {
 
 struct Fault {
-    enum Kind { None, CutRequest, CutAnswer, Stall, Refuse };
-    Fault() = default;
-    Fault(Kind k, std::function<bool(std::string const&)> m, std::size_t a = 0, int t = 1, std::string answer_ = "")
-        : kind(k), matches(std::move(m)), at(a), times(t), answer(std::move(answer_)) {}
-    Kind kind = None;
+    enum Kind { None, CutRequest, CutAnswer, CutUnsized, Stall, Refuse } kind;
+    Fault(Kind k = None, std::function<bool(std::string const&)> m = {}, std::size_t a = 0, int t = 1, std::string s = "")
+        : kind(k), matches(std::move(m)), at(a), times(t), answer(std::move(s)) {}
     std::function<bool(std::string const&)> matches; ///< which exchanges, by request line and headers
-    std::size_t at = 0;                              ///< for cuts: the bytes that still pass
-    int times = 1;                                   ///< how many matching exchanges it hits
+    std::size_t at;                                  ///< for cuts: the bytes that still pass (CutUnsized: of the body)
+    int times;                                       ///< how many matching exchanges it hits
     std::string answer;                              ///< Refuse: the proxy's own answer
 };
 
@@ -67,26 +64,28 @@ private:
     static sockaddr_in address(int port) { return sockaddr_in{AF_INET, htons(std::uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}}; }
     static int limited(int socket) { // no read or write waits more than 5 s
         timeval const limit{5, 0};
-        ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+        for (int option : {SO_RCVTIMEO, SO_SNDTIMEO}) ::setsockopt(socket, SOL_SOCKET, option, &limit, sizeof limit);
         return socket;
     }
     static void sendAll(int socket, std::string const& bytes) {
         for (ssize_t sent = 0, n; std::size_t(sent) < bytes.size(); sent += n)
             if ((n = ::send(socket, bytes.data() + sent, bytes.size() - std::size_t(sent), MSG_NOSIGNAL)) <= 0) return;
     }
+    // Where "\r\nContent-Length:" starts in `head`, in any case.
+    static std::size_t lengthAt(std::string head) {
+        std::transform(head.begin(), head.end(), head.begin(), ::tolower);
+        return head.find("\r\ncontent-length:");
+    }
     // Everything until the peer closes, or (`request`) one request with its Content-Length of body.
     static std::string receive(int socket, bool request) {
-        std::string bytes, lower;
+        std::string bytes;
         char chunk[65536];
-        for (std::size_t end = std::string::npos, want = SIZE_MAX; bytes.size() < want;) {
-            ssize_t const n = ::recv(socket, chunk, sizeof chunk, 0);
-            if (n <= 0) break;
+        std::size_t end = std::string::npos, want = SIZE_MAX;
+        for (ssize_t n; bytes.size() < want && (n = ::recv(socket, chunk, sizeof chunk, 0)) > 0;) {
             bytes.append(chunk, std::size_t(n));
             if (request && end == std::string::npos && (end = bytes.find("\r\n\r\n")) != std::string::npos) {
-                std::transform(bytes.begin(), bytes.begin() + std::ptrdiff_t(end), std::back_inserter(lower), ::tolower);
-                std::size_t const length = lower.find("\r\ncontent-length: ");
-                want = end + 4 + (length < end ? std::stoul(lower.substr(length + 18)) : 0);
+                std::size_t const length = lengthAt(bytes.substr(0, end));
+                want = end + 4 + (length < end ? std::stoul(bytes.substr(length + 17)) : 0);
             }
         }
         return bytes;
@@ -96,13 +95,10 @@ private:
         std::string request = receive(client, true);
         if (request.find("\r\n") == std::string::npos) return;
         bool const hit = m_fault.kind != Fault::None && hits < m_fault.times && m_fault.matches(request.substr(0, request.find("\r\n\r\n")));
-        hits += hit;
-        Fault::Kind const kind = hit ? m_fault.kind : Fault::None;
+        Fault::Kind const kind = hit ? (++hits, m_fault.kind) : Fault::None;
         if (kind == Fault::Refuse) return sendAll(client, m_fault.answer);
-        if (kind == Fault::CutRequest)
-            request.resize(std::min(m_fault.at, request.size()));
-        else // one exchange per upstream connection, so that the answer ends where the store closes
-            request.insert(request.find("\r\n") + 2, "Connection: close\r\n");
+        if (kind == Fault::CutRequest) request.resize(std::min(m_fault.at, request.size()));
+        else request.insert(request.find("\r\n") + 2, "Connection: close\r\n"); // so the answer ends where the store closes
         int const store = limited(::socket(AF_INET, SOCK_STREAM, 0));
         std::string answer;
         if (::connect(store, reinterpret_cast<sockaddr const*>(&m_upstream), sizeof m_upstream) == 0) {
@@ -111,7 +107,10 @@ private:
         }
         ::close(store);
         headerBytes = std::min(answer.size(), answer.find("\r\n\r\n") + 4);
-        if (kind == Fault::CutAnswer) answer.resize(std::min(m_fault.at, answer.size()));
+        if (std::size_t const length = lengthAt(answer.substr(0, headerBytes)); kind == Fault::CutUnsized && length < headerBytes)
+            answer.erase(length, answer.find("\r\n", length + 2) - length);
+        if (kind == Fault::CutAnswer || kind == Fault::CutUnsized)
+            answer.resize(std::min(answer.size(), m_fault.at + (kind == Fault::CutUnsized ? answer.find("\r\n\r\n") + 4 : 0)));
         pollfd gone{client, POLLIN, 0};
         if (kind == Fault::Stall) ::poll(&gone, 1, 5000); // until the client gives up, at most 5 s
         else if (kind != Fault::CutRequest) sendAll(client, answer);

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
 #include <random>
 #include <thread>
 
@@ -99,12 +100,13 @@ std::string incomplete(HttpRequest const& request, HttpResponse const& response,
     if (!headersEnded) {
         return "no blank line after the headers";
     }
-    if (std::string const length = response.header("content-length"); !length.empty() && request.method != "HEAD" &&
-                                                                        length != std::to_string(response.body.size())) {
-        return std::to_string(response.body.size()) + " of " + length + " bytes";
-    }
+    // libcurl itself fails a body short of its Content-Length; one without it ends where the
+    // connection does, so a read checks the size it asked for.
     if (response.status < 200 || response.status >= 300) {
         return {};
+    }
+    if (request.bodyBytes && response.body.size() != *request.bodyBytes) {
+        return std::to_string(response.body.size()) + " of " + std::to_string(*request.bodyBytes) + " bytes";
     }
     for (char const* name : request.required) {
         if (response.header(name).empty()) {
@@ -216,7 +218,10 @@ HttpResponse HttpClient::sendOnce(HttpRequest const& request) {
     sign(signable, Credentials{settings_.accessKeyId, settings_.secretAccessKey, settings_.sessionToken},
          settings_.region, "s3", amzDate(std::time(nullptr)));
 
-    CURL* curl = static_cast<CURL*>(acquire());
+    // Cleaned up on every way out but the one that hands it back to the pool: a handle whose
+    // connection may be broken is never reused.
+    std::unique_ptr<CURL, void (*)(CURL*)> handle(static_cast<CURL*>(acquire()), curl_easy_cleanup);
+    CURL* const curl = handle.get();
     HttpResponse response;
     if (!curl) {
         response.transport = Transport::Other;
@@ -261,22 +266,18 @@ HttpResponse HttpClient::sendOnce(HttpRequest const& request) {
     response.transport = classify(code);
     if (code != CURLE_OK) {
         response.transportDetail = *error ? error : curl_easy_strerror(code);
-        curl_easy_cleanup(curl); // its connection may be broken: never reuse it
         return response;
     }
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &response.status);
     if (std::string const missing = incomplete(request, response, headerState.complete); !missing.empty()) {
-        curl_easy_cleanup(curl);
         response.transport = Transport::Dropped;
         response.transportDetail = "the answer was cut short (" + missing + ")";
         return response;
     }
-    release(curl);
+    release(handle.release());
     // An error document counts whatever the status (copies and completions answer 200 with one).
-    bool const parsed = (response.status >= 300 || request.xmlAnswer) &&
-                        parseError(response.body, response.errorCode, response.errorMessage);
-    if (!parsed && response.status >= 300) {
-        response.errorMessage = "HTTP status " + std::to_string(response.status);
+    if (response.status >= 300 || request.xmlAnswer) {
+        parseError(response.body, response.errorCode, response.errorMessage);
     }
     return response;
 }

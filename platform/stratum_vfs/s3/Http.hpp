@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -41,6 +42,8 @@ struct HttpRequest {
     char const* xmlRoot = nullptr;
     /// Headers (lower case) a successful answer must carry; one without them counts as dropped.
     std::vector<char const*> required;
+    /// The size a successful answer's body must have (a ranged GET); a shorter one counts as dropped.
+    std::optional<std::size_t> bodyBytes;
 };
 
 struct HttpResponse {

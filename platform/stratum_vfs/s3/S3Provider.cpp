@@ -245,6 +245,13 @@ public:
         ObjectRef object = ref(iri);
         Head const head = headObject(object);
         if (!head.found) {
+            // "a/" holding bytes, as tools that take keys as they are may write it, is the marker
+            // of folder "a" here: refused, saying what it holds, rather than read as a folder.
+            if (Head const marker = headObject(markerOf(iri)); marker.size > 0) {
+                throw Exception(ErrorCode::NotSupported, iri,
+                                "the object \"" + markerOf(iri).key + "\" holds " + std::to_string(marker.size) +
+                                    " bytes, but a key ending in \"/\" is the marker of a folder");
+            }
             return nullptr;
         }
         return makeInputBuffer(std::move(object), head.size, head.etag);
@@ -268,7 +275,9 @@ public:
         // of the old content.
         std::string initial;
         if ((append || overwrite) && head.found && head.size > 0) {
-            HttpResponse response = object.http->send(requestFor(object, "GET", {}, {{"if-match", head.etag}}));
+            HttpRequest request = requestFor(object, "GET", {}, {{"if-match", head.etag}});
+            request.bodyBytes = std::size_t(head.size);
+            HttpResponse response = object.http->send(request);
             check(response, object, "GET");
             initial = std::move(response.body);
         }
