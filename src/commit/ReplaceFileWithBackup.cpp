@@ -1,6 +1,7 @@
 #include <opc/Commit.hpp>
 #include <opc/Exception.hpp>
 
+#include "commit/Conditions.hpp"
 #include "commit/CrossCopy.hpp"
 
 #include <boost/system/error_code.hpp>
@@ -8,6 +9,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace opc {
@@ -175,20 +177,53 @@ void chooseTempPath(Commit& c) {
     c.tempPath = parent.empty() ? c.path + u".tmp" : c.target.getTempName(parent);
 }
 
-// Step 5. A partly written temporary file is left where it is.
+// Whatever the commit itself left behind, removed quietly: the failure in flight is the report.
+void removeQuietly(FileSystemOps& ops, const std::u16string& path) {
+    boost::system::error_code ignored;
+    ops.remove(path, ignored);
+}
+
+bool isCancellation(const Exception& e) { return e.code() == CommitOptions::canceled(); }
+bool isVersionMismatch(const Exception& e) { return e.code() == CommitOptions::versionMismatch(); }
+
+// Step 5. A partly written temporary file is left where it is, except after a cancellation.
 void copyNewContent(Commit& c) {
+    CommitOptions::ProgressFcn const progress = c.options.progressFcn();
     try {
-        detail::copyAcross(c.source, c.sourcePath, c.target, c.tempPath);
+        if (progress)
+            detail::copyCounting(c.source, c.sourcePath, c.target, c.tempPath, progress);
+        else
+            detail::copyAcross(c.source, c.sourcePath, c.target, c.tempPath);
+    } catch (const Exception& e) {
+        if (isCancellation(e))
+            removeQuietly(c.target, c.tempPath);
+        restorePermissions(c);
+        throw;
     } catch (...) {
         restorePermissions(c);
         throw;
     }
 }
 
+// With an expected version, the rename itself makes sure the target is still that version.
+void putInPlace(Commit& c) {
+    if (std::optional<std::string> const expected = c.options.expectedVersion())
+        c.target.renameIfVersion(c.tempPath, c.path, *expected);
+    else
+        detail::moveAcross(c.target, c.tempPath, c.target, c.path);
+}
+
 // Step 6: the one rename that replaces the target.
 void replaceTarget(Commit& c) {
     try {
-        detail::moveAcross(c.target, c.tempPath, c.target, c.path);
+        putInPlace(c);
+    } catch (const Exception& e) {
+        // Another writer's package stays at the target, and this commit leaves nothing beside it.
+        if (isVersionMismatch(e) && c.madeBackup)
+            removeQuietly(c.target, c.backupPath);
+        removeQuietly(c.target, c.tempPath);
+        restorePermissions(c);
+        throw;
     } catch (...) {
         // The rename's failure is the one to report; a temporary file that cannot be removed
         // is only litter.
@@ -240,6 +275,8 @@ void commit(Commit& c) {
     // second data flush. Host calls of other back ends are not affected, and the staging ends
     // with the rename: the callback's own copies are flushed as usual.
     vela::filesystem::staged_rename_scope staging;
+    if (std::optional<std::string> const expected = c.options.expectedVersion())
+        detail::requireExpectedVersion(c.target, c.path, *expected);
     if (readStartingState(c))
         makeBackup(c);
     makeTargetWritable(c);
