@@ -7,10 +7,12 @@
 #include <boost/system/error_code.hpp>
 #include <vela/filesystem/operations.hpp>
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace opc {
 
@@ -81,6 +83,9 @@ struct Commit {
     Bits rememberedPerms = Unknown;
     bool permsChanged = false;
     std::u16string tempPath;
+    // Backup names that held nothing before (known only when a refusal or a cancellation may
+    // have to take a backup back).
+    std::vector<std::u16string> freeBackupNames;
 };
 
 // Step 1: the permissions the new package will get; whether a backup is wanted.
@@ -186,6 +191,25 @@ void removeQuietly(FileSystemOps& ops, const std::u16string& path) {
 bool isCancellation(const Exception& e) { return e.code() == CommitOptions::canceled(); }
 bool isVersionMismatch(const Exception& e) { return e.code() == CommitOptions::versionMismatch(); }
 
+bool mayTakeBackupBack(const Commit& c) { return c.options.expectedVersion() || c.options.progressFcn(); }
+
+void noteFreeBackupNames(Commit& c) {
+    for (int attempt = 1; attempt <= BackupAttempts; ++attempt) {
+        std::u16string candidate = backupCandidate(c, attempt);
+        boost::system::error_code unknown;
+        if (!c.target.exists(candidate, unknown) && !unknown)
+            c.freeBackupNames.push_back(std::move(candidate));
+    }
+}
+
+// A refused or cancelled commit leaves no backup of its own; one written over an older backup
+// cannot be taken back and stays.
+void takeBackupBack(Commit& c) {
+    if (c.madeBackup &&
+        std::find(c.freeBackupNames.begin(), c.freeBackupNames.end(), c.backupPath) != c.freeBackupNames.end())
+        removeQuietly(c.target, c.backupPath);
+}
+
 // Step 5. A partly written temporary file is left where it is, except after a cancellation.
 void copyNewContent(Commit& c) {
     CommitOptions::ProgressFcn const progress = c.options.progressFcn();
@@ -195,8 +219,10 @@ void copyNewContent(Commit& c) {
         else
             detail::copyAcross(c.source, c.sourcePath, c.target, c.tempPath);
     } catch (const Exception& e) {
-        if (isCancellation(e))
+        if (isCancellation(e)) {
             removeQuietly(c.target, c.tempPath);
+            takeBackupBack(c);
+        }
         restorePermissions(c);
         throw;
     } catch (...) {
@@ -219,8 +245,8 @@ void replaceTarget(Commit& c) {
         putInPlace(c);
     } catch (const Exception& e) {
         // Another writer's package stays at the target, and this commit leaves nothing beside it.
-        if (isVersionMismatch(e) && c.madeBackup)
-            removeQuietly(c.target, c.backupPath);
+        if (isVersionMismatch(e))
+            takeBackupBack(c);
         removeQuietly(c.target, c.tempPath);
         restorePermissions(c);
         throw;
@@ -277,8 +303,11 @@ void commit(Commit& c) {
     vela::filesystem::staged_rename_scope staging;
     if (std::optional<std::string> const expected = c.options.expectedVersion())
         detail::requireExpectedVersion(c.target, c.path, *expected);
-    if (readStartingState(c))
+    if (readStartingState(c)) {
+        if (mayTakeBackupBack(c))
+            noteFreeBackupNames(c);
         makeBackup(c);
+    }
     makeTargetWritable(c);
     chooseTempPath(c);
     copyNewContent(c);

@@ -92,7 +92,7 @@ void LocalFileSystemOps::doRenameIfVersion(const std::u16string& from, const std
         host::rename_if_version(host::path(from), host::path(to), expectedVersion);
     });
     // The host reports a mismatch as ESTALE, which nothing else in its rename gives.
-    if (ec.value() == ESTALE && ec.category() == boost::system::generic_category()) {
+    if (ec.value() == ESTALE) {
         ec = CommitOptions::versionMismatch();
         detail = opc::detail::versionMismatchText(
             expectedVersion.empty() ? "something is at the target already" : "another writer changed it",

@@ -244,7 +244,9 @@ public:
     // expected, If-None-Match: * for "nothing there"), so that no writer can come between the
     // check and the write. CopyObject ignores these headers (radosgw 16), so the content goes
     // in a PUT when it fits one part, else in parts copied on the server and a completion
-    // carrying the condition. A store that ignores the condition on a PUT is found out first.
+    // carrying the condition. A store that ignores the condition on that kind of write is
+    // found out first, and the move refused (NotSupported): radosgw 16 honours it on a PUT
+    // only.
     void renameIfVersion(AbsoluteIRI const& from, AbsoluteIRI const& to, std::string const& expected) override {
         if (!fileKey(to)) {
             throw Exception(ErrorCode::NotSupported, to, "a key ending in \"/\" is a folder marker");
@@ -257,9 +259,10 @@ public:
         }
         Pairs const condition{expected.empty() ? Pairs::value_type("if-none-match", "*")
                                                : Pairs::value_type("if-match", expected)};
-        requireConditionalWrites(source, condition.front().first);
+        bool const onePut = head.size <= source.http->settings().partSize;
+        requireConditionalWrites(source, condition.front().first, onePut);
         Pairs const metadata = metadataHeaders(head.modified, head.readOnly || replaced.readOnly);
-        if (head.size <= source.http->settings().partSize) {
+        if (onePut) {
             putOnCondition(source, head, target, metadata, condition);
         } else {
             Multipart upload(target, metadata);
@@ -443,21 +446,35 @@ private:
         check(marker.http->send(request), marker, "PUT", createOnly);
     }
 
-    // A PUT on `object` (which exists) with a condition that cannot hold: a store that honours
-    // `header` refuses it (412); one that writes anyway has just emptied `object`, which only a
-    // conditional move's own source may be.
-    void requireConditionalWrites(ObjectRef const& object, std::string const& header) {
-        HttpRequest request = requestFor(object, "PUT", {}, {{header, header == "if-match" ? "\"-\"" : "*"}});
-        request.idempotent = false;
-        HttpResponse const response = object.http->send(request);
-        if (response.status == 412) {
-            return;
+    // A write of `object` (which exists) on a condition that cannot hold, as a PUT (`onePut`) or
+    // as the completion of a one-byte upload: a store that honours `header` there refuses it
+    // (412); one that writes anyway has just spoilt `object`, which only a conditional move's own
+    // source may be.
+    void requireConditionalWrites(ObjectRef const& object, std::string const& header, bool onePut) {
+        Pairs const impossible{{header, header == "if-match" ? "\"-\"" : "*"}};
+        if (!onePut) {
+            Multipart probe(object, {});
+            probe.copy(object.key, 0, 0);
+            try {
+                probe.complete(impossible);
+            } catch (Exception const& e) {
+                if (e.getErrorCode() == ErrorCode::VersionMismatch) {
+                    return;
+                }
+                throw;
+            }
+        } else {
+            HttpRequest request = requestFor(object, "PUT", {}, impossible);
+            request.idempotent = false;
+            HttpResponse const response = object.http->send(request);
+            if (response.status == 412) {
+                return;
+            }
+            check(response, object, "PUT (conditional writes)");
         }
-        if (response.ok()) {
-            throw Exception(ErrorCode::NotSupported, object.iri,
-                            "the store ignores " + header + " on PUT, so it cannot replace an object on a condition");
-        }
-        check(response, object, "PUT (conditional writes)");
+        throw Exception(ErrorCode::NotSupported, object.iri,
+                        "the store ignores " + header + " on " + (onePut ? "PUT" : "CompleteMultipartUpload") +
+                            ", so it cannot replace an object on a condition");
     }
 
     // The content of `source` (one part at most) written to `target` on `condition`.

@@ -88,8 +88,10 @@ void put_back(undo how, std::string const& from, std::string const& to) noexcept
 // A conditional rename refused: the destination is not the file (or the absence) expected.
 [[noreturn]] void fail_stale(std::u16string const& to_name) { throw_from_errno(ESTALE, to_name); }
 
+// The change time is left out here too: a read-only destination made writable for this rename
+// has a new one, and only the content and the file's identity matter.
 void check_expected(placement const& how, bool present, struct stat const& target, std::u16string const& to_name) {
-    if (how.expected->empty() ? present : !present || !has_version(target, *how.expected, true))
+    if (how.expected->empty() ? present : !present || !has_version(target, *how.expected, false))
         fail_stale(to_name);
 }
 

@@ -140,8 +140,8 @@ VELA_FS_API void rename(path const& from, path const& to, rename_options options
 /// with ESTALE is thrown and the destination is left as it was. Nothing there: the rename is
 /// made with RENAME_NOREPLACE. A file there: it is compared before the rename, exchanged with
 /// the source (RENAME_EXCHANGE), and the file swapped out is compared again and exchanged back
-/// when it is another one, so a file another writer put there is never lost. The second
-/// comparison leaves out the change time, which the exchange itself moves. Where the file
+/// when it is another one, so a file another writer put there is never lost. Both comparisons
+/// leave out the change time, which a mode change or the exchange itself moves. Where the file
 /// system can neither exchange nor refuse to replace, the comparison before a plain rename is
 /// the only one: a writer acting between the two loses its file.
 VELA_FS_API void rename_if_version(path const& from, path const& to, std::string const& expected_version);
