@@ -6,10 +6,31 @@
 
 #include <boost/system/error_code.hpp>
 
+#include <algorithm>
+
 namespace opc::detail {
 
 std::string versionMismatchText(const std::string& why, const std::string& path) {
     return "Not the expected version (" + why + "): " + path;
+}
+
+void removeQuietly(FileSystemOps& ops, const std::u16string& path) {
+    boost::system::error_code ignored;
+    ops.remove(path, ignored);
+}
+
+std::vector<std::u16string> freeNames(FileSystemOps& ops, std::vector<std::u16string> candidates) {
+    candidates.erase(std::remove_if(candidates.begin(), candidates.end(),
+                                    [&](const std::u16string& name) {
+                                        boost::system::error_code unknown;
+                                        return ops.exists(name, unknown) || unknown.failed();
+                                    }),
+                     candidates.end());
+    return candidates;
+}
+
+bool holds(const std::vector<std::u16string>& names, const std::u16string& name) {
+    return std::find(names.begin(), names.end(), name) != names.end();
 }
 
 void requireExpectedVersion(FileSystemOps& ops, const std::u16string& path, const std::string& expected) {

@@ -3,6 +3,7 @@
 #include <opc/FileSystemOps.hpp>
 
 #include <string>
+#include <vector>
 
 namespace opc::detail {
 
@@ -13,5 +14,14 @@ void requireExpectedVersion(FileSystemOps& ops, const std::u16string& path, cons
 
 /// The text of a version mismatch at `path`, for the back ends and the commit alike.
 std::string versionMismatchText(const std::string& why, const std::string& path);
+
+/// Removes what a failed commit made itself, ignoring any failure: the one in flight is the report.
+void removeQuietly(FileSystemOps& ops, const std::u16string& path);
+
+/// The names of `candidates` at which nothing is now (one that cannot be checked counts as taken).
+std::vector<std::u16string> freeNames(FileSystemOps& ops, std::vector<std::u16string> candidates);
+
+/// True when `names` holds `name`.
+bool holds(const std::vector<std::u16string>& names, const std::u16string& name);
 
 } // namespace opc::detail

@@ -7,7 +7,6 @@
 #include <boost/system/error_code.hpp>
 #include <vela/filesystem/operations.hpp>
 
-#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -182,31 +181,19 @@ void chooseTempPath(Commit& c) {
     c.tempPath = parent.empty() ? c.path + u".tmp" : c.target.getTempName(parent);
 }
 
-// Whatever the commit itself left behind, removed quietly: the failure in flight is the report.
-void removeQuietly(FileSystemOps& ops, const std::u16string& path) {
-    boost::system::error_code ignored;
-    ops.remove(path, ignored);
-}
+using detail::removeQuietly;
 
-bool isCancellation(const Exception& e) { return e.code() == CommitOptions::canceled(); }
-bool isVersionMismatch(const Exception& e) { return e.code() == CommitOptions::versionMismatch(); }
-
-bool mayTakeBackupBack(const Commit& c) { return c.options.expectedVersion() || c.options.progressFcn(); }
-
+// Only a refused or cancelled commit takes its backup back, and only from a name that was free.
 void noteFreeBackupNames(Commit& c) {
-    for (int attempt = 1; attempt <= BackupAttempts; ++attempt) {
-        std::u16string candidate = backupCandidate(c, attempt);
-        boost::system::error_code unknown;
-        if (!c.target.exists(candidate, unknown) && !unknown)
-            c.freeBackupNames.push_back(std::move(candidate));
-    }
+    if (!c.options.expectedVersion() && !c.options.progressFcn())
+        return;
+    for (int attempt = 1; attempt <= BackupAttempts; ++attempt)
+        c.freeBackupNames.push_back(backupCandidate(c, attempt));
+    c.freeBackupNames = detail::freeNames(c.target, std::move(c.freeBackupNames));
 }
 
-// A refused or cancelled commit leaves no backup of its own; one written over an older backup
-// cannot be taken back and stays.
 void takeBackupBack(Commit& c) {
-    if (c.madeBackup &&
-        std::find(c.freeBackupNames.begin(), c.freeBackupNames.end(), c.backupPath) != c.freeBackupNames.end())
+    if (c.madeBackup && detail::holds(c.freeBackupNames, c.backupPath))
         removeQuietly(c.target, c.backupPath);
 }
 
@@ -219,7 +206,7 @@ void copyNewContent(Commit& c) {
         else
             detail::copyAcross(c.source, c.sourcePath, c.target, c.tempPath);
     } catch (const Exception& e) {
-        if (isCancellation(e)) {
+        if (e.code() == CommitOptions::canceled()) {
             removeQuietly(c.target, c.tempPath);
             takeBackupBack(c);
         }
@@ -245,7 +232,7 @@ void replaceTarget(Commit& c) {
         putInPlace(c);
     } catch (const Exception& e) {
         // Another writer's package stays at the target, and this commit leaves nothing beside it.
-        if (isVersionMismatch(e))
+        if (e.code() == CommitOptions::versionMismatch())
             takeBackupBack(c);
         removeQuietly(c.target, c.tempPath);
         restorePermissions(c);
@@ -304,8 +291,7 @@ void commit(Commit& c) {
     if (std::optional<std::string> const expected = c.options.expectedVersion())
         detail::requireExpectedVersion(c.target, c.path, *expected);
     if (readStartingState(c)) {
-        if (mayTakeBackupBack(c))
-            noteFreeBackupNames(c);
+        noteFreeBackupNames(c);
         makeBackup(c);
     }
     makeTargetWritable(c);
