@@ -109,8 +109,9 @@ void VirtualFileSystemOps::doRenameIfVersion(const std::u16string& from, const s
                                              const std::string& expectedVersion, std::string& detail,
                                              error_code& ec) {
     guarded(detail, ec, [&] {
-        store::moveIfVersion(store::File(store::AbsoluteIRI(from), m_storage),
-                             store::File(store::AbsoluteIRI(to), m_storage), expectedVersion);
+        store::File const source(store::AbsoluteIRI(from), m_storage);
+        keepEarlierReadOnly(source, to);
+        store::moveIfVersion(source, store::File(store::AbsoluteIRI(to), m_storage), expectedVersion);
     });
 }
 
