@@ -29,5 +29,33 @@ int main() {
         fs.replaceFileWithBackup(target, fs, draft.getFileName(), options);
     }
     std::cout << fs.getSizeInBytes(target) << " bytes in " << opc::toUDEString(target) << '\n';
-    return fs.getSizeInBytes(target) == 14 && fs.isFile(target + u".bak") ? 0 : 1;
+    bool const kept = fs.getSizeInBytes(target) == 14 && fs.isFile(target + u".bak");
+
+    // A third save, on the condition that nobody saved since the package was opened.
+    opc::FileSystemOps& ops = fs;
+    opc::FileSystemOps& local = fs;
+    opc::util::TempfileGuard third(folder, u".draft-", u".docx");
+    *fs.createOutputStream(third.getFileName(), opc::OpenMode::WriteBinary) << "third version";
+    std::u16string const draft = third.getFileName();
+    bool const userPressedCancel = false;
+    {
+        opc::CommitOptions options;
+        options.expectedVersion(ops.getVersionTag(target)); // taken when the package was opened
+        options.progressFcn([](std::uint64_t done, std::uint64_t total) {
+            std::cout << '\r' << done << " of " << total << " bytes" << std::flush;
+            return !userPressedCancel; // false stops the commit
+        });
+        try {
+            ops.replaceFileWithBackup(target, local, draft, options);
+        } catch (opc::Exception const& e) {
+            if (e.code() == opc::CommitOptions::versionMismatch())
+                std::cout << "someone saved first: reload and merge\n";
+            else if (e.code() == opc::CommitOptions::canceled())
+                std::cout << "stopped: nothing changed\n";
+            else
+                throw;
+        }
+    }
+    std::cout << '\n' << fs.getSizeInBytes(target) << " bytes in " << opc::toUDEString(target) << '\n';
+    return kept && fs.getSizeInBytes(target) == 13 ? 0 : 1;
 }

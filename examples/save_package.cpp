@@ -1,5 +1,6 @@
 // Saving a package the safe way: write it to a guarded temporary file, commit it over the
-// target with a kept backup, commit again, then commit the same package into in-memory storage.
+// target with a kept backup, commit again, then commit the same package into in-memory storage,
+// and last a larger package on the version read before (with a progress line on a terminal).
 // Prints what is on disk (and in storage) after every step.
 //
 // Usage: save_package [folder]   (default: a temporary folder, removed at the end)
@@ -18,6 +19,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <unistd.h>
 
 namespace {
 
@@ -192,7 +195,37 @@ int main(int argc, char** argv) {
         std::cout << "\n== committed the package twice into " << narrow(memTarget) << '\n';
         show(memory, memFolder, "in storage");
 
+        // A larger package (64 MiB) committed on a condition: it goes in only if the target is
+        // still the version read before, and a terminal shows how far the copy has got.
         local.setPermissions(target, opc::Perms::OwnerRead | opc::Perms::OwnerWrite);
+        opc::util::TempfileGuard large(u"", u".large-", u".pkg");
+        {
+            auto out = local.createOutputStream(large.getFileName(), opc::OpenMode::WriteBinary);
+            std::string const block(std::size_t(1) << 20, 'x');
+            for (int i = 0; i < 64; ++i)
+                out->write(block.data(), static_cast<std::streamsize>(block.size()));
+        }
+        opc::CommitOptions conditional;
+        conditional.expectedVersion(local.getVersionTag(target));
+        if (isatty(STDOUT_FILENO))
+            conditional.progressFcn([](std::uint64_t done, std::uint64_t total) {
+                std::cout << "\r   copied " << (done >> 20) << " of " << (total >> 20) << " MiB" << std::flush;
+                if (done == total)
+                    std::cout << '\n';
+                return true;
+            });
+        std::cout << "\n== commit a 64 MiB package on the version read before\n";
+        local.replaceFileWithBackup(target, local, large.getFileName(), conditional);
+        // Another writer came first: the same expected version no longer holds, and its package stays.
+        writePackage(local, target, 4);
+        try {
+            local.replaceFileWithBackup(target, local, large.getFileName(), conditional);
+        } catch (opc::Exception const& e) {
+            std::cout << "   refused (" << e.code().message() << "): another writer's package stays, "
+                      << local.getSizeInBytes(target) << " bytes\n";
+        }
+        show(local, folder, "after the conditional commits");
+
         std::cout << "\ndone; " << (scratch ? "the scratch folder is removed now" : "files kept") << '\n';
         return 0;
     } catch (opc::Exception const& e) {

@@ -33,7 +33,14 @@ namespace opc {
 /// rename the new package stays even when its permissions cannot be set. Exceptions other than
 /// `opc::Exception` (from a back end, a stream or the callback) pass through unchanged.
 ///
-/// Holds no state and takes no locks; other writers of the same paths are not excluded.
+/// With `options.expectedVersion()` set, the target is checked before anything is written and
+/// the rename is `targetOps.renameIfVersion`; with `options.progressFcn()` set, the new content
+/// is copied through the streams and counted. A failed condition (`CommitOptions::versionMismatch()`)
+/// or a cancellation (`CommitOptions::canceled()`) leaves no temporary file and takes back a
+/// backup this commit made under a name that was free before.
+///
+/// Holds no state and takes no locks; other writers of the same paths are not excluded, except
+/// as an expected version does.
 OPC_API void replaceFileWithBackup(FileSystemOps& targetOps, const std::u16string& targetPath,
                                    FileSystemOps& sourceOps, const std::u16string& sourcePath,
                                    const CommitOptions& options);

@@ -147,6 +147,15 @@ public:
     /// Error-code form; a failure gives 0.
     std::uint64_t getSizeInBytes(const std::u16string& path, error_code& ec) noexcept;
 
+    /// An opaque text that changes whenever the file is written or replaced: of its device,
+    /// inode, size and nanosecond change and modification times on the local disk and `file`,
+    /// a generation on `memory`, the ETag on `s3`. A missing path fails with
+    /// `no_such_file_or_directory`, a folder too (`is_a_directory` on the local disk). A back
+    /// end without version tags fails with `operation_not_supported`.
+    std::string getVersionTag(const std::u16string& path);
+    /// Error-code form; a failure gives an empty string.
+    std::string getVersionTag(const std::u16string& path, error_code& ec) noexcept;
+
     /// The target stored in a symbolic link, normalised, not resolved.
     std::u16string getLinkTarget(const std::u16string& path);
     /// Error-code form; a failure gives an empty string.
@@ -210,6 +219,17 @@ public:
     void rename(const std::u16string& from, const std::u16string& to);
     /// Error-code form.
     void rename(const std::u16string& from, const std::u16string& to, error_code& ec) noexcept;
+    /// Renames the file `from` over `to` as `rename` does, but only when `to` still holds the
+    /// file whose `getVersionTag` was `expectedVersion`, or, when that is empty, nothing at all.
+    /// Otherwise fails with `errc::device_or_resource_busy` (`CommitOptions::versionMismatch()`) and
+    /// changes nothing. The local disk and `file` check, exchange and check the file swapped out
+    /// again (putting it back when it is another); `memory` checks under its lock; `s3` sends
+    /// the condition with the write that puts the content in place. A back end without version
+    /// tags fails with `errc::operation_not_supported`.
+    void renameIfVersion(const std::u16string& from, const std::u16string& to, const std::string& expectedVersion);
+    /// Error-code form.
+    void renameIfVersion(const std::u16string& from, const std::u16string& to, const std::string& expectedVersion,
+                         error_code& ec) noexcept;
     /// Removes a file, a link or an empty folder.
     void remove(const std::u16string& path);
     /// Error-code form.
@@ -304,6 +324,12 @@ protected:
     virtual void doRemove(const std::u16string& path, std::string& detail, error_code& ec) = 0;
     /// Does `removeAll`.
     virtual void doRemoveAll(const std::u16string& path, std::string& detail, error_code& ec) = 0;
+    /// Does `getVersionTag`. This default fails with `operation_not_supported`, so that a back
+    /// end written before version tags existed refuses conditional commits.
+    virtual std::string doGetVersionTag(const std::u16string& path, std::string& detail, error_code& ec);
+    /// Does `renameIfVersion`. This default fails with `operation_not_supported`.
+    virtual void doRenameIfVersion(const std::u16string& from, const std::u16string& to,
+                                   const std::string& expectedVersion, std::string& detail, error_code& ec);
     /// Does `replaceFileWithBackup`.
     virtual void doReplaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,
                                          const std::u16string& sourcePath, const CommitOptions& options,

@@ -68,6 +68,9 @@ protected:
     /// The size of a regular file. Anything else (a folder, a link) is EISDIR, a missing path
     /// ENOENT; both give 0.
     std::uint64_t doGetSizeInBytes(const std::u16string& path, std::string& detail, error_code& ec) override;
+    /// The host's tag of a regular file: device, inode, size, change and modification times
+    /// (nanoseconds). A missing path is ENOENT, anything but a regular file EISDIR.
+    std::string doGetVersionTag(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// The text stored in the link, normalised, not resolved against the link's folder.
     std::u16string doGetLinkTarget(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// Appends the normalised full paths of the files and links in `folder`, in the host's order,
@@ -120,6 +123,13 @@ protected:
     /// systems it fails with the host's error). An empty path on either side is EINVAL.
     void doRename(const std::u16string& from, const std::u16string& to, std::string& detail,
                   error_code& ec) override;
+    /// `doRename` on a condition (`vela::filesystem::rename_if_version`): RENAME_NOREPLACE for
+    /// "nothing there"; for a version, a check, RENAME_EXCHANGE and a check of the file swapped
+    /// out, which goes back when it is another. A mismatch is EBUSY, "Not the expected version
+    /// (another writer changed it): <to>". Where the file system lacks both calls, a check and a
+    /// plain rename, with a window between them.
+    void doRenameIfVersion(const std::u16string& from, const std::u16string& to, const std::string& expectedVersion,
+                           std::string& detail, error_code& ec) override;
     /// Removes a file, a link (not its target) or an empty folder.
     void doRemove(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// Removes a folder with everything in it, never following a link out of the tree; a missing

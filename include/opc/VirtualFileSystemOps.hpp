@@ -73,6 +73,10 @@ protected:
     void doSetLastModifiedTime(const std::u16string& path, ptime time, std::string& detail,
                                error_code& ec) override;
     std::uint64_t doGetSizeInBytes(const std::u16string& path, std::string& detail, error_code& ec) override;
+    /// The storage's version tag of a file (`stratum::storage::vfs::getVersionTag`): a
+    /// generation on `memory:`, the host's tag on `file:`, the ETag on `s3:`; ENOENT when no
+    /// file is there.
+    std::string doGetVersionTag(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// Always fails: "Symlinks are not supported", `operation_not_supported`.
     std::u16string doGetLinkTarget(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// Appends the IRIs of the files in the folder, in the storage's order; a missing folder or
@@ -109,6 +113,13 @@ protected:
     /// folder, nor a folder a file (`file_exists`, nothing removed).
     void doRename(const std::u16string& from, const std::u16string& to, std::string& detail,
                   error_code& ec) override;
+    /// `doRename` of a file on a condition (`stratum::storage::vfs::moveIfVersion`): `memory:`
+    /// checks and moves under its lock; `file:` as the local back end; `s3:` sends If-Match or
+    /// If-None-Match with the write that puts the content in place (a PUT up to one part, else
+    /// the completion of parts copied on the server) after making sure the store honours it on
+    /// a PUT. A mismatch is `device_or_resource_busy`; within one storage system only.
+    void doRenameIfVersion(const std::u16string& from, const std::u16string& to, const std::string& expectedVersion,
+                           std::string& detail, error_code& ec) override;
     /// A file or an empty folder; a non-empty folder fails with `directory_not_empty`.
     void doRemove(const std::u16string& path, std::string& detail, error_code& ec) override;
     /// A file, or a folder with everything in it.

@@ -2,16 +2,20 @@
 
 #include <opc/Exception.hpp>
 #include <opc/Streams.hpp>
+#include <opc/Text.hpp>
 #include <opc/VirtualFileSystemOps.hpp>
 
 #include <stratum/storage/vfs/Streams.hpp>
 
 #include <boost/system/error_code.hpp>
 
+#include <cstdint>
 #include <istream>
 #include <memory>
 #include <ostream>
+#include <string>
 #include <typeinfo>
+#include <vector>
 
 namespace opc::detail {
 
@@ -63,6 +67,42 @@ void copyAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOp
     if (auto* storage = dynamic_cast<stratum::storage::vfs::ofstream*>(out.get()))
         storage->close();
     // The destination closes (and flushes) when its last holder lets go.
+    out.reset();
+    in.reset();
+}
+
+void copyCounting(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps,
+                  const std::u16string& to, const CommitOptions::ProgressFcn& progress) {
+    boost::system::error_code unknown;
+    std::uint64_t const total = fromOps.getSizeInBytes(from, unknown);
+    std::shared_ptr<std::istream> in = fromOps.createInputStream(from, OpenMode::ReadBinary);
+    if (!in)
+        noStream("createInputStream");
+    std::shared_ptr<std::ostream> out = toOps.createOutputStream(to, OpenMode::WriteBinary);
+    if (!out)
+        noStream("createOutputStream");
+    auto report = [&](std::uint64_t done, std::uint64_t whole) {
+        if (!progress(done, whole))
+            throw Exception("cancelled by the progress function after " + std::to_string(done) + " of " +
+                                std::to_string(whole) + " bytes",
+                            CommitOptions::canceled());
+    };
+    std::vector<char> chunk(std::size_t(1) << 20);
+    std::uint64_t done = 0;
+    while (in->read(chunk.data(), std::streamsize(chunk.size())), in->gcount() > 0) {
+        if (!out->write(chunk.data(), in->gcount()))
+            throw Exception("writing " + toUTF8String(to, false) + " failed",
+                            boost::system::errc::make_error_code(boost::system::errc::io_error));
+        done += std::uint64_t(in->gcount());
+        if (done != total)
+            report(done, total);
+    }
+    if (in->bad())
+        throw Exception("reading " + toUTF8String(from, false) + " failed",
+                        boost::system::errc::make_error_code(boost::system::errc::io_error));
+    report(done, done);
+    if (auto* storage = dynamic_cast<stratum::storage::vfs::ofstream*>(out.get()))
+        storage->close();
     out.reset();
     in.reset();
 }

@@ -25,6 +25,15 @@ std::unique_ptr<FileSystemOps> sourceFromOtherStorage(const FileSystemOps& targe
 void copyAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps,
                 const std::u16string& to);
 
+/// Copies as the stream copy of `copyAcross` does, whatever the back ends, calling `progress`
+/// with the bytes copied and the source's size (0 when it cannot tell) after every MiB, and
+/// last with both the number of bytes copied, before the destination is closed. When it
+/// returns false the copy stops and throws `opc::Exception` with `CommitOptions::canceled()`;
+/// the destination stream is then dropped unclosed (an object store's upload is aborted).
+/// Unlike `copyAcross`, a failed read is reported (`io_error`).
+void copyCounting(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps,
+                  const std::u16string& to, const CommitOptions::ProgressFcn& progress);
+
 /// Moves file `from` of `fromOps` onto `to` of `toOps`: one `toOps.rename` for the same
 /// back-end type, otherwise `copyAcross` followed by `fromOps.remove(from)`.
 void moveAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps,

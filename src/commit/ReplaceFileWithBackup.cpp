@@ -1,6 +1,7 @@
 #include <opc/Commit.hpp>
 #include <opc/Exception.hpp>
 
+#include "commit/Conditions.hpp"
 #include "commit/CrossCopy.hpp"
 
 #include <boost/system/error_code.hpp>
@@ -9,7 +10,9 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace opc {
 
@@ -80,6 +83,9 @@ struct Commit {
     Bits rememberedPerms = Unknown;
     bool permsChanged = false;
     std::u16string tempPath;
+    // Backup names that held nothing before (known only when a refusal or a cancellation may
+    // have to take a backup back).
+    std::vector<std::u16string> freeBackupNames;
 };
 
 // Step 1: the permissions the new package will get; whether a backup is wanted.
@@ -180,20 +186,62 @@ void chooseTempPath(Commit& c) {
     c.tempPath = parent.empty() ? c.path + u".tmp" : c.target.getTempName(parent);
 }
 
-// Step 5. A partly written temporary file is left where it is.
+using detail::removeQuietly;
+
+// Only a refused or cancelled commit takes its backup back, and only from a name that was free.
+void noteFreeBackupNames(Commit& c) {
+    if (!c.options.expectedVersion() && !c.options.progressFcn())
+        return;
+    for (int attempt = 1; attempt <= BackupAttempts; ++attempt)
+        c.freeBackupNames.push_back(backupCandidate(c, attempt));
+    c.freeBackupNames = detail::freeNames(c.target, std::move(c.freeBackupNames));
+}
+
+void takeBackupBack(Commit& c) {
+    if (c.madeBackup && detail::holds(c.freeBackupNames, c.backupPath))
+        removeQuietly(c.target, c.backupPath);
+}
+
+// Step 5. A partly written temporary file is left where it is, except after a cancellation.
 void copyNewContent(Commit& c) {
+    CommitOptions::ProgressFcn const progress = c.options.progressFcn();
     try {
-        detail::copyAcross(c.source, c.sourcePath, c.target, c.tempPath);
+        if (progress)
+            detail::copyCounting(c.source, c.sourcePath, c.target, c.tempPath, progress);
+        else
+            detail::copyAcross(c.source, c.sourcePath, c.target, c.tempPath);
+    } catch (const Exception& e) {
+        if (e.code() == CommitOptions::canceled()) {
+            removeQuietly(c.target, c.tempPath);
+            takeBackupBack(c);
+        }
+        restorePermissions(c);
+        throw;
     } catch (...) {
         restorePermissions(c);
         throw;
     }
 }
 
+// With an expected version, the rename itself makes sure the target is still that version.
+void putInPlace(Commit& c) {
+    if (std::optional<std::string> const expected = c.options.expectedVersion())
+        c.target.renameIfVersion(c.tempPath, c.path, *expected);
+    else
+        detail::moveAcross(c.target, c.tempPath, c.target, c.path);
+}
+
 // Step 6: the one rename that replaces the target.
 void replaceTarget(Commit& c) {
     try {
-        detail::moveAcross(c.target, c.tempPath, c.target, c.path);
+        putInPlace(c);
+    } catch (const Exception& e) {
+        // Another writer's package stays at the target, and this commit leaves nothing beside it.
+        if (e.code() == CommitOptions::versionMismatch())
+            takeBackupBack(c);
+        removeQuietly(c.target, c.tempPath);
+        restorePermissions(c);
+        throw;
     } catch (...) {
         // The rename's failure is the one to report; a temporary file that cannot be removed
         // is only litter.
@@ -245,8 +293,12 @@ void commit(Commit& c) {
     // second data flush. Host calls of other back ends are not affected, and the staging ends
     // with the rename: the callback's own copies are flushed as usual.
     vela::filesystem::staged_rename_scope staging;
-    if (readStartingState(c))
+    if (std::optional<std::string> const expected = c.options.expectedVersion())
+        detail::requireExpectedVersion(c.target, c.path, *expected);
+    if (readStartingState(c)) {
+        noteFreeBackupNames(c);
         makeBackup(c);
+    }
     makeTargetWritable(c);
     chooseTempPath(c);
     copyNewContent(c);

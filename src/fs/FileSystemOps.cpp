@@ -62,6 +62,17 @@ using Strings = std::vector<std::u16string>;
 
 FileSystemOps::~FileSystemOps() = default;
 
+std::string FileSystemOps::doGetVersionTag(P, std::string& detail, EC& ec) {
+    detail = "this back end keeps no version tags";
+    ec = boost::system::errc::make_error_code(boost::system::errc::operation_not_supported);
+    return {};
+}
+
+void FileSystemOps::doRenameIfVersion(P, P, std::string const&, std::string& detail, EC& ec) {
+    detail = "this back end cannot rename on a condition";
+    ec = boost::system::errc::make_error_code(boost::system::errc::operation_not_supported);
+}
+
 // clang-format off
 std::u16string FileSystemOps::getTempName(P f) { return OpsFrame::raise("getTempName failed: ", *this, &FileSystemOps::doGetTempName, f); }
 std::u16string FileSystemOps::getParentPath(P p) { return OpsFrame::raise("getParentPath failed: ", *this, &FileSystemOps::doGetParentPath, p); }
@@ -94,6 +105,8 @@ void FileSystemOps::setLastModifiedTime(P p, ptime t, EC& ec) noexcept { OpsFram
 
 std::uint64_t FileSystemOps::getSizeInBytes(P p) { return OpsFrame::raise("getSizeInBytes failed: ", *this, &FileSystemOps::doGetSizeInBytes, p); }
 std::uint64_t FileSystemOps::getSizeInBytes(P p, EC& ec) noexcept { return OpsFrame::report(ec, *this, &FileSystemOps::doGetSizeInBytes, p); }
+std::string FileSystemOps::getVersionTag(P p) { return OpsFrame::raise("getVersionTag failed: ", *this, &FileSystemOps::doGetVersionTag, p); }
+std::string FileSystemOps::getVersionTag(P p, EC& ec) noexcept { return OpsFrame::report(ec, *this, &FileSystemOps::doGetVersionTag, p); }
 std::u16string FileSystemOps::getLinkTarget(P p) { return OpsFrame::raise("getLinkTarget failed: ", *this, &FileSystemOps::doGetLinkTarget, p); }
 std::u16string FileSystemOps::getLinkTarget(P p, EC& ec) noexcept { return OpsFrame::report(ec, *this, &FileSystemOps::doGetLinkTarget, p); }
 
@@ -116,6 +129,8 @@ void FileSystemOps::copy(P s, P d, ExistsMode m) { OpsFrame::raise("copy failed:
 void FileSystemOps::copy(P s, P d, ExistsMode m, EC& ec) noexcept { OpsFrame::report(ec, *this, &FileSystemOps::doCopy, s, d, m); }
 void FileSystemOps::rename(P f, P t) { OpsFrame::raise("rename failed: ", *this, &FileSystemOps::doRename, f, t); }
 void FileSystemOps::rename(P f, P t, EC& ec) noexcept { OpsFrame::report(ec, *this, &FileSystemOps::doRename, f, t); }
+void FileSystemOps::renameIfVersion(P f, P t, std::string const& v) { OpsFrame::raise("renameIfVersion failed: ", *this, &FileSystemOps::doRenameIfVersion, f, t, v); }
+void FileSystemOps::renameIfVersion(P f, P t, std::string const& v, EC& ec) noexcept { OpsFrame::report(ec, *this, &FileSystemOps::doRenameIfVersion, f, t, v); }
 void FileSystemOps::remove(P p) { OpsFrame::raise("remove failed: ", *this, &FileSystemOps::doRemove, p); }
 void FileSystemOps::remove(P p, EC& ec) noexcept { OpsFrame::report(ec, *this, &FileSystemOps::doRemove, p); }
 void FileSystemOps::removeAll(P p) { OpsFrame::raise("removeAll failed: ", *this, &FileSystemOps::doRemoveAll, p); }

@@ -1,6 +1,7 @@
 // LocalFileSystemOps: creating, copying, renaming and removing, and the commit.
 
 #include "commit/CommitReport.hpp"
+#include "commit/Conditions.hpp"
 #include <opc/Exception.hpp>
 #include <opc/LocalFileSystemOps.hpp>
 #include <opc/Text.hpp>
@@ -10,6 +11,8 @@
 #include <vela/filesystem/exceptions.hpp>
 #include <vela/filesystem/file_status.hpp>
 #include <vela/filesystem/operations.hpp>
+
+#include <cerrno>
 
 namespace opc {
 
@@ -83,6 +86,22 @@ void LocalFileSystemOps::doRename(const std::u16string& from, const std::u16stri
         // Plain rename: no copy-and-delete fallback across file systems.
         host::rename(host::path(from), host::path(to), host::rename_options{});
     });
+}
+
+void LocalFileSystemOps::doRenameIfVersion(const std::u16string& from, const std::u16string& to,
+                                           const std::string& expectedVersion, std::string& detail, error_code& ec) {
+    guardedHostCall(detail, ec, [&] {
+        if (from.empty() || to.empty())
+            throw host::InvalidArgument("vela:filesystem:InvalidArgument", "Empty path not permitted");
+        host::rename_if_version(host::path(from), host::path(to), expectedVersion);
+    });
+    // The host reports a mismatch as ESTALE, which nothing else in its rename gives.
+    if (ec.value() == ESTALE) {
+        ec = CommitOptions::versionMismatch();
+        detail = opc::detail::versionMismatchText(
+            expectedVersion.empty() ? "something is at the target already" : "another writer changed it",
+            opc::detail::pathText(to));
+    }
 }
 
 void LocalFileSystemOps::doRemove(const std::u16string& path, std::string& detail, error_code& ec) {

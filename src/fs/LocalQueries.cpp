@@ -98,6 +98,10 @@ std::uint64_t LocalFileSystemOps::doGetSizeInBytes(const std::u16string& path, s
     });
 }
 
+std::string LocalFileSystemOps::doGetVersionTag(const std::u16string& path, std::string& detail, error_code& ec) {
+    return guardedHostCall(std::string(), detail, ec, [&] { return host::version_tag(host::path(path)); });
+}
+
 std::u16string LocalFileSystemOps::doGetLinkTarget(const std::u16string& path, std::string& detail,
                                                    error_code& ec) {
     return guardedHostCall(std::u16string(), detail, ec, [&] {

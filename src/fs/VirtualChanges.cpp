@@ -95,6 +95,16 @@ void VirtualFileSystemOps::doRename(const std::u16string& from, const std::u16st
     });
 }
 
+void VirtualFileSystemOps::doRenameIfVersion(const std::u16string& from, const std::u16string& to,
+                                             const std::string& expectedVersion, std::string& detail,
+                                             error_code& ec) {
+    guarded(detail, ec, [&] {
+        store::File const source(store::AbsoluteIRI(from), m_storage);
+        keepEarlierReadOnly(source, to);
+        store::moveIfVersion(source, store::File(store::AbsoluteIRI(to), m_storage), expectedVersion);
+    });
+}
+
 void VirtualFileSystemOps::doRemove(const std::u16string& path, std::string& detail, error_code& ec) {
     guarded(detail, ec,
             [&] { store::remove(item(path, m_storage), store::FolderRemovalPolicy(kRemoveFileOrEmptyFolder)); });

@@ -95,6 +95,11 @@ std::uint64_t VirtualFileSystemOps::doGetSizeInBytes(const std::u16string& path,
     });
 }
 
+std::string VirtualFileSystemOps::doGetVersionTag(const std::u16string& path, std::string& detail, error_code& ec) {
+    return guarded(detail, ec, std::string(),
+                   [&] { return store::getVersionTag(store::File(store::AbsoluteIRI(path), m_storage)); });
+}
+
 std::u16string VirtualFileSystemOps::doGetLinkTarget(const std::u16string&, std::string& detail, error_code& ec) {
     detail = "Symlinks are not supported";
     ec = errc::make_error_code(errc::operation_not_supported);

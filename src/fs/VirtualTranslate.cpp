@@ -14,7 +14,7 @@ namespace errc = boost::system::errc;
 namespace store = stratum::storage::vfs;
 
 // Storage error code (by number) to the generic error it stands for.
-constexpr std::array<errc::errc_t, 12> kStorageErrors = {
+constexpr std::array<errc::errc_t, 13> kStorageErrors = {
     errc::directory_not_empty,            // 0
     errc::no_such_device_or_address,      // 1
     errc::permission_denied,              // 2
@@ -27,6 +27,7 @@ constexpr std::array<errc::errc_t, 12> kStorageErrors = {
     errc::io_error,                       // 9
     errc::state_not_recoverable,          // 10
     errc::operation_not_supported,        // 11
+    errc::device_or_resource_busy,        // 12: not the expected version (CommitOptions::versionMismatch)
 };
 
 // Narrow text of a UTF-16 fragment for a detail. An invalid IRI may hold invalid UTF-16 (a lone

@@ -141,6 +141,8 @@ void FaultInjectingOps::doCreateFolders(P p, std::string& d, EC& ec) { OPC_ROUTE
 void FaultInjectingOps::doCreateSymlink(P t, P l, std::string& d, EC& ec) { OPC_ROUTE(void, createSymlink, ({t, l}), 0, t, l); }
 void FaultInjectingOps::doCopy(P s, P t, ExistsMode m, std::string& d, EC& ec) { OPC_ROUTE(void, copy, ({s, t}), m, s, t, m); }
 void FaultInjectingOps::doRename(P f, P t, std::string& d, EC& ec) { OPC_ROUTE(void, rename, ({f, t}), 0, f, t); }
+std::string FaultInjectingOps::doGetVersionTag(P p, std::string& d, EC& ec) { OPC_ROUTE(std::string, getVersionTag, {p}, 0, p); }
+void FaultInjectingOps::doRenameIfVersion(P f, P t, std::string const& v, std::string& d, EC& ec) { OPC_ROUTE(void, renameIfVersion, ({f, t}), 0, f, t, v); }
 void FaultInjectingOps::doRemove(P p, std::string& d, EC& ec) { OPC_ROUTE(void, remove, {p}, 0, p); }
 void FaultInjectingOps::doRemoveAll(P p, std::string& d, EC& ec) { OPC_ROUTE(void, removeAll, {p}, 0, p); }
 #undef OPC_ROUTE

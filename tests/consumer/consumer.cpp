@@ -159,6 +159,21 @@ int main() {
     expectCode([&](error_code& ec) { o.replaceFileWithBackup(p, o, u"/s", options, ec); },
                "replaceFileWithBackup/ec");
 
+    // Written before version tags existed: both new operations and a conditional commit refuse.
+    auto const unsupported = boost::system::errc::make_error_code(boost::system::errc::operation_not_supported);
+    error_code tagCode, renameCode;
+    expect(o.getVersionTag(p, tagCode).empty() && tagCode == unsupported, "getVersionTag/ec");
+    o.renameIfVersion(p, u"/q", "", renameCode);
+    expect(renameCode == unsupported, "renameIfVersion/ec");
+    opc::CommitOptions conditional;
+    conditional.expectedVersion(std::string());
+    try {
+        opc::replaceFileWithBackup(o, p, o, u"/s", conditional);
+        expect(false, "a conditional commit");
+    } catch (opc::Exception const& e) {
+        expect(e.code() == unsupported, "a conditional commit is not supported");
+    }
+
     std::u16string local = u"stale";
     expect(!o.getLocalPath(p, local) && local.empty(), "getLocalPath empties its output");
     expect(o.isAbsolutePath(p) && !o.isAbsolutePath(u"rel"), "isAbsolutePath");

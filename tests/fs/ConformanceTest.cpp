@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 
 #include <csignal>
+#include <chrono>
 #include <cstring>
 #include <map>
 #include <thread>
@@ -367,6 +368,65 @@ TEST_P(Conformance, CommitReplacesKeepsABackupAndReportsThroughTheFrame) {
     EXPECT_EQ(read(at("outside")) + read(at("link")), "keptfresh");
 }
 
+// Conditional and cancelled commits: another writer's package at the target always survives, and a
+// refused or cancelled commit leaves nothing of its own (no backup, no temporary, no upload).
+TEST_P(Conformance, ConditionalAndCancelledCommitsLoseNoOnesWork) {
+    HostFolder sourceFolder;
+    LocalFileSystemOps local;
+    auto const source = sourceFolder.path16() + u"/new.pkg", target = at("p.pkg");
+    std::string const fresh(3 * MiB + 3, 'n'); // several progress steps; one PUT on s3
+    writeFile((sourceFolder.path() / "new.pkg").string(), fresh);
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> calls;
+    std::function<void()> during; // a second writer, while the new content is copied
+    CommitOptions options;
+    options.removeBackup(false);
+    options.progressFcn([&](std::uint64_t done, std::uint64_t total) {
+        calls.emplace_back(done, total);
+        if (during) std::exchange(during, nullptr)();
+        return true;
+    });
+    auto refusal = [&](error_code code) {
+        auto const [message, ec] = thrown([&] { ops().replaceFileWithBackup(target, local, source, options); });
+        EXPECT_EQ(ec, code) << message;
+        EXPECT_EQ(message.rfind("replaceFileWithBackup failed: Could not commit changes:  ", 0), 0u) << message;
+    };
+
+    options.expectedVersion(std::string()); // nothing there yet: the commit goes in
+    ops().replaceFileWithBackup(target, local, source, options);
+    EXPECT_EQ(ops().getSizeInBytes(target), fresh.size());
+    ASSERT_GE(calls.size(), 2u);
+    for (std::size_t i = 0; i < calls.size(); ++i)
+        EXPECT_LE(calls[i].first - (i ? calls[i - 1].first : 0), 8 * MiB) << i;
+    EXPECT_EQ(calls.back(), std::make_pair(std::uint64_t(fresh.size()), std::uint64_t(fresh.size())));
+    auto const before = listing(m_root);
+    refusal(CommitOptions::versionMismatch()); // now something is there
+
+    std::string const tag = ops().getVersionTag(target);
+    write(target, "theirs"); // another writer between getVersionTag and the commit
+    EXPECT_NE(ops().getVersionTag(target), tag);
+    options.expectedVersion(tag);
+    refusal(CommitOptions::versionMismatch());
+    options.expectedVersion(ops().getVersionTag(target));
+    during = [&] { write(target, "theirs, again"); }; // ... or between the first check and the rename
+    refusal(CommitOptions::versionMismatch());
+    EXPECT_EQ(read(target), "theirs, again");
+    EXPECT_EQ(listing(m_root), before);
+
+    // Cancelled at the last call, when s3 has sent a part of its upload already.
+    writeFile((sourceFolder.path() / "new.pkg").string(), std::string(6 * MiB + 1, 'c'));
+    options.expectedVersion(std::nullopt);
+    options.progressFcn([&](std::uint64_t done, std::uint64_t total) { return done != total; });
+    refusal(CommitOptions::canceled());
+    EXPECT_EQ(read(target), "theirs, again");
+    EXPECT_EQ(listing(m_root), before);
+    if (!m_key.empty()) { // the cancelled upload was aborted
+        EXPECT_TRUE(vfs::removeS3Litter(objectStorage(), env("S3_BUCKET"), m_key + "/", {}, true).uploads.empty());
+    }
+    error_code ec;
+    EXPECT_TRUE(ops().getVersionTag(at("missing"), ec).empty());
+    EXPECT_EQ(ec, errc::no_such_file_or_directory);
+}
+
 // The local back end lists a whole tree in one host walk, a derived class folder by folder: the
 // same entries in the same order, and at an unreadable sub-folder the same partial list and failure.
 TEST_P(Conformance, LocalTreeWalkMatchesFolderByFolderWalk) {
@@ -437,6 +497,8 @@ std::vector<Family> everyFamily(FileSystemOps& o, P p, P q) {
         OPC_FAMILY("copy", (o.copy(q, p, Overwrite, e...), true)),
         OPC_FAMILY("replaceFileWithBackup", (o.replaceFileWithBackup(p, o, q, options, e...), true)),
         OPC_FAMILY("replaceFileWithBackup", (o.replaceFileWithBackup(q, o, p, options, e...), true)),
+        OPC_FAMILY("getVersionTag", o.getVersionTag(p, e...).empty()),
+        OPC_FAMILY("renameIfVersion", (o.renameIfVersion(p, q, "", e...), true)),
         OPC_FAMILY("rename", (o.rename(p, q, e...), true)),
         OPC_FAMILY("rename", (o.rename(q, p, e...), true)),
         OPC_FAMILY("remove", (o.remove(p, e...), true)),

@@ -102,15 +102,15 @@ TEST(FailureTable, FailuresThroughTheirTranslation) {
     // These errnos keep their own number in the generic category.
     for (int error : {EACCES, ENOENT, EEXIST, ENAMETOOLONG, ENOTDIR, ENOTEMPTY, EISDIR, EOPNOTSUPP, EINVAL})
         rows.push_back({local, fromErrno(error), generic(errc::errc_t(error)), text(error)});
-    // Every storage code; from twelve on, the detail is written and the code left as it was.
+    // Every storage code; from thirteen on, the detail is written and the code left as it was.
     errc::errc_t const storageCodes[] = {
         errc::directory_not_empty, errc::no_such_device_or_address, errc::permission_denied,
         errc::file_exists, errc::no_such_file_or_directory, errc::read_only_file_system,
         errc::file_too_large, errc::resource_unavailable_try_again, errc::no_space_on_device,
-        errc::io_error, errc::state_not_recoverable, errc::operation_not_supported};
+        errc::io_error, errc::state_not_recoverable, errc::operation_not_supported, errc::device_or_resource_busy};
     for (int code : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 255}) {
         vfs::Exception const thrown(vfs::ErrorCode(code), vfs::AbsoluteIRI(u"memory:///reports/q%C3%A9 3.pkg"));
-        rows.push_back({virt, [=] { throw thrown; }, generic(code < 12 ? storageCodes[code] : errc::timed_out),
+        rows.push_back({virt, [=] { throw thrown; }, generic(code < 13 ? storageCodes[code] : errc::timed_out),
                         thrown.getMessage() + ": memory:///reports/q\xC3\xA9%203.pkg"});
     }
     for (auto const& row : rows) {

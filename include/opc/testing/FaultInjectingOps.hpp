@@ -75,7 +75,7 @@ protected:
     /// of paths for `getFiles`, which appends it to the caller's list).
     using Result = std::variant<std::monostate, bool, std::u16string, Perms::Perms_tag, ptime, std::uint64_t,
                                 std::shared_ptr<std::istream>, std::shared_ptr<std::ostream>,
-                                std::vector<std::u16string>>;
+                                std::vector<std::u16string>, std::string>;
 
     /// For doubles built on this one that answer calls themselves: a call `answer` leaves to be
     /// forwarded succeeds with an empty result instead; `getLocalPath` and `isAbsolutePath`
@@ -126,6 +126,9 @@ protected:
     void doCopy(const std::u16string& source, const std::u16string& destination, ExistsMode mode, std::string& detail,
                 error_code& ec) override;
     void doRename(const std::u16string& from, const std::u16string& to, std::string& detail, error_code& ec) override;
+    std::string doGetVersionTag(const std::u16string& path, std::string& detail, error_code& ec) override;
+    void doRenameIfVersion(const std::u16string& from, const std::u16string& to, const std::string& expectedVersion,
+                           std::string& detail, error_code& ec) override;
     void doRemove(const std::u16string& path, std::string& detail, error_code& ec) override;
     void doRemoveAll(const std::u16string& path, std::string& detail, error_code& ec) override;
     void doReplaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,

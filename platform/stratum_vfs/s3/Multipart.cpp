@@ -123,9 +123,9 @@ void Multipart::copy(std::string const& sourceKey, std::uint64_t first, std::uin
     etags_.push_back(parseCopyETag(response.body));
 }
 
-void Multipart::complete() {
+void Multipart::complete(Pairs const& conditions) {
     std::string const body = completeBody(etags_);
-    HttpRequest request = requestFor(object_, "POST", {{"uploadId", uploadId_}});
+    HttpRequest request = requestFor(object_, "POST", {{"uploadId", uploadId_}}, conditions);
     request.body = body;
     request.xmlAnswer = true;
     request.xmlRoot = "CompleteMultipartUploadResult";
@@ -146,6 +146,9 @@ void Multipart::complete() {
             }
         }
         abort();
+        if (!conditions.empty() && (response.status == 412 || response.status == 409)) {
+            throw Exception(ErrorCode::VersionMismatch, object_.iri, "CompleteMultipartUpload: " + response.errorCode);
+        }
         check(response, object_, "CompleteMultipartUpload");
     }
     done_ = true;

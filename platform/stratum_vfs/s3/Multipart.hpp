@@ -27,7 +27,9 @@ public:
     /// The next part as bytes [first, last] of the object `sourceKey` of the same bucket.
     void copy(std::string const& sourceKey, std::uint64_t first, std::uint64_t last);
     /// Completes the upload; when that fails the upload is aborted and no object is left.
-    void complete();
+    /// `conditions` (If-Match, If-None-Match) go with the completion: when the store finds they
+    /// do not hold (412, or 409 for a conditional write in progress), `VersionMismatch`.
+    void complete(Pairs const& conditions = {});
     /// Drops the upload and its parts; never throws.
     void abort() noexcept;
 

@@ -34,6 +34,19 @@ using provider::ItemKind;
 
 constexpr std::size_t deleteBatch = 1000;
 
+std::string md5Hex(std::string const& bytes) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_md5(), nullptr);
+    static char const hex[] = "0123456789abcdef";
+    std::string text;
+    for (unsigned int i = 0; i < length; ++i) {
+        text += hex[digest[i] >> 4];
+        text += hex[digest[i] & 15];
+    }
+    return text;
+}
+
 std::string base64Md5(std::string const& bytes) {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
@@ -238,6 +251,47 @@ public:
         deleteKeys(from, keys);
     }
 
+    std::string getVersionTag(AbsoluteIRI const& iri) override { return fileHead(iri).etag; }
+
+    // The condition rides on the write that puts the content at `to` (If-Match with the ETag
+    // expected, If-None-Match: * for "nothing there"), so that no writer can come between the
+    // check and the write. CopyObject ignores these headers (radosgw 16), so the content goes
+    // in a PUT when it fits one part, else in parts copied on the server and a completion
+    // carrying the condition. A store that ignores the condition on that kind of write is
+    // found out first, and the move refused (NotSupported): radosgw 16 honours it on a PUT
+    // only.
+    void renameIfVersion(AbsoluteIRI const& from, AbsoluteIRI const& to, std::string const& expected) override {
+        if (!fileKey(to)) {
+            throw Exception(ErrorCode::NotSupported, to, "a key ending in \"/\" is a folder marker");
+        }
+        ObjectRef const source = ref(from), target = ref(to);
+        Head const head = fileHead(from);
+        Head const replaced = headObject(target);
+        if (expected.empty() ? replaced.found : !replaced.found || replaced.etag != expected) {
+            throw Exception(ErrorCode::VersionMismatch, to, "another writer changed it");
+        }
+        Pairs const condition{expected.empty() ? Pairs::value_type("if-none-match", "*")
+                                               : Pairs::value_type("if-match", expected)};
+        bool const onePut = head.size <= source.http->settings().partSize;
+        requireConditionalWrites(source, condition.front().first, onePut);
+        Pairs const metadata = metadataHeaders(head.modified, head.readOnly || replaced.readOnly);
+        if (onePut) {
+            putOnCondition(source, head, target, metadata, condition);
+        } else {
+            Multipart upload(target, metadata);
+            std::uint64_t const part = std::max(partSizeFor(source.http->settings().partSize, 1), (head.size + 9999) / 10000);
+            for (std::uint64_t first = 0; first < head.size; first += part) {
+                upload.copy(source.key, first, std::min(head.size, first + part) - 1);
+            }
+            upload.complete(condition);
+        }
+        if (HttpResponse const response = source.http->send(requestFor(source, "DELETE")); !response.ok()) {
+            throw Exception(ErrorCode::StateNotRecoverable, from,
+                            "the new content is in place at " + toUtf8Lenient(to.toString()) +
+                                "; only the removal of this source failed: " + failure(response, from, "DELETE").getMessage());
+        }
+    }
+
     std::unique_ptr<std::streambuf> openInput(AbsoluteIRI const& iri) override {
         if (!fileKey(iri)) {
             return nullptr;
@@ -412,6 +466,58 @@ private:
             request.idempotent = false;
         }
         check(marker.http->send(request), marker, "PUT", createOnly);
+    }
+
+    // A write of `object` (which exists) on a condition that cannot hold, as a PUT (`onePut`) or
+    // as the completion of a one-byte upload: a store that honours `header` there refuses it
+    // (412); one that writes anyway has just spoilt `object`, which only a conditional move's own
+    // source may be.
+    void requireConditionalWrites(ObjectRef const& object, std::string const& header, bool onePut) {
+        Pairs const impossible{{header, header == "if-match" ? "\"-\"" : "*"}};
+        if (!onePut) {
+            Multipart probe(object, {});
+            probe.copy(object.key, 0, 0);
+            try {
+                probe.complete(impossible);
+            } catch (Exception const& e) {
+                if (e.getErrorCode() == ErrorCode::VersionMismatch) {
+                    return;
+                }
+                throw;
+            }
+        } else {
+            HttpRequest request = requestFor(object, "PUT", {}, impossible);
+            request.idempotent = false;
+            HttpResponse const response = object.http->send(request);
+            if (response.status == 412) {
+                return;
+            }
+            check(response, object, "PUT (conditional writes)");
+        }
+        throw Exception(ErrorCode::NotSupported, object.iri,
+                        "the store ignores " + header + " on " + (onePut ? "PUT" : "CompleteMultipartUpload") +
+                            ", so it cannot replace an object on a condition");
+    }
+
+    // The content of `source` (one part at most) written to `target` on `condition`.
+    void putOnCondition(ObjectRef const& source, Head const& head, ObjectRef const& target, Pairs const& metadata,
+                        Pairs const& condition) {
+        HttpResponse content = source.http->send(requestFor(source, "GET", {}, {{"if-match", head.etag}}));
+        check(content, source, "GET");
+        Pairs headers = metadata;
+        headers.insert(headers.end(), condition.begin(), condition.end());
+        HttpRequest request = requestFor(target, "PUT", {}, headers);
+        request.body = content.body;
+        request.idempotent = false; // a repeat could be refused by its own success
+        HttpResponse const response = target.http->send(request);
+        if (response.status == 412 || response.status == 409) {
+            throw Exception(ErrorCode::VersionMismatch, target.iri, "PUT: " + response.errorCode);
+        }
+        // A lost answer: the target then holds these bytes (their MD5 is the ETag of one PUT).
+        if (response.transport != Transport::None && headObject(target).etag == "\"" + md5Hex(content.body) + "\"") {
+            return;
+        }
+        check(response, target, "PUT");
     }
 
     // Metadata can only change by copying the object onto itself with new metadata, pinned to

@@ -35,6 +35,7 @@ char const* describeErrorCode(ErrorCode code) {
     case ErrorCode::IOError: return "Input/output error";
     case ErrorCode::StateNotRecoverable: return "State not recoverable";
     case ErrorCode::NotSupported: return "Operation not supported";
+    case ErrorCode::VersionMismatch: return "Not the expected version";
     }
     return "Unknown storage error";
 }

@@ -36,6 +36,7 @@ ErrorCode codeForErrno(int number) {
     case ENODEV: return ErrorCode::NoSuchDeviceOrAddress;
     case ENOTRECOVERABLE: return ErrorCode::StateNotRecoverable;
     case EXDEV: return ErrorCode::NotSupported;
+    case ESTALE: return ErrorCode::VersionMismatch;
     default: return ErrorCode::IOError;
     }
 }
@@ -191,6 +192,23 @@ public:
         fs::path const source = hostPath(from);
         try {
             fs::rename(source, hostPath(to));
+        } catch (fs::FsysExceptionBase const& e) {
+            translateHostException(e.path() == source.native() ? from : to);
+        } catch (...) {
+            translateHostException(to);
+        }
+    }
+
+    std::string getVersionTag(AbsoluteIRI const& iri) override {
+        statusOf(iri, provider::FileItem);
+        return guarded(iri, [&] { return fs::version_tag(hostPath(iri)); });
+    }
+
+    // The host's conditional rename: exchange and check, and exchange back on a mismatch.
+    void renameIfVersion(AbsoluteIRI const& from, AbsoluteIRI const& to, std::string const& expected) override {
+        fs::path const source = hostPath(from);
+        try {
+            fs::rename_if_version(source, hostPath(to), expected);
         } catch (fs::FsysExceptionBase const& e) {
             translateHostException(e.path() == source.native() ? from : to);
         } catch (...) {

@@ -29,6 +29,9 @@ struct Node {
     bool readOnly = false;
     bool removed = false; // no longer in the tree: writers still holding it are refused
     ptime modified;
+    // Changes with every write or truncation of a file, from one counter of the tree, so no
+    // two contents ever share a generation (a renamed file keeps its own).
+    std::uint64_t generation = 0;
     std::shared_ptr<std::string> content = std::make_shared<std::string>();
     // Set under the lock when a reader or a copy is given `content`; the next write copies it
     // first. A flag and not use_count(): a reader's release would not order its reads before
@@ -40,6 +43,10 @@ struct Node {
 struct Tree {
     std::mutex mutex;
     std::shared_ptr<Node> root;
+    std::uint64_t generations = 0;
+
+    // A new generation for `node`, whose content just changed. Caller holds the lock.
+    void changed(Node& node) { node.generation = ++generations; }
 };
 
 // Moves a node's time to now, strictly after its previous time, so every change shows.
@@ -127,6 +134,7 @@ protected:
         content.replace(position_, count, data, count);
         position_ += count;
         touch(*node_);
+        tree_->changed(*node_);
         return size;
     }
     // Within the content only. Appending writes always go to the end: only telling is allowed.
@@ -245,18 +253,22 @@ public:
 
     void rename(AbsoluteIRI const& from, AbsoluteIRI const& to) override {
         Lock lock(tree_->mutex);
-        Node& target = changeableParent(to);
-        auto place = target.children.find(to.getName());
-        if (place != target.children.end() && place->second->folder) {
-            throw Exception(ErrorCode::FileExists, to, "a folder cannot be replaced by a file");
+        renameLocked(from, to);
+    }
+
+    std::string getVersionTag(AbsoluteIRI const& iri) override {
+        Lock lock(tree_->mutex);
+        return tagOf(existingFile(iri));
+    }
+
+    // Checked and moved under the one lock: no writer can come between.
+    void renameIfVersion(AbsoluteIRI const& from, AbsoluteIRI const& to, std::string const& expected) override {
+        Lock lock(tree_->mutex);
+        Node* there = find(to.getSegments(), to.getSegments().size());
+        if (expected.empty() ? there != nullptr : there == nullptr || there->folder || tagOf(*there) != expected) {
+            throw Exception(ErrorCode::VersionMismatch, to, "another writer changed it");
         }
-        std::shared_ptr<Node> node = detach(from);
-        std::shared_ptr<Node>& slot = target.children[to.getName()];
-        if (slot) {
-            markRemoved(*slot);
-        }
-        slot = std::move(node);
-        touch(target);
+        renameLocked(from, to);
     }
 
     std::unique_ptr<std::streambuf> openInput(AbsoluteIRI const& iri) override {
@@ -289,6 +301,7 @@ public:
             node = std::make_shared<Node>(false);
             parent.children.emplace(iri.getName(), node);
             touch(*node);
+            tree_->changed(*node);
             touch(parent);
         } else {
             node = place->second;
@@ -302,6 +315,7 @@ public:
                 node->content = std::make_shared<std::string>();
                 node->contentShared = false;
                 touch(*node);
+                tree_->changed(*node);
             }
         }
         return std::make_unique<NodeWriter>(tree_, node, iri, mode);
@@ -319,11 +333,29 @@ public:
         place->second->content = source.content; // shared until either side writes: copy on write
         place->second->contentShared = source.contentShared = true;
         touch(*place->second);
+        tree_->changed(*place->second);
         touch(parent);
     }
 
 private:
     using Lock = std::lock_guard<std::mutex>;
+
+    static std::string tagOf(Node const& node) { return "g" + std::to_string(node.generation); }
+
+    void renameLocked(AbsoluteIRI const& from, AbsoluteIRI const& to) {
+        Node& target = changeableParent(to);
+        auto place = target.children.find(to.getName());
+        if (place != target.children.end() && place->second->folder) {
+            throw Exception(ErrorCode::FileExists, to, "a folder cannot be replaced by a file");
+        }
+        std::shared_ptr<Node> node = detach(from);
+        std::shared_ptr<Node>& slot = target.children[to.getName()];
+        if (slot) {
+            markRemoved(*slot);
+        }
+        slot = std::move(node);
+        touch(target);
+    }
 
     // The node at the first `depth` segments, or null. Caller holds the lock.
     Node* find(std::vector<std::u16string> const& segments, std::size_t depth) const {

@@ -247,6 +247,27 @@ void move(FileOrFolder const& source, FileOrFolder const& destination, provider:
     }
 }
 
+std::string getVersionTag(File const& file) {
+    Place place = placeOf(file);
+    return place.provider->getVersionTag(place.iri);
+}
+
+void moveIfVersion(File const& source, File const& destination, std::string const& expected) {
+    Place from = placeOf(source);
+    Place to = placeOf(destination);
+    if (existingKind(from) != provider::FileItem) {
+        throw Exception(ErrorCode::NotFound, from.iri, "a folder is not a file");
+    }
+    if (from.provider != to.provider) {
+        throw Exception(ErrorCode::NotSupported, to.iri, "a conditional move stays within one storage");
+    }
+    if (from.iri == to.iri) {
+        throw Exception(ErrorCode::NotSupported, to.iri, "the file cannot replace itself");
+    }
+    requireParentFolder(to);
+    from.provider->renameIfVersion(from.iri, to.iri, expected);
+}
+
 void remove(FileOrFolder const& item, FolderRemovalPolicy policy) {
     Place place = placeOf(item);
     ItemKind kind = existingKind(place);

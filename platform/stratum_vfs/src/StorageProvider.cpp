@@ -33,6 +33,14 @@ void StorageProvider::removeTree(vfs::AbsoluteIRI const& iri) {
     removeEmptyFolder(iri);
 }
 
+std::string StorageProvider::getVersionTag(vfs::AbsoluteIRI const& iri) {
+    throw vfs::Exception(vfs::ErrorCode::NotSupported, iri, "this storage keeps no versions");
+}
+
+void StorageProvider::renameIfVersion(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI const&, std::string const&) {
+    throw vfs::Exception(vfs::ErrorCode::NotSupported, from, "this storage cannot rename on a condition");
+}
+
 void StorageProvider::copyFile(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI const& to) {
     vfs::detail::streamFile(*this, from, *this, to);
 }

@@ -85,6 +85,40 @@ void put_back(undo how, std::string const& from, std::string const& to) noexcept
         sync_both_folders(from, to, false, {});
 }
 
+// A conditional rename refused: the destination is not the file (or the absence) expected.
+[[noreturn]] void fail_stale(std::u16string const& to_name) { throw_from_errno(ESTALE, to_name); }
+
+// The change time is left out here too: a read-only destination made writable for this rename
+// has a new one, and only the content and the file's identity matter.
+void check_expected(placement const& how, bool present, struct stat const& target, std::u16string const& to_name) {
+    if (how.expected->empty() ? present : !present || !has_version(target, *how.expected, false))
+        fail_stale(to_name);
+}
+
+// The exchange put the old destination under the source's name: when another writer replaced
+// or wrote it since the check, its file goes back and nothing is lost.
+void check_swapped_out(std::string const& expected, std::string const& from, std::string const& to,
+                       std::u16string const& to_name) {
+    struct stat swapped;
+    if (::lstat(from.c_str(), &swapped) == 0 && has_version(swapped, expected, false))
+        return;
+    put_back(undo::exchange, from, to);
+    fail_stale(to_name);
+}
+
+// RENAME_NOREPLACE, or a check and a plain rename where the file system lacks it.
+int rename_no_replace(std::string const& from, std::string const& to, placement const& how) {
+    int const result = ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE);
+    if (result == 0 || (errno != EINVAL && errno != ENOSYS) || !how.expected)
+        return result;
+    struct stat there;
+    if (::lstat(to.c_str(), &there) == 0) {
+        errno = EEXIST;
+        return -1;
+    }
+    return ::rename(from.c_str(), to.c_str());
+}
+
 } // namespace
 
 void move_into_place(std::string const& from, std::string const& to, std::u16string const& from_name,
@@ -150,6 +184,8 @@ void move_into_place(std::string const& from, std::string const& to, std::u16str
     //    destination is then gone (as it is when an empty folder is replaced).
     undo back = present ? undo::impossible : undo::rename_back;
     try {
+        if (how.expected)
+            check_expected(how, present, target, to_name);
         flush_linked_backup(); // a backup's name is durable before the file it keeps is replaced
         bool exchanged = false;
         if (how.replace && present && !S_ISDIR(source.st_mode) && !S_ISDIR(target.st_mode) &&
@@ -158,12 +194,12 @@ void move_into_place(std::string const& from, std::string const& to, std::u16str
             if (!exchanged && errno != EINVAL && errno != ENOSYS)
                 fail_rename(errno, from_name, to_name);
         }
+        if (exchanged && how.expected)
+            check_swapped_out(*how.expected, from, to, to_name);
         if (!exchanged) {
-            int const result = how.replace ? ::rename(from.c_str(), to.c_str())
-                                           : ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(),
-                                                         RENAME_NOREPLACE);
+            int const result = how.replace ? ::rename(from.c_str(), to.c_str()) : rename_no_replace(from, to, how);
             if (result != 0)
-                fail_rename(errno, from_name, to_name);
+                fail_rename(how.expected && errno == EEXIST ? ESTALE : errno, from_name, to_name);
         }
         if (exchanged)
             back = undo::exchange;
@@ -221,6 +257,13 @@ void rename(path const& from, path const& to, rename_options options) {
             throw_from_errno(EEXIST, to.native());
         copy_then_remove(from, to);
     }
+}
+
+void rename_if_version(path const& from, path const& to, std::string const& expected_version) {
+    sys::placement how;
+    how.replace = !expected_version.empty();
+    how.expected = &expected_version;
+    sys::move_into_place(from.access_form(), to.access_form(), from.native(), to.native(), how);
 }
 
 } // namespace vela::filesystem

@@ -89,7 +89,15 @@ struct placement {
     bool replace = true;   ///< false: an existing destination fails with EEXIST
     bool sync_data = true; ///< flush the moved file's data first (false when the caller just did)
     bool narrow = true;    ///< give the moved file no permission bit that a replaced file lacked
+    /// The `version_tag` the destination must have (empty: nothing may be there); null: no check.
+    std::string const* expected = nullptr;
 };
+
+/// The `version_tag` text of a stat record.
+std::string version_of(struct stat const& st);
+/// True when `st` is a regular file with the version `tag`; without `with_change_time` the
+/// change time (which a rename or a mode change moves) is left out of the comparison.
+bool has_version(struct stat const& st, std::string const& tag, bool with_change_time);
 
 /// The durable rename behind `rename` and the overwriting `copy_file`: data sync, rename,
 /// sync of the destination's folder and of the source's when it differs. A failure of any

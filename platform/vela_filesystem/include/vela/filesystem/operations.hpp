@@ -115,6 +115,12 @@ struct rename_options {
     bool allow_copy = false;
 };
 
+/// An opaque text that changes whenever the regular file at `p` (not followed when a link) is
+/// replaced or written: its device, inode, size, and change and modification times to the
+/// nanosecond. `PathNotFound` when nothing is there, `FileIsDirectory` for a folder or
+/// anything else that is not a regular file.
+VELA_FS_API std::string version_tag(path const& p);
+
 /// Renames `from` to `to`: atomic on one file system; an existing destination file or link is
 /// replaced, an empty destination folder too; a file onto a folder is `FileIsDirectory`, a folder
 /// onto a file `NotDirectoryError`. With default options there is no fallback (across file systems:
@@ -128,6 +134,17 @@ struct rename_options {
 /// is removed only when all is durable. Where the file system cannot exchange, a plain rename is
 /// made and a failed folder sync after it is reported with the new file in place.
 VELA_FS_API void rename(path const& from, path const& to, rename_options options = {});
+
+/// `rename` with default options, made only when the destination is what `expected_version`
+/// says: the file whose `version_tag` it is, or, when empty, nothing. Otherwise `SystemError`
+/// with ESTALE is thrown and the destination is left as it was. Nothing there: the rename is
+/// made with RENAME_NOREPLACE. A file there: it is compared before the rename, exchanged with
+/// the source (RENAME_EXCHANGE), and the file swapped out is compared again and exchanged back
+/// when it is another one, so a file another writer put there is never lost. Both comparisons
+/// leave out the change time, which a mode change or the exchange itself moves. Where the file
+/// system can neither exchange nor refuse to replace, the comparison before a plain rename is
+/// the only one: a writer acting between the two loses its file.
+VELA_FS_API void rename_if_version(path const& from, path const& to, std::string const& expected_version);
 
 /// For a caller that copies into a fresh temporary name and renames that file into place at
 /// once (a commit): while an object lives on a thread, the first path given to `stage()` there

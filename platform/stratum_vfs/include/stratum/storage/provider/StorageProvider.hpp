@@ -124,6 +124,18 @@ public:
     /// incoming file's permissions, as the class comment says.
     virtual void rename(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI const& to) = 0;
 
+    /// An opaque text that changes whenever the file at `iri` is written or replaced.
+    /// `NotFound` when no file is there. The default: `NotSupported`.
+    virtual std::string getVersionTag(vfs::AbsoluteIRI const& iri);
+
+    /// `rename` of the file `from` over `to` only when `to` holds the file with the version tag
+    /// `expected` (empty: when nothing is at `to`); otherwise `VersionMismatch`, with `to` and
+    /// `from` as they were. As atomic as the back end allows: a provider says how. The caller
+    /// guarantees what it does for `rename`, except that `to` may hold anything. The default:
+    /// `NotSupported`.
+    virtual void renameIfVersion(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI const& to,
+                                 std::string const& expected);
+
     /// A read buffer over the file at `iri`, positioned at its start, or null when there is
     /// no readable file there. The buffer must stay valid after the provider's other calls and
     /// holds what it needs (a content snapshot, an open descriptor).

@@ -8,7 +8,7 @@
 
 namespace stratum::storage::vfs {
 
-/// Why a storage operation failed. The values are fixed (0 to 11): callers translate them to
+/// Why a storage operation failed. The values are fixed (0 to 12): callers translate them to
 /// POSIX error numbers by value. Each names the POSIX condition it stands for.
 enum class ErrorCode : int {
     DirectoryNotEmpty = 0,     ///< a folder still holds items (ENOTEMPTY)
@@ -22,11 +22,12 @@ enum class ErrorCode : int {
     NoSpace = 8,               ///< (ENOSPC)
     IOError = 9,               ///< any other failure of the storage (EIO)
     StateNotRecoverable = 10,  ///< (ENOTRECOVERABLE)
-    NotSupported = 11          ///< the operation makes no sense for this item or scheme (ENOTSUP)
+    NotSupported = 11,         ///< the operation makes no sense for this item or scheme (ENOTSUP)
+    VersionMismatch = 12       ///< a conditional change found another version than expected (EBUSY)
 };
 
 /// A fixed English sentence for each code ("Directory not empty", "Not found", ...); values
-/// outside 0 to 11 give "Unknown storage error".
+/// outside 0 to 12 give "Unknown storage error".
 STRATUM_API char const* describeErrorCode(ErrorCode code);
 
 /// A failed storage operation: what went wrong (`getErrorCode()`) and where (`getLocation()`).

@@ -69,6 +69,18 @@ STRATUM_API void copy(FileOrFolder const& source, FileOrFolder const& destinatio
 STRATUM_API void move(FileOrFolder const& source, FileOrFolder const& destination,
                       provider::ReplacementPolicy policy);
 
+/// The provider's version tag of the stored file (see `StorageProvider::getVersionTag`):
+/// `memory` a generation, `file` the host's tag (device, inode, size, times), `s3` the ETag.
+/// `NotFound` when no file is there.
+STRATUM_API std::string getVersionTag(File const& file);
+
+/// Moves the file `source` over `destination` of the same provider only when `destination`
+/// still has the version tag `expected` (empty: when nothing is there); otherwise
+/// `ErrorCode::VersionMismatch` and nothing changes. `memory` checks and moves under its lock;
+/// `file` as the host's conditional rename does; `s3` as its provider says. Across providers,
+/// `NotSupported`. The other checks are those of `move`.
+STRATUM_API void moveIfVersion(File const& source, File const& destination, std::string const& expected);
+
 /// Removes a file, or a folder as `policy` says. `ErrorCode::NotFound` when nothing is there;
 /// the root of a scheme can't be removed (`ErrorCode::NotSupported`). Read-only files are
 /// removed like others.
