@@ -34,6 +34,31 @@ public:
     using VirtualFileSystemOps::VirtualFileSystemOps;
 };
 
+// A binary input stream of the source and a binary output stream of the destination.
+struct Streams {
+    Streams(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps, const std::u16string& to)
+        : in(fromOps.createInputStream(from, OpenMode::ReadBinary)) {
+        if (!in)
+            noStream("createInputStream");
+        out = toOps.createOutputStream(to, OpenMode::WriteBinary);
+        if (!out)
+            noStream("createOutputStream");
+    }
+
+    // A storage stream that publishes only when closed (an object store's upload) reports a
+    // failed publication from an explicit close alone: its release would drop the failure.
+    // Any other destination closes (and flushes) when its last holder lets go.
+    void release() {
+        if (auto* storage = dynamic_cast<stratum::storage::vfs::ofstream*>(out.get()))
+            storage->close();
+        out.reset();
+        in.reset();
+    }
+
+    std::shared_ptr<std::istream> in;
+    std::shared_ptr<std::ostream> out;
+};
+
 } // namespace
 
 std::unique_ptr<FileSystemOps> sourceFromOtherStorage(const FileSystemOps& target, const FileSystemOps& source) {
@@ -55,32 +80,18 @@ void copyAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOp
         toOps.copy(from, to, Overwrite);
         return;
     }
-    std::shared_ptr<std::istream> in = fromOps.createInputStream(from, OpenMode::ReadBinary);
-    if (!in)
-        noStream("createInputStream");
-    std::shared_ptr<std::ostream> out = toOps.createOutputStream(to, OpenMode::WriteBinary);
-    if (!out)
-        noStream("createOutputStream");
-    StreamHelper::copyStreamToStream(*in, *out);
-    // A storage stream that publishes only when closed (an object store's upload) reports a
-    // failed publication from an explicit close alone: its release would drop the failure.
-    if (auto* storage = dynamic_cast<stratum::storage::vfs::ofstream*>(out.get()))
-        storage->close();
-    // The destination closes (and flushes) when its last holder lets go.
-    out.reset();
-    in.reset();
+    Streams streams(fromOps, from, toOps, to);
+    StreamHelper::copyStreamToStream(*streams.in, *streams.out);
+    streams.release();
 }
 
 void copyCounting(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps,
                   const std::u16string& to, const CommitOptions::ProgressFcn& progress) {
     boost::system::error_code unknown;
     std::uint64_t const total = fromOps.getSizeInBytes(from, unknown);
-    std::shared_ptr<std::istream> in = fromOps.createInputStream(from, OpenMode::ReadBinary);
-    if (!in)
-        noStream("createInputStream");
-    std::shared_ptr<std::ostream> out = toOps.createOutputStream(to, OpenMode::WriteBinary);
-    if (!out)
-        noStream("createOutputStream");
+    Streams streams(fromOps, from, toOps, to);
+    std::istream& in = *streams.in;
+    std::ostream& out = *streams.out;
     auto report = [&](std::uint64_t done, std::uint64_t whole) {
         if (!progress(done, whole))
             throw Exception("cancelled by the progress function after " + std::to_string(done) + " of " +
@@ -89,22 +100,19 @@ void copyCounting(FileSystemOps& fromOps, const std::u16string& from, FileSystem
     };
     std::vector<char> chunk(std::size_t(1) << 20);
     std::uint64_t done = 0;
-    while (in->read(chunk.data(), std::streamsize(chunk.size())), in->gcount() > 0) {
-        if (!out->write(chunk.data(), in->gcount()))
+    while (in.read(chunk.data(), std::streamsize(chunk.size())), in.gcount() > 0) {
+        if (!out.write(chunk.data(), in.gcount()))
             throw Exception("writing " + toUTF8String(to, false) + " failed",
                             boost::system::errc::make_error_code(boost::system::errc::io_error));
-        done += std::uint64_t(in->gcount());
+        done += std::uint64_t(in.gcount());
         if (done != total)
             report(done, total);
     }
-    if (in->bad())
+    if (in.bad())
         throw Exception("reading " + toUTF8String(from, false) + " failed",
                         boost::system::errc::make_error_code(boost::system::errc::io_error));
     report(done, done);
-    if (auto* storage = dynamic_cast<stratum::storage::vfs::ofstream*>(out.get()))
-        storage->close();
-    out.reset();
-    in.reset();
+    streams.release();
 }
 
 void moveAcross(FileSystemOps& fromOps, const std::u16string& from, FileSystemOps& toOps,
