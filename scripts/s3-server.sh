@@ -176,7 +176,9 @@ start_gateway() {
   [ "${1:-}" = retry ] && tries=5
   while :; do
     port="$(cat "$dir/port")"
-    launch rgw radosgw -n client.rgw --rgw_frontends "beast endpoint=127.0.0.1:$port"
+    # tcp_nodelay: an answer written in two pieces (headers, then body) must not wait for the
+    # client's delayed ACK; without it most requests on loopback took 40 ms more.
+    launch rgw radosgw -n client.rgw --rgw_frontends "beast endpoint=127.0.0.1:$port tcp_nodelay=1"
     pid="$(cat "$dir/run/rgw.pid")"
     deadline=$((SECONDS + 60))
     until gateway_answers; do

@@ -5,6 +5,8 @@
 // that looks whole, without its Content-Length), stalled, refused or have their answer dropped after
 // the store acted. It serves at most 4,000 connections, none longer than a few seconds.
 #include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <poll.h>
 #include <unistd.h>
@@ -62,9 +64,11 @@ public:
 
 private:
     static sockaddr_in address(int port) { return sockaddr_in{AF_INET, htons(std::uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}}; }
-    static int limited(int socket) { // no read or write waits more than 5 s
+    static int limited(int socket) { // no read or write waits more than 5 s, nor for a delayed ACK
         timeval const limit{5, 0};
         for (int option : {SO_RCVTIMEO, SO_SNDTIMEO}) ::setsockopt(socket, SOL_SOCKET, option, &limit, sizeof limit);
+        int const on = 1;
+        ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         return socket;
     }
     static void sendAll(int socket, std::string const& bytes) {
