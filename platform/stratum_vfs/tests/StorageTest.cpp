@@ -250,6 +250,10 @@ TEST(StorageOps, InjectedFailuresAndTheInterfaceDefaults) {
     vfs::ifstream in(target.file(u"/closing"));
     in.close();
     EXPECT_EQ(in.get(), std::char_traits<char>::eof());
+    // The interface's copy reports a refused close too, and leaves no copy behind.
+    EXPECT_EQ(errorOf([&] { vfs::copy(target.item(u"/closing"), target.file(u"/copied"), DoNotReplace); }),
+              ErrorCode::IOError);
+    EXPECT_EQ(errorOf([&] { vfs::getLastModified(target.item(u"/copied")); }), ErrorCode::NotFound);
 }
 
 // Each failed S3 request becomes one storage error; the S3 code and message stay in the detail.
