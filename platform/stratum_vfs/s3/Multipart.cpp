@@ -6,7 +6,6 @@
 
 #include <stratum/storage/vfs/Exception.hpp>
 
-#include <openssl/evp.h>
 
 #include <algorithm>
 
@@ -16,19 +15,6 @@ namespace {
 constexpr std::uint64_t minPart = std::uint64_t(5) << 20;
 constexpr std::uint64_t maxPart = std::uint64_t(5) << 30;
 constexpr std::size_t maxParts = 10000;
-
-std::string md5Hex(std::string_view bytes) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_md5(), nullptr);
-    static char const digits[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned int i = 0; i < length; ++i) {
-        hex += digits[digest[i] >> 4];
-        hex += digits[digest[i] & 15];
-    }
-    return hex;
-}
 
 std::string unquoted(std::string const& etag) {
     return etag.size() >= 2 && etag.front() == '"' && etag.back() == '"' ? etag.substr(1, etag.size() - 2) : etag;

@@ -21,6 +21,14 @@ std::string toHex(unsigned char const* bytes, std::size_t size) {
     return text;
 }
 
+std::string digestHex(EVP_MD const* kind, void const* data, std::size_t size) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_Digest(data, size, digest, &length, kind, nullptr) != 1)
+        throw std::runtime_error("a message digest failed");
+    return toHex(digest, length);
+}
+
 std::string lowerAscii(std::string text) {
     for (char& c : text)
         if (c >= 'A' && c <= 'Z')
@@ -94,13 +102,9 @@ std::string scopeOf(std::string const& date, std::string const& region, std::str
 
 } // namespace
 
-std::string sha256Hex(void const* data, std::size_t size) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    if (EVP_Digest(data, size, digest, &length, EVP_sha256(), nullptr) != 1)
-        throw std::runtime_error("SHA-256 failed");
-    return toHex(digest, length);
-}
+std::string sha256Hex(void const* data, std::size_t size) { return digestHex(EVP_sha256(), data, size); }
+
+std::string md5Hex(void const* data, std::size_t size) { return digestHex(EVP_md5(), data, size); }
 
 std::string hmacSha256(std::string const& key, std::string const& data) {
     unsigned char mac[EVP_MAX_MD_SIZE];

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <ctime>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -35,6 +36,10 @@ struct Credentials {
 /// Lower-case hex SHA-256 of `size` bytes at `data`.
 std::string sha256Hex(void const* data, std::size_t size);
 inline std::string sha256Hex(std::string const& data) { return sha256Hex(data.data(), data.size()); }
+
+/// Lower-case hex MD5 of `size` bytes at `data` (an S3 ETag of a single-part object).
+std::string md5Hex(void const* data, std::size_t size);
+inline std::string md5Hex(std::string_view data) { return md5Hex(data.data(), data.size()); }
 
 /// Raw (binary) HMAC-SHA256 of `data` under `key`.
 std::string hmacSha256(std::string const& key, std::string const& data);
