@@ -30,6 +30,7 @@ namespace {
 
 using namespace s3;
 using provider::FolderEntry;
+using provider::ItemInfo;
 using provider::ItemKind;
 
 constexpr std::size_t deleteBatch = 1000;
@@ -43,24 +44,33 @@ std::string base64Md5(std::string const& bytes) {
     return std::string(reinterpret_cast<char*>(text), std::size_t(written));
 }
 
-class S3Provider final : public provider::StorageProvider, public TreeListing, public ImplicitFolders {
+class S3Provider final : public provider::StorageProvider,
+                         public TreeListing,
+                         public ImplicitFolders,
+                         public WholeCopies,
+                         public RemoteQueries {
 public:
     explicit S3Provider(std::optional<S3Settings> settings) : settings_(std::move(settings)) {}
 
-    ItemKind getKind(AbsoluteIRI const& iri) override {
+    ItemKind getKind(AbsoluteIRI const& iri) override { return getItemInfo(iri).kind; }
+
+    // A file answers everything in one HEAD; a folder or nothing takes a listing as well.
+    ItemInfo getItemInfo(AbsoluteIRI const& iri) override {
         ObjectRef const object = ref(iri);
         if (!iri.hasParent()) {
             HttpResponse const response = object.http->send(requestFor(object, "HEAD"));
             if (response.status == 404 && response.transport == Transport::None) {
-                return provider::NoItem;
+                return ItemInfo{};
             }
             check(response, object, "HEAD bucket");
-            return provider::FolderItem;
+            return ItemInfo{provider::FolderItem, {}, {}, {}, {}};
         }
-        if (fileKey(iri) && headObject(object).found) {
-            return provider::FileItem;
+        if (fileKey(iri)) {
+            if (Head const head = headObject(object); head.found) {
+                return ItemInfo{provider::FileItem, head.size, head.modified, !head.readOnly, head.etag};
+            }
         }
-        return anyBelow(object) ? provider::FolderItem : provider::NoItem;
+        return ItemInfo{anyBelow(object) ? provider::FolderItem : provider::NoItem, {}, {}, {}, {}};
     }
 
     provider::FileAttributes getAttributes(AbsoluteIRI const& iri) override {
@@ -143,37 +153,34 @@ public:
     }
 
     bool isWritable(AbsoluteIRI const& iri) override {
-        if (kindOf(iri) == provider::FileItem) {
-            return !headObject(ref(iri)).readOnly;
+        if (std::optional<Head> const file = fileAt(iri)) {
+            return !file->readOnly;
         }
-        return !headObject(markerOf(iri)).readOnly;
+        return !folderMarker(iri).readOnly;
     }
 
     void setWritable(AbsoluteIRI const& iri, bool writable) override {
-        if (kindOf(iri) == provider::FileItem) {
-            Head const head = headObject(ref(iri));
-            rewriteMetadata(ref(iri), head, metadataHeaders(head.modified, !writable));
+        if (std::optional<Head> const file = fileAt(iri)) {
+            rewriteMetadata(ref(iri), *file, metadataHeaders(file->modified, !writable));
             return;
         }
-        Head const marker = headObject(markerOf(iri));
-        writeMarker(iri, marker.modified, !writable);
+        writeMarker(iri, folderMarker(iri).modified, !writable);
     }
 
     boost::posix_time::ptime getLastModified(AbsoluteIRI const& iri) override {
-        if (kindOf(iri) == provider::FileItem) {
-            return headObject(ref(iri)).modified;
+        if (std::optional<Head> const file = fileAt(iri)) {
+            return file->modified;
         }
-        Head const marker = headObject(markerOf(iri));
+        Head const marker = folderMarker(iri);
         return marker.found ? marker.modified : boost::posix_time::ptime(boost::date_time::not_a_date_time);
     }
 
     void setLastModified(AbsoluteIRI const& iri, boost::posix_time::ptime time) override {
-        if (kindOf(iri) == provider::FileItem) {
-            Head const head = headObject(ref(iri));
-            rewriteMetadata(ref(iri), head, metadataHeaders(time, head.readOnly));
+        if (std::optional<Head> const file = fileAt(iri)) {
+            rewriteMetadata(ref(iri), *file, metadataHeaders(time, file->readOnly));
             return;
         }
-        writeMarker(iri, time, headObject(markerOf(iri)).readOnly);
+        writeMarker(iri, time, folderMarker(iri).readOnly);
     }
 
     void removeFile(AbsoluteIRI const& iri) override {
@@ -211,17 +218,10 @@ public:
     // Object stores have no rename: every object is copied first (a copy is durable when it is
     // acknowledged), then the sources are deleted. A failed copy leaves the source whole.
     void rename(AbsoluteIRI const& from, AbsoluteIRI const& to) override {
-        ObjectRef const source = ref(from), target = ref(to);
-        if (kindOf(from) == provider::FileItem) {
-            Head const head = headObject(source);
-            Head const replaced = headObject(target);
-            // The incoming file is never more writable than the one it replaces.
-            copyObject(source, head, target, metadataHeaders(head.modified, head.readOnly || replaced.readOnly));
-            if (HttpResponse const response = source.http->send(requestFor(source, "DELETE")); !response.ok()) {
-                throw Exception(ErrorCode::StateNotRecoverable, from,
-                                "the new content is in place at " + toUtf8Lenient(to.toString()) +
-                                    "; only the removal of this source failed: " + failure(response, from, "DELETE").getMessage());
-            }
+        ObjectRef const source = ref(from);
+        if (std::optional<Head> const file = fileAt(from)) {
+            Head const replaced = headObject(ref(to));
+            moveObject(from, *file, to, replaced.found && replaced.readOnly);
             return;
         }
         std::string const fromPrefix = prefixOf(from), toPrefix = prefixOf(to);
@@ -236,6 +236,14 @@ public:
                        metadataHeaders(head.modified, head.readOnly));
         }
         deleteKeys(from, keys);
+    }
+
+    ItemInfo renameKnown(AbsoluteIRI const& from, AbsoluteIRI const& to, ItemInfo const& fromInfo,
+                         ItemInfo const& toInfo) override {
+        Head const head = knownHead(from, fromInfo);
+        bool const replacedReadOnly = toInfo.kind == provider::FileItem &&
+                                      (toInfo.writable ? !*toInfo.writable : headObject(ref(to)).readOnly);
+        return moveObject(from, head, to, replacedReadOnly);
     }
 
     std::string getVersionTag(AbsoluteIRI const& iri) override { return fileHead(iri).etag; }
@@ -303,12 +311,15 @@ public:
             throw Exception(ErrorCode::NotSupported, iri, "a key ending in \"/\" is a folder marker");
         }
         ObjectRef object = ref(iri);
+        bool const append = (mode & std::ios_base::app) != 0;
+        bool const overwrite = (mode & std::ios_base::in) && !(mode & std::ios_base::trunc) && !append;
+        if (!append && !overwrite) { // a new content: the caller checked that no read-only file is there
+            return makeOutputBuffer(std::move(object), {}, false, (mode & std::ios_base::ate) != 0);
+        }
         Head const head = headObject(object);
         if (head.found && head.readOnly) {
             throw Exception(ErrorCode::PermissionDenied, iri, "the object is read-only");
         }
-        bool const append = (mode & std::ios_base::app) != 0;
-        bool const overwrite = (mode & std::ios_base::in) && !(mode & std::ios_base::trunc) && !append;
         if (overwrite && !head.found) {
             throw Exception(ErrorCode::NotFound, iri);
         }
@@ -325,6 +336,7 @@ public:
         return makeOutputBuffer(std::move(object), std::move(initial), overwrite, (mode & std::ios_base::ate) != 0);
     }
 
+    // A server-side copy keeps the object's metadata: its time and writability.
     void copyFile(AbsoluteIRI const& from, AbsoluteIRI const& to) override {
         Head const head = fileHead(from);
         // Checked first: CopyObject ignores If-None-Match (measured on radosgw 16), so a file
@@ -332,7 +344,13 @@ public:
         if (getKind(to) != provider::NoItem) {
             throw Exception(ErrorCode::FileExists, to);
         }
-        copyObject(ref(from), head, ref(to), metadataHeaders({}, false)); // a new file, made now
+        copyObject(ref(from), head, ref(to), std::nullopt);
+    }
+
+    ItemInfo copyFileKnown(AbsoluteIRI const& from, AbsoluteIRI const& to, ItemInfo const& fromInfo) override {
+        Head const head = knownHead(from, fromInfo);
+        copyObject(ref(from), head, ref(to), std::nullopt);
+        return copiedInfo(head);
     }
 
 private:
@@ -386,12 +404,71 @@ private:
         return text;
     }
 
-    ItemKind kindOf(AbsoluteIRI const& iri) {
-        ItemKind const kind = getKind(iri);
-        if (kind == provider::NoItem) {
+    // The HEAD of the file at `iri`, or nothing when no file is there.
+    std::optional<Head> fileAt(AbsoluteIRI const& iri) {
+        if (fileKey(iri)) {
+            if (Head head = headObject(ref(iri)); head.found) {
+                return head;
+            }
+        }
+        return std::nullopt;
+    }
+
+    // The marker of the folder at `iri` (`found` false when it has none); NotFound when no
+    // folder is there either.
+    Head folderMarker(AbsoluteIRI const& iri) {
+        Head marker = headObject(markerOf(iri));
+        if (!marker.found && iri.hasParent() && !anyBelow(ref(iri))) {
             throw Exception(ErrorCode::NotFound, iri);
         }
-        return kind;
+        return marker;
+    }
+
+    // What a caller knows of the file `iri` as a HEAD would tell it: asked when the size or the
+    // writability is missing; an unknown ETag or time stays unknown.
+    Head knownHead(AbsoluteIRI const& iri, ItemInfo const& info) {
+        if (info.kind != provider::FileItem || !info.size || !info.writable) {
+            return fileHead(iri);
+        }
+        Head head;
+        head.found = true;
+        head.size = *info.size;
+        head.etag = info.versionTag.value_or("");
+        head.modified = info.lastModified.value_or(boost::posix_time::ptime(boost::date_time::not_a_date_time));
+        // mtimeText stays "": the text sent is not known, only the time it reads as
+        head.readOnly = !*info.writable;
+        return head;
+    }
+
+    // What a copy of the object `head` describes holds: the same bytes and metadata. Its ETag is
+    // the source's only for one part copied whole; left unknown.
+    static ItemInfo copiedInfo(Head const& head) {
+        std::optional<boost::posix_time::ptime> modified;
+        if (!head.modified.is_special()) {
+            modified = head.modified;
+        }
+        return ItemInfo{provider::FileItem, head.size, modified, !head.readOnly, std::nullopt};
+    }
+
+    // The file `from` (`head`) copied over `to`, then deleted. The incoming file is never more
+    // writable than the one it replaces: a writable source over a read-only file gets new
+    // metadata, any other keeps its own.
+    ItemInfo moveObject(AbsoluteIRI const& from, Head const& head, AbsoluteIRI const& to, bool replacedReadOnly) {
+        ObjectRef const source = ref(from);
+        Head moved = head;
+        std::optional<Pairs> metadata;
+        if (replacedReadOnly && !head.readOnly) {
+            moved = head.modified.is_special() ? fileHead(from) : head;
+            moved.readOnly = true;
+            metadata = metadataHeaders(moved.modified, true);
+        }
+        copyObject(source, head, ref(to), metadata);
+        if (HttpResponse const response = source.http->send(requestFor(source, "DELETE")); !response.ok()) {
+            throw Exception(ErrorCode::StateNotRecoverable, from,
+                            "the new content is in place at " + toUtf8Lenient(to.toString()) +
+                                "; only the removal of this source failed: " + failure(response, from, "DELETE").getMessage());
+        }
+        return copiedInfo(moved);
     }
 
     void requireFolder(AbsoluteIRI const& iri) {
@@ -513,25 +590,30 @@ private:
         copyObject(object, head, object, metadata);
     }
 
-    // Server-side copy with `metadata`, in parts above the copy threshold.
-    void copyObject(ObjectRef const& from, Head const& head, ObjectRef const& to, Pairs const& metadata) {
+    // Server-side copy, in parts above the copy threshold, with `metadata` or (none) the
+    // source's own. Pinned to the source's ETag when it is known.
+    void copyObject(ObjectRef const& from, Head const& head, ObjectRef const& to, std::optional<Pairs> const& metadata) {
         S3Settings const& settings = from.http->settings();
         if (head.size <= settings.copyPartThreshold) {
-            Pairs headers = metadata;
+            Pairs headers = metadata.value_or(Pairs{});
             headers.emplace_back("x-amz-copy-source", "/" + from.bucket + "/" + uriEncode(from.key, true));
-            headers.emplace_back("x-amz-copy-source-if-match", head.etag);
-            headers.emplace_back("x-amz-metadata-directive", "REPLACE");
+            if (!head.etag.empty()) {
+                headers.emplace_back("x-amz-copy-source-if-match", head.etag);
+            }
+            headers.emplace_back("x-amz-metadata-directive", metadata ? "REPLACE" : "COPY");
             HttpRequest request = requestFor(to, "PUT", {}, headers);
             request.xmlAnswer = true;
             request.xmlRoot = "CopyObjectResult";
             HttpResponse const response = to.http->send(request);
-            if (!response.ok() && !(response.transport != Transport::None && copied(head, to, metadata, response))) {
+            if (!response.ok() && !(response.transport != Transport::None && copied(from, head, to, metadata, response))) {
                 check(response, to, "CopyObject");
             }
             return;
         }
+        // Parts carry no metadata of the source: it is sent with the start of the upload.
+        Head const whole = head.etag.empty() || head.modified.is_special() ? headObject(from) : head;
         std::uint64_t part = std::max(partSizeFor(settings.partSize, 1), (head.size + 9999) / 10000);
-        Multipart upload(to, metadata);
+        Multipart upload(to, metadata.value_or(metadataHeaders(whole.modified, whole.readOnly)));
         for (std::uint64_t first = 0; first < head.size; first += part) {
             upload.copy(from.key, first, std::min(head.size, first + part) - 1);
         }
@@ -539,22 +621,30 @@ private:
     }
 
     // Whether a copy whose answer was lost was done: the target then holds the source's bytes
-    // (its ETag) with the metadata sent. Throws when that cannot be found out.
-    bool copied(Head const& head, ObjectRef const& to, Pairs const& metadata,
+    // (its ETag) with the metadata sent, or the source's own. Throws when that cannot be found out.
+    bool copied(ObjectRef const& from, Head const& head, ObjectRef const& to, std::optional<Pairs> const& metadata,
                 HttpResponse const& response) {
-        Head target;
+        Head source = head, target;
         try {
+            if (head.etag.empty() || (!metadata && head.mtimeText.empty())) {
+                source = headObject(from);
+            }
             target = headObject(to);
         } catch (Exception const&) {
             throw failure(response, to.iri, "CopyObject (whether it was done is unknown)");
         }
-        std::string mtime;
-        bool readOnly = false;
-        for (auto const& [name, value] : metadata) {
-            mtime = name == "x-amz-meta-mtime" ? value : mtime;
-            readOnly = readOnly || name == "x-amz-meta-readonly";
+        std::string mtime = source.mtimeText;
+        bool readOnly = source.readOnly;
+        if (metadata) {
+            mtime.clear();
+            readOnly = false;
+            for (auto const& [name, value] : *metadata) {
+                mtime = name == "x-amz-meta-mtime" ? value : mtime;
+                readOnly = readOnly || name == "x-amz-meta-readonly";
+            }
         }
-        return target.found && target.etag == head.etag && target.mtimeText == mtime && target.readOnly == readOnly;
+        return target.found && source.found && target.etag == source.etag && target.mtimeText == mtime &&
+               target.readOnly == readOnly;
     }
 
     // DeleteObjects in batches of up to 1,000 keys, each key's result checked.

@@ -55,7 +55,7 @@ bool globMatch(std::u16string const& pattern, std::u16string const& name) {
 
 void listInto(std::vector<ListEntry>& out, provider::StorageProvider& provider, AbsoluteIRI const& folder,
               std::u16string const& filter, StorageSystemReference const& storage, bool recursive) {
-    if (auto* tree = dynamic_cast<detail::TreeListing*>(&provider); tree && recursive) {
+    if (auto* tree = detail::traitOf<detail::TreeListing>(provider); tree && recursive) {
         for (auto const& entry : tree->listTree(folder)) {
             if (filter.empty() || globMatch(filter, entry.path.back())) {
                 AbsoluteIRI child = folder;

@@ -95,7 +95,14 @@ Place freshNameBeside(Place const& place) {
 // data. A failure leaves `destination` as it was and removes the fresh name.
 // With `DoNotReplace` the caller checked that nothing is there; a file created by someone
 // else between that check and the rename is replaced.
-void copyFileOver(Place const& source, Place const& destination) {
+// Where a copy appears whole or not at all (an object store's) and nothing is there, it goes
+// straight to `destination`.
+void copyFileOver(Place const& source, Place const& destination, ItemKind destinationKind) {
+    if (destinationKind == provider::NoItem && detail::traitOf<detail::WholeCopies>(*destination.provider) &&
+        source.provider == destination.provider) {
+        copyItem(source, provider::FileItem, destination);
+        return;
+    }
     Place const fresh = freshNameBeside(destination);
     try {
         copyItem(source, provider::FileItem, fresh);
@@ -205,7 +212,7 @@ void copy(FileOrFolder const& source, FileOrFolder const& destination, provider:
     refuseFileOverFolder(kind, to, destinationKind);
     requireParentFolder(to);
     if (kind == provider::FileItem) {
-        copyFileOver(from, to);
+        copyFileOver(from, to, destinationKind);
         return;
     }
     if (destinationKind != provider::NoItem) {
@@ -239,7 +246,7 @@ void move(FileOrFolder const& source, FileOrFolder const& destination, provider:
     if (sameProvider) {
         from.provider->rename(from.iri, to.iri);
     } else if (kind == provider::FileItem) {
-        copyFileOver(from, to);
+        copyFileOver(from, to, destinationKind);
         removeExisting(from, kind);
     } else {
         copyItem(from, kind, to);

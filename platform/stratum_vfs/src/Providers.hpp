@@ -35,6 +35,30 @@ protected:
     ~ImplicitFolders() = default;
 };
 
+/// A provider whose `copyFile` makes the copy appear whole or not at all (an object store's
+/// server-side copy): a copy to a free name needs no fresh name and rename.
+class WholeCopies {
+protected:
+    ~WholeCopies() = default;
+};
+
+/// A provider where every question is a round trip over a network: what one call learns is worth
+/// remembering for the rest of that call (see `StorageSystemReference::remembering`).
+class RemoteQueries {
+protected:
+    ~RemoteQueries() = default;
+};
+
+/// The provider behind `provider` when it only remembers for another (see `Remembering.hpp`).
+provider::StorageProvider& underlying(provider::StorageProvider& provider);
+
+/// Whether `provider` is a `Trait` (`TreeListing`, `ImplicitFolders`, `WholeCopies`), seen
+/// through a provider that only remembers for it.
+template <class Trait>
+Trait* traitOf(provider::StorageProvider& provider) {
+    return dynamic_cast<Trait*>(&underlying(provider));
+}
+
 /// Throws `NotFound` naming the parent unless a new item may be made at `iri`: its parent is a
 /// folder or, where folders are implicit, anything but a file.
 void requireParentFolder(provider::StorageProvider& provider, AbsoluteIRI const& iri);

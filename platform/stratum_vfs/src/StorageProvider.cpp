@@ -45,6 +45,29 @@ void StorageProvider::copyFile(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI co
     vfs::detail::streamFile(*this, from, *this, to);
 }
 
+ItemInfo StorageProvider::getItemInfo(vfs::AbsoluteIRI const& iri) {
+    ItemInfo info;
+    info.kind = getKind(iri);
+    if (info.kind == FileItem) {
+        FileAttributes const attributes = getAttributes(iri);
+        info.size = attributes.getSize();
+        info.lastModified = attributes.getLastModified();
+        info.writable = attributes.isWritable();
+    }
+    return info;
+}
+
+ItemInfo StorageProvider::renameKnown(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI const& to, ItemInfo const&,
+                                      ItemInfo const&) {
+    rename(from, to);
+    return ItemInfo{FileItem, {}, {}, {}, {}};
+}
+
+ItemInfo StorageProvider::copyFileKnown(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI const& to, ItemInfo const&) {
+    copyFile(from, to);
+    return ItemInfo{FileItem, {}, {}, {}, {}};
+}
+
 } // namespace stratum::storage::provider
 
 namespace stratum::storage::vfs::detail {
@@ -52,7 +75,7 @@ namespace stratum::storage::vfs::detail {
 void requireParentFolder(provider::StorageProvider& provider, AbsoluteIRI const& iri) {
     AbsoluteIRI const parent = iri.getParent();
     provider::ItemKind const kind = iri.hasParent() ? provider.getKind(parent) : provider::NoItem;
-    bool const implicit = iri.hasParent() && dynamic_cast<ImplicitFolders*>(&provider) != nullptr;
+    bool const implicit = iri.hasParent() && traitOf<ImplicitFolders>(provider) != nullptr;
     if (kind != provider::FolderItem && !(implicit && kind == provider::NoItem)) {
         throw Exception(ErrorCode::NotFound, parent, "the parent folder is missing");
     }

@@ -3,6 +3,7 @@
 #include <stratum/storage/vfs/StorageSystem.hpp>
 
 #include "Providers.hpp"
+#include "Remembering.hpp"
 #include "Utf.hpp"
 
 #include <map>
@@ -40,6 +41,27 @@ private:
     std::map<std::u16string, std::shared_ptr<provider::StorageProvider>> providers_;
 };
 
+/// The remembering stand-ins of one call, one per scheme that asks over a network.
+class CallMemo {
+public:
+    std::shared_ptr<provider::StorageProvider> serve(std::u16string const& scheme,
+                                                     std::shared_ptr<provider::StorageProvider> provider) {
+        if (dynamic_cast<RemoteQueries*>(provider.get()) == nullptr) {
+            return provider;
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto& memo = providers_[asciiLower(scheme)];
+        if (!memo || &memo->inner() != provider.get()) {
+            memo = std::make_shared<RememberingProvider>(std::move(provider));
+        }
+        return memo;
+    }
+
+private:
+    std::mutex mutex_;
+    std::map<std::u16string, std::shared_ptr<RememberingProvider>> providers_;
+};
+
 } // namespace detail
 
 StorageSystemReference::StorageSystemReference() : system_(std::make_shared<detail::StorageSystem>(std::nullopt)) {}
@@ -48,7 +70,16 @@ StorageSystemReference::StorageSystemReference(S3Settings settings)
     : system_(std::make_shared<detail::StorageSystem>(std::move(settings))) {}
 
 std::shared_ptr<provider::StorageProvider> StorageSystemReference::getProvider(std::u16string const& scheme) const {
-    return system_->get(scheme);
+    std::shared_ptr<provider::StorageProvider> provider = system_->get(scheme);
+    return memo_ ? memo_->serve(scheme, std::move(provider)) : provider;
+}
+
+StorageSystemReference StorageSystemReference::remembering() const {
+    StorageSystemReference call = *this;
+    if (!call.memo_) { // within a call that remembers already, its memory goes on
+        call.memo_ = std::make_shared<detail::CallMemo>();
+    }
+    return call;
 }
 
 void StorageSystemReference::setProvider(std::u16string const& scheme,

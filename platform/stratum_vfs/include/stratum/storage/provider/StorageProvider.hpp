@@ -7,8 +7,10 @@
 
 #include <boost/date_time/posix_time/ptime.hpp>
 
+#include <cstdint>
 #include <ios>
 #include <memory>
+#include <optional>
 #include <streambuf>
 #include <string>
 #include <vector>
@@ -39,6 +41,16 @@ protected:
 struct FolderEntry {
     std::u16string name; ///< decoded name of the child (one segment)
     bool folder;         ///< true for a folder, false for a file
+};
+
+/// What a provider knows of one item: its kind and, for a file, what it has learned of its
+/// attributes and version tag (each empty when unknown).
+struct ItemInfo {
+    ItemKind kind = NoItem;
+    std::optional<std::uint64_t> size;
+    std::optional<boost::posix_time::ptime> lastModified;
+    std::optional<bool> writable;
+    std::optional<std::string> versionTag;
 };
 
 /// The one interface a storage scheme implements. The public operations of `vfs` (`File`,
@@ -155,6 +167,22 @@ public:
     /// name beside it and renaming that over it, so no existing item is ever written into. The default streams through `openInput`
     /// and `openOutput`; providers with a native copy override it.
     virtual void copyFile(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI const& to);
+
+    // For back ends where every question is a round trip: a caller that already knows what is at
+    // an IRI passes it on instead of the provider asking again, and learns what a change made.
+    // The defaults ask and do as the calls above.
+
+    /// `getKind`, and for a file its attributes (and version tag, where one question gives it).
+    virtual ItemInfo getItemInfo(vfs::AbsoluteIRI const& iri);
+
+    /// `rename` of the file `from` (known as `fromInfo`) over `to` (known as `toInfo`: a file or
+    /// nothing). Returns what is known of `to` afterwards.
+    virtual ItemInfo renameKnown(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI const& to, ItemInfo const& fromInfo,
+                                 ItemInfo const& toInfo);
+
+    /// `copyFile` of the file `from` (known as `fromInfo`) to `to`, which the caller knows to
+    /// be free. Returns what is known of `to` afterwards.
+    virtual ItemInfo copyFileKnown(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI const& to, ItemInfo const& fromInfo);
 };
 
 } // namespace stratum::storage::provider

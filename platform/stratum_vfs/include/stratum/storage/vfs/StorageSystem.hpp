@@ -14,7 +14,8 @@ namespace stratum::storage::vfs {
 
 namespace detail {
 class StorageSystem;
-}
+class CallMemo;
+} // namespace detail
 
 /// A cheap, copyable handle to one storage system: the providers that serve its schemes.
 ///
@@ -43,12 +44,22 @@ public:
     /// lets a system be set up with another back end for a scheme.
     void setProvider(std::u16string const& scheme, std::shared_ptr<provider::StorageProvider> provider);
 
+    /// A handle to the same storage system (equal to this one) for one library call on one thread,
+    /// such as a commit, that promises nothing against concurrent writers. Where every question
+    /// is a round trip (`s3`), it remembers what the call has learned of each item (kind, size,
+    /// time, writability, version tag) and what the call's own changes made of it, and asks the
+    /// store only what it does not know. The memory lives as long as the handle and its copies:
+    /// drop them when the call returns, as another writer's later change is not seen through
+    /// them. Other schemes are served as by this handle. On a remembering handle, the same one.
+    StorageSystemReference remembering() const;
+
     /// True when both handles refer to the same storage system.
     friend STRATUM_API bool operator==(StorageSystemReference const& a, StorageSystemReference const& b);
     friend bool operator!=(StorageSystemReference const& a, StorageSystemReference const& b) { return !(a == b); }
 
 private:
     std::shared_ptr<detail::StorageSystem> system_;
+    std::shared_ptr<detail::CallMemo> memo_; ///< set by `remembering`
 };
 
 } // namespace stratum::storage::vfs
