@@ -12,6 +12,8 @@
 #include <stratum/storage/vfs/Operations.hpp>
 #include <vela/filesystem/operations.hpp>
 
+#include <typeinfo>
+
 namespace opc {
 namespace {
 
@@ -80,7 +82,7 @@ void VirtualFileSystemOps::doCreateSymlink(const std::u16string&, const std::u16
 void VirtualFileSystemOps::doCopy(const std::u16string& source, const std::u16string& destination, ExistsMode mode,
                                   std::string& detail, error_code& ec) {
     guarded(detail, ec, [&] {
-        auto const [from, to] = pairOf(source, destination, m_storage);
+        auto const [from, to] = pairOf(source, destination, m_storage.remembering());
         store::copy(from, to, provider::ReplacementPolicy(mode == Overwrite ? kReplaceDestination : kKeepDestination));
     });
 }
@@ -89,7 +91,7 @@ void VirtualFileSystemOps::doRename(const std::u16string& from, const std::u16st
                                     error_code& ec) {
     // Unlike copy, a rename always replaces an existing destination.
     guarded(detail, ec, [&] {
-        auto const [source, destination] = pairOf(from, to, m_storage);
+        auto const [source, destination] = pairOf(from, to, m_storage.remembering());
         keepEarlierReadOnly(source, to);
         store::move(source, destination, provider::ReplacementPolicy(kReplaceDestination));
     });
@@ -107,17 +109,29 @@ void VirtualFileSystemOps::doRenameIfVersion(const std::u16string& from, const s
 
 void VirtualFileSystemOps::doRemove(const std::u16string& path, std::string& detail, error_code& ec) {
     guarded(detail, ec,
-            [&] { store::remove(item(path, m_storage), store::FolderRemovalPolicy(kRemoveFileOrEmptyFolder)); });
+            [&] { store::remove(item(path, m_storage.remembering()), store::FolderRemovalPolicy(kRemoveFileOrEmptyFolder)); });
 }
 
 void VirtualFileSystemOps::doRemoveAll(const std::u16string& path, std::string& detail, error_code& ec) {
-    guarded(detail, ec, [&] { store::remove(item(path, m_storage), store::FolderRemovalPolicy(kRemoveWithContents)); });
+    guarded(detail, ec, [&] { store::remove(item(path, m_storage.remembering()), store::FolderRemovalPolicy(kRemoveWithContents)); });
 }
 
 void VirtualFileSystemOps::doReplaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,
                                                    const std::u16string& sourcePath, const CommitOptions& options,
                                                    std::string& detail, error_code& ec) {
-    guarded(detail, ec, [&] { detail::commitAndReport(*this, targetPath, sourceOps, sourcePath, options, detail, ec); });
+    guarded(detail, ec, [&] {
+        // The commit asks about the target again and again by design (exists, permissions, before
+        // and after the rename); where each question is a round trip it runs on a handle that
+        // remembers for this call alone. A subclass keeps its own operations, so only this class
+        // itself is swapped.
+        if (typeid(*this) == typeid(VirtualFileSystemOps)) {
+            VirtualFileSystemOps call(m_storage.remembering());
+            detail::commitAndReport(call, targetPath, &sourceOps == this ? call : sourceOps, sourcePath, options,
+                                    detail, ec);
+        } else {
+            detail::commitAndReport(*this, targetPath, sourceOps, sourcePath, options, detail, ec);
+        }
+    });
 }
 
 } // namespace opc

@@ -54,7 +54,7 @@ bool VirtualFileSystemOps::doIsSymlink(const std::u16string&, std::string&, erro
 Perms::Perms_tag VirtualFileSystemOps::doGetPermissions(const std::u16string& path, std::string& detail,
                                                         error_code& ec) {
     return guarded(detail, ec, Perms::PermsUnknown,
-                   [&] { return store::isWritable(item(path, m_storage)) ? kWritable : kReadOnly; });
+                   [&] { return store::isWritable(item(path, m_storage.remembering())) ? kWritable : kReadOnly; });
 }
 
 void VirtualFileSystemOps::doSetPermissions(const std::u16string& path, Perms::Perms_tag perms,
@@ -79,12 +79,12 @@ void VirtualFileSystemOps::doSetPermissions(const std::u16string& path, Perms::P
 FileSystemOps::ptime VirtualFileSystemOps::doGetLastModifiedTime(const std::u16string& path, std::string& detail,
                                                                  error_code& ec) {
     return guarded(detail, ec, ptime(boost::posix_time::not_a_date_time),
-                   [&] { return store::getLastModified(item(path, m_storage)); });
+                   [&] { return store::getLastModified(item(path, m_storage.remembering())); });
 }
 
 void VirtualFileSystemOps::doSetLastModifiedTime(const std::u16string& path, ptime time, std::string& detail,
                                                  error_code& ec) {
-    guarded(detail, ec, [&] { store::setLastModified(item(path, m_storage), time); });
+    guarded(detail, ec, [&] { store::setLastModified(item(path, m_storage.remembering()), time); });
 }
 
 std::uint64_t VirtualFileSystemOps::doGetSizeInBytes(const std::u16string& path, std::string& detail,

@@ -288,6 +288,48 @@ TEST_P(ObjectStore, CommitsThroughFaultsLeaveTheOldOrTheNewPackage) {
     for (auto& lane : lanes) lane.join();
 }
 
+// Requests per operation, counted through a proxy, so that a change adding round trips fails
+// here. A query on a file is one HEAD, a read its GETs and one HEAD. A copy or rename asks about
+// both names (a free name: HEAD and LIST), then copies (and deletes). A commit over an object reads
+// the target once, checks its temporary name, uploads, copies into place and removes the
+// temporary object; a backup adds the check of its name and its copy. From an object above the
+// copy threshold (1 MiB here), both copies go part-wise.
+TEST_P(ObjectStore, RequestsPerOperation) {
+    HostFolder folder;
+    std::string const file = folder.path().string() + "/new", big = pattern(8 * MiB + 10, 9);
+    writeFile(file, pattern(100000, 9));
+    write(at("pkg"), "old");
+    write(at("big"), big);
+    FaultProxy proxy(env("AWS_ENDPOINT_URL"), {});
+    VirtualFileSystemOps counted{through(proxy)};
+    LocalFileSystemOps local;
+    CommitOptions keep, drop;
+    keep.removeBackup(false);
+    drop.removeBackup(true);
+    std::pair<std::function<void()>, std::string> const rows[] = {
+        {[&] { counted.exists(at("pkg")); }, "HEAD 1"},
+        {[&] { counted.isFile(at("pkg")); }, "HEAD 1"},
+        {[&] { counted.getSizeInBytes(at("pkg")); }, "HEAD 1"},
+        {[&] { counted.getPermissions(at("pkg")); }, "HEAD 1"},
+        {[&] { counted.getLastModifiedTime(at("pkg")); }, "HEAD 1"},
+        {[&] { EXPECT_TRUE(readThrough(counted, at("big")) == big); }, "GET 2 HEAD 1"},
+        {[&] { counted.copy(at("pkg"), at("copy"), FailIfExists); }, "COPY 1 HEAD 2 LIST 1"},
+        {[&] { counted.rename(at("copy"), at("moved")); }, "COPY 1 DELETE 1 HEAD 2 LIST 1"},
+        {[&] { counted.rename(at("moved"), at("pkg")); }, "COPY 1 DELETE 1 HEAD 2"},
+        {[&] { counted.replaceFileWithBackup(at("pkg"), local, u16(file), drop); }, "COPY 1 DELETE 1 HEAD 2 LIST 1 PUT 1"},
+        {[&] { counted.replaceFileWithBackup(at("pkg"), local, u16(file), keep); }, "COPY 2 DELETE 1 HEAD 3 LIST 2 PUT 1"},
+        {[&] { counted.replaceFileWithBackup(at("pkg"), counted, at("big"), drop); }, "COPY 4 DELETE 1 HEAD 4 LIST 1 POST 4"},
+    };
+    for (std::size_t i = 0; i < std::size(rows); ++i) {
+        proxy.requests();
+        rows[i].first();
+        EXPECT_EQ(proxy.requests(), rows[i].second) << "row " << i;
+    }
+    EXPECT_EQ(read(at("pkg")), big);
+    write(at("pkg"), "other"); // nothing is remembered beyond a call: another writer's change shows at once
+    EXPECT_EQ(counted.getSizeInBytes(at("pkg")), 5u);
+}
+
 // Litter of killed writers: old unfinished uploads and temporary objects are found and removed,
 // other objects stay.
 TEST_P(ObjectStore, LitterIsFoundAndRemoved) {

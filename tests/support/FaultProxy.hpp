@@ -16,6 +16,8 @@
 #include <cctype>
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -61,6 +63,15 @@ public:
     std::string endpoint;
     std::atomic<int> hits{0};
     std::atomic<std::size_t> headerBytes{0}; ///< status line and headers of the last answer
+    /// How many requests of each kind came through since the last call, as "GET 2 HEAD 1": the
+    /// method, but LIST for a listing and COPY for a server-side copy.
+    std::string requests() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::string text;
+        for (auto const& [method, count] : m_requests) text += (text.empty() ? "" : " ") + method + " " + std::to_string(count);
+        m_requests.clear();
+        return text;
+    }
 
 private:
     static sockaddr_in address(int port) { return sockaddr_in{AF_INET, htons(std::uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}}; }
@@ -98,6 +109,14 @@ private:
     void exchange(int client) {
         std::string request = receive(client, true);
         if (request.find("\r\n") == std::string::npos) return;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            std::string const line = request.substr(0, request.find("\r\n")), head = request.substr(0, request.find("\r\n\r\n"));
+            std::string method = line.substr(0, line.find(' '));
+            if (line.find("list-type=") != std::string::npos) method = "LIST";
+            if (head.find("x-amz-copy-source:") != std::string::npos) method = "COPY";
+            ++m_requests[method];
+        }
         bool const hit = m_fault.kind != Fault::None && hits < m_fault.times && m_fault.matches(request.substr(0, request.find("\r\n\r\n")));
         Fault::Kind const kind = hit ? (++hits, m_fault.kind) : Fault::None;
         if (kind == Fault::Refuse) return sendAll(client, m_fault.answer);
@@ -121,6 +140,8 @@ private:
     }
 
     Fault m_fault;
+    std::mutex m_mutex;
+    std::map<std::string, int> m_requests;
     sockaddr_in m_upstream;
     int m_socket = ::socket(AF_INET, SOCK_STREAM, 0);
     std::atomic<bool> m_stop{false};
