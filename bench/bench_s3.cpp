@@ -171,16 +171,14 @@ void upload(opc::VirtualFileSystemOps& ops, std::string const& file, std::u16str
 // Uploads `file` as `name` straight to the store, from a child: this process does not grow by
 // the transfer's buffers, which the children of the measured runs would start with.
 bool place(benchmark::State& state, std::string const& file, std::string const& name) {
-    bool const placed = runInChild(
-                            [&] {
-                                opc::VirtualFileSystemOps direct{vfs::StorageSystemReference()};
-                                upload(direct, file, object(name));
-                            },
-                            longestRun)
-                            .ok;
-    if (!placed)
-        state.SkipWithError(("could not upload " + name).c_str());
-    return placed;
+    auto const uploadDirectly = [&] {
+        opc::VirtualFileSystemOps direct{vfs::StorageSystemReference()};
+        upload(direct, file, object(name));
+    };
+    if (runInChild(uploadDirectly, longestRun).ok)
+        return true;
+    state.SkipWithError(("could not upload " + name).c_str());
+    return false;
 }
 
 void download(opc::VirtualFileSystemOps& ops, std::u16string const& source, std::string const& file) {
@@ -203,12 +201,12 @@ void measure(benchmark::State& state, Tool tool, Work const& work, std::function
     std::map<std::string, double> counted;
     double peakMiB = 0;
     double startMiB = 0;
+    auto const library = [&work] {
+        opc::VirtualFileSystemOps ops{vfs::StorageSystemReference(linkSettings())};
+        work.library(ops);
+    };
     for (auto _ : state) {
         auto const before = link()->requests();
-        auto const library = [&work] {
-            opc::VirtualFileSystemOps ops{vfs::StorageSystemReference(linkSettings())};
-            work.library(ops);
-        };
         ChildRun const run = tool == Tool::Awscli   ? runCommand(work.awscli, longestRun)
                              : tool == Tool::Rclone ? runCommand(work.rclone, longestRun)
                                                     : runInChild(library, longestRun);
