@@ -277,6 +277,10 @@ memstore_device_bytes = $store_bytes
 [client.rgw]
 rgw_data = $dir/rgw
 rgw_thread_pool_size = 64
+# The data of overwritten and deleted objects is freed within seconds, not 2 hours later: in
+# memory, that wait fills the OSD after a few GiB of overwrites (bench_s3 writes 2.5 GiB a run).
+rgw_gc_obj_min_wait = 5
+rgw_gc_processor_period = 5
 EOF
 }
 

@@ -3,7 +3,8 @@
 #
 #   setup-deps.sh [group...]    groups: build (the default), test, bench, profile, docs, package, s3, all
 #
-# build: compile the library and the examples; test: the unit tests; bench: the benchmarks;
+# build: compile the library and the examples; test: the unit tests; bench: the benchmarks and
+# the tools bench_s3 compares with (awscli, rclone);
 # profile: instruction counts and system-call traces of a benchmark (callgrind, perf, strace);
 # docs: the API reference; package: the .deb files; s3: the one-node Ceph object store
 # (radosgw) that scripts/s3-server.sh runs for the s3 scheme's tests, and awscli.
@@ -15,7 +16,7 @@ declare -A groups=(
            libboost-filesystem1.74-dev libboost-iostreams1.74-dev libicu-dev libssl-dev tzdata
            libcurl4-openssl-dev libpugixml-dev"
   [test]="libgtest-dev libgmock-dev strace acl"
-  [bench]="libbenchmark-dev"
+  [bench]="libbenchmark-dev awscli rclone"
   [profile]="valgrind linux-perf strace"
   [docs]="doxygen"
   [package]="dpkg-dev file"
