@@ -70,6 +70,13 @@ std::unique_ptr<FileSystemOps> sourceFromOtherStorage(const FileSystemOps& targe
     return std::make_unique<OtherStorageOps>(from->getStorageSystem());
 }
 
+std::unique_ptr<FileSystemOps> rememberingTarget(const FileSystemOps& target) {
+    if (typeid(target) != typeid(VirtualFileSystemOps))
+        return nullptr;
+    return std::make_unique<VirtualFileSystemOps>(
+        static_cast<const VirtualFileSystemOps&>(target).getStorageSystem().remembering());
+}
+
 bool sameBackEndType(const FileSystemOps& a, const FileSystemOps& b) {
     return typeid(a).hash_code() == typeid(b).hash_code();
 }

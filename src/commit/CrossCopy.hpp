@@ -17,6 +17,13 @@ bool sameBackEndType(const FileSystemOps& a, const FileSystemOps& b);
 /// the source can be used as it is.
 std::unique_ptr<FileSystemOps> sourceFromOtherStorage(const FileSystemOps& target, const FileSystemOps& source);
 
+/// The commit asks about the target again and again by design (exists, permissions, before and
+/// after the rename). For a virtual back end this gives a view of the target for the one commit
+/// whose storage handle remembers what the commit learns, where each question is a round trip
+/// (see `StorageSystemReference::remembering`); it is dropped when the commit returns. Null for
+/// other back ends and for subclasses, whose own operations must run.
+std::unique_ptr<FileSystemOps> rememberingTarget(const FileSystemOps& target);
+
 /// Copies file `from` of `fromOps` to file `to` of `toOps`, replacing an existing destination.
 /// Same back-end type: `toOps.copy(from, to, Overwrite)`. Otherwise the bytes go through a
 /// binary input stream of `fromOps` and a binary output stream of `toOps`; both are released

@@ -315,8 +315,11 @@ void commit(Commit& c) {
 
 void replaceFileWithBackup(FileSystemOps& targetOps, const std::u16string& targetPath, FileSystemOps& sourceOps,
                            const std::u16string& sourcePath, const CommitOptions& options) {
-    std::unique_ptr<FileSystemOps> const elsewhere = detail::sourceFromOtherStorage(targetOps, sourceOps);
-    Commit c(targetOps, targetPath, elsewhere ? *elsewhere : sourceOps, sourcePath, options);
+    std::unique_ptr<FileSystemOps> const remembering = detail::rememberingTarget(targetOps);
+    FileSystemOps& target = remembering ? *remembering : targetOps;
+    std::unique_ptr<FileSystemOps> const elsewhere = detail::sourceFromOtherStorage(target, sourceOps);
+    FileSystemOps& source = elsewhere ? *elsewhere : &sourceOps == &targetOps ? target : sourceOps;
+    Commit c(target, targetPath, source, sourcePath, options);
     try {
         commit(c);
     } catch (const Exception& e) {

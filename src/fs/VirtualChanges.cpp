@@ -12,8 +12,6 @@
 #include <stratum/storage/vfs/Operations.hpp>
 #include <vela/filesystem/operations.hpp>
 
-#include <typeinfo>
-
 namespace opc {
 namespace {
 
@@ -119,19 +117,7 @@ void VirtualFileSystemOps::doRemoveAll(const std::u16string& path, std::string& 
 void VirtualFileSystemOps::doReplaceFileWithBackup(const std::u16string& targetPath, FileSystemOps& sourceOps,
                                                    const std::u16string& sourcePath, const CommitOptions& options,
                                                    std::string& detail, error_code& ec) {
-    guarded(detail, ec, [&] {
-        // The commit asks about the target again and again by design (exists, permissions, before
-        // and after the rename); where each question is a round trip it runs on a handle that
-        // remembers for this call alone. A subclass keeps its own operations, so only this class
-        // itself is swapped.
-        if (typeid(*this) == typeid(VirtualFileSystemOps)) {
-            VirtualFileSystemOps call(m_storage.remembering());
-            detail::commitAndReport(call, targetPath, &sourceOps == this ? call : sourceOps, sourcePath, options,
-                                    detail, ec);
-        } else {
-            detail::commitAndReport(*this, targetPath, sourceOps, sourcePath, options, detail, ec);
-        }
-    });
+    guarded(detail, ec, [&] { detail::commitAndReport(*this, targetPath, sourceOps, sourcePath, options, detail, ec); });
 }
 
 } // namespace opc

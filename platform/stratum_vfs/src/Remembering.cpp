@@ -216,22 +216,23 @@ void RememberingProvider::createFolder(AbsoluteIRI const& iri) {
     learn(iri, ItemInfo{FolderItem, {}, {}, {}, {}});
 }
 
-void RememberingProvider::removeFile(AbsoluteIRI const& iri) {
-    changing(iri, nullptr, [&] { inner_->removeFile(iri); });
-    forget(iri);
+template <class Change>
+void RememberingProvider::removing(AbsoluteIRI const& iri, Change change) {
+    changing(iri, nullptr, change);
+    forget(iri, true);
     learn(iri, ItemInfo{});
+}
+
+void RememberingProvider::removeFile(AbsoluteIRI const& iri) {
+    removing(iri, [&] { inner_->removeFile(iri); });
 }
 
 void RememberingProvider::removeEmptyFolder(AbsoluteIRI const& iri) {
-    changing(iri, nullptr, [&] { inner_->removeEmptyFolder(iri); });
-    forget(iri, true);
-    learn(iri, ItemInfo{});
+    removing(iri, [&] { inner_->removeEmptyFolder(iri); });
 }
 
 void RememberingProvider::removeTree(AbsoluteIRI const& iri) {
-    changing(iri, nullptr, [&] { inner_->removeTree(iri); });
-    forget(iri, true);
-    learn(iri, ItemInfo{});
+    removing(iri, [&] { inner_->removeTree(iri); });
 }
 
 void RememberingProvider::rename(AbsoluteIRI const& from, AbsoluteIRI const& to) {

@@ -69,6 +69,9 @@ private:
     // Runs `change`; when it throws, forgets `first` and `second` (and what is below them).
     template <class Change>
     auto changing(AbsoluteIRI const& first, AbsoluteIRI const* second, Change change);
+    // A removal by `change`: nothing is at `iri` or below it afterwards.
+    template <class Change>
+    void removing(AbsoluteIRI const& iri, Change change);
 
     std::shared_ptr<provider::StorageProvider> inner_;
     std::mutex mutex_;
