@@ -80,7 +80,8 @@ struct ItemInfo {
 /// `close()` (content is buffered and sent in parts; a part that fails throws from the write
 /// that sent it, a failed completion leaves no object, and a stream dropped without `close()`
 /// leaves none either); `rename` is a server-side copy, durable once acknowledged, then the
-/// deletion of the source; `app` and `in|out` rewrite the whole object. Its folders are the
+/// deletion of the source; `copyFile` is a server-side copy that keeps the object's time and
+/// writability; `app` and `in|out` rewrite the whole object. Its folders are the
 /// prefixes of its keys: an item may be made under any prefix that is not a file, and
 /// `createFolder` writes a marker so that an empty folder exists too.
 /// When the copy is in place and only the deletion of the source failed, `rename` throws
