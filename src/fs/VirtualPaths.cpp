@@ -54,7 +54,7 @@ std::u16string VirtualFileSystemOps::doGetTempName(const std::u16string& folder,
             std::u16string const generic =
                 hostfs::detail::make_generic_form(hostfs::detail::make_native_form(name, true));
             candidate = base.getChild(generic.substr(generic.rfind(u'/') + 1)).toString();
-        } while (doExists(candidate, detail, ec));
+        } while (!store::isFree(store::AbsoluteIRI(candidate), m_storage));
         // Inside a commit a temporary file on the local disk is staged as the local back end's
         // is, so that its rename keeps everything about the file it replaces.
         store::AbsoluteIRI const made(candidate);

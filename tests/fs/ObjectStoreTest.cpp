@@ -7,6 +7,8 @@
 
 #include <opc/CommitOptions.hpp>
 
+#include <stratum/storage/vfs/Operations.hpp>
+
 #include <cstdio>
 #include <future>
 #include <thread>
@@ -291,7 +293,7 @@ TEST_P(ObjectStore, CommitsThroughFaultsLeaveTheOldOrTheNewPackage) {
 // Requests per operation, counted through a proxy, so that a change adding round trips fails
 // here. A query on a file is one HEAD, a read its GETs and one HEAD. A copy or rename asks about
 // both names (a free name: HEAD and LIST), then copies (and deletes). A commit over an object reads
-// the target once, checks its temporary name, uploads, copies into place and removes the
+// the target once, lists its temporary name, uploads, copies into place and removes the
 // temporary object; a backup adds the check of its name and its copy. From an object above the
 // copy threshold (1 MiB here), both copies go part-wise.
 TEST_P(ObjectStore, RequestsPerOperation) {
@@ -316,9 +318,9 @@ TEST_P(ObjectStore, RequestsPerOperation) {
         {[&] { counted.copy(at("pkg"), at("copy"), FailIfExists); }, "COPY 1 HEAD 2 LIST 1"},
         {[&] { counted.rename(at("copy"), at("moved")); }, "COPY 1 DELETE 1 HEAD 2 LIST 1"},
         {[&] { counted.rename(at("moved"), at("pkg")); }, "COPY 1 DELETE 1 HEAD 2"},
-        {[&] { counted.replaceFileWithBackup(at("pkg"), local, u16(file), drop); }, "COPY 1 DELETE 1 HEAD 2 LIST 1 PUT 1"},
-        {[&] { counted.replaceFileWithBackup(at("pkg"), local, u16(file), keep); }, "COPY 2 DELETE 1 HEAD 3 LIST 2 PUT 1"},
-        {[&] { counted.replaceFileWithBackup(at("pkg"), counted, at("big"), drop); }, "COPY 4 DELETE 1 HEAD 5 LIST 1 POST 4"},
+        {[&] { counted.replaceFileWithBackup(at("pkg"), local, u16(file), drop); }, "COPY 1 DELETE 1 HEAD 1 LIST 1 PUT 1"},
+        {[&] { counted.replaceFileWithBackup(at("pkg"), local, u16(file), keep); }, "COPY 2 DELETE 1 HEAD 2 LIST 2 PUT 1"},
+        {[&] { counted.replaceFileWithBackup(at("pkg"), counted, at("big"), drop); }, "COPY 4 DELETE 1 HEAD 4 LIST 1 POST 4"},
     };
     for (std::size_t i = 0; i < std::size(rows); ++i) {
         proxy.requests();
@@ -328,6 +330,12 @@ TEST_P(ObjectStore, RequestsPerOperation) {
     EXPECT_EQ(read(at("pkg")), big);
     write(at("pkg"), "other"); // nothing is remembered beyond a call: another writer's change shows at once
     EXPECT_EQ(counted.getSizeInBytes(at("pkg")), 5u);
+    // A free-name check whose listing other names fill ("n-0" ... "n-8" sort before the folder "n/").
+    for (int i = 0; i < 9; ++i) write(at("n-" + std::to_string(i)), "");
+    write(at("n/x"), "");
+    vfs::StorageSystemReference const storage(objectStorage());
+    auto const isFree = [&](std::string const& name) { return vfs::isFree(vfs::AbsoluteIRI(at(name)), storage); };
+    EXPECT_TRUE(!isFree("n") && !isFree("n-0") && !isFree("n/x") && isFree("n-9") && isFree("n/y"));
 }
 
 // Litter of killed writers: old unfinished uploads and temporary objects are found and removed,

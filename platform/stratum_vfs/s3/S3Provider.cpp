@@ -73,6 +73,24 @@ public:
         return ItemInfo{anyBelow(object) ? provider::FolderItem : provider::NoItem, {}, {}, {}, {}};
     }
 
+    // One listing of the keys that start with the name, folded at "/": the name itself (a file)
+    // or "name/" (a folder) is among them, or nothing is. Only when other names that start the
+    // same way ("name.bak") fill the page does it take getKind's questions as well.
+    bool isFree(AbsoluteIRI const& iri) override {
+        if (!fileKey(iri)) {
+            return getKind(iri) == provider::NoItem;
+        }
+        ObjectRef const object = ref(iri);
+        ListPage const page = listPage(object, {{"prefix", object.key}, {"delimiter", "/"}, {"max-keys", "8"}});
+        auto const holds = [](std::vector<std::string> const& names, std::string const& name) {
+            return std::find(names.begin(), names.end(), name) != names.end();
+        };
+        if (holds(page.keys, object.key) || holds(page.prefixes, object.key + "/")) {
+            return false;
+        }
+        return page.nextToken.empty() || getKind(iri) == provider::NoItem;
+    }
+
     provider::FileAttributes getAttributes(AbsoluteIRI const& iri) override {
         Head const head = fileHead(iri);
         return provider::FileAttributes(head.size, head.modified, !head.readOnly);
@@ -485,14 +503,19 @@ private:
         return head;
     }
 
-    bool anyBelow(ObjectRef const& object) {
-        std::string const prefix = object.key + "/";
-        HttpRequest request = requestFor(object, "GET", {{"list-type", "2"}, {"prefix", prefix}, {"max-keys", "1"}});
+    // One page of ListObjectsV2 with `query` besides its list type.
+    ListPage listPage(ObjectRef const& object, Pairs query) {
+        query.emplace(query.begin(), "list-type", "2");
+        HttpRequest request = requestFor(object, "GET", std::move(query));
         request.key.clear();
         request.xmlAnswer = true;
         HttpResponse const response = object.http->send(request);
         check(response, object, "ListObjectsV2");
-        ListPage const page = parseListPage(response.body);
+        return parseListPage(response.body);
+    }
+
+    bool anyBelow(ObjectRef const& object) {
+        ListPage const page = listPage(object, {{"prefix", object.key + "/"}, {"max-keys", "1"}});
         return !page.keys.empty() || !page.prefixes.empty();
     }
 
@@ -501,19 +524,14 @@ private:
     void forEachPage(ObjectRef const& object, std::string const& prefix, bool oneLevel, Visit&& visit) {
         std::string token;
         do {
-            Pairs query{{"list-type", "2"}, {"prefix", prefix}};
+            Pairs query{{"prefix", prefix}};
             if (oneLevel) {
                 query.emplace_back("delimiter", "/");
             }
             if (!token.empty()) {
                 query.emplace_back("continuation-token", token);
             }
-            HttpRequest request = requestFor(object, "GET", query);
-            request.key.clear();
-            request.xmlAnswer = true;
-            HttpResponse const response = object.http->send(request);
-            check(response, object, "ListObjectsV2");
-            ListPage const page = parseListPage(response.body);
+            ListPage const page = listPage(object, std::move(query));
             visit(page);
             token = page.nextToken;
         } while (!token.empty());

@@ -83,7 +83,7 @@ Place freshNameBeside(Place const& place) {
             name += digits[bits & 15];
         }
         Place fresh{place.iri.getParent().getChild(name + u".tmp"), place.provider};
-        if (fresh.provider->getKind(fresh.iri) == provider::NoItem) {
+        if (fresh.provider->isFree(fresh.iri)) {
             return fresh;
         }
     }
@@ -170,6 +170,10 @@ bool checkPair(Place const& source, ItemKind kind, Place const& destination, Ite
 
 int exists(AbsoluteIRI const& iri, StorageSystemReference const& storage) {
     return storage.getProvider(iri.getScheme())->getKind(iri);
+}
+
+bool isFree(AbsoluteIRI const& iri, StorageSystemReference const& storage) {
+    return storage.getProvider(iri.getScheme())->isFree(iri);
 }
 
 bool isWritable(FileOrFolder const& item) {

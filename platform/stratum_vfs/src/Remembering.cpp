@@ -150,6 +150,17 @@ ItemInfo RememberingProvider::getItemInfo(AbsoluteIRI const& iri) {
     return ask(iri, [](ItemInfo const& i) { return !isFile(i) || (i.size && i.lastModified && i.writable); }).info;
 }
 
+bool RememberingProvider::isFree(AbsoluteIRI const& iri) {
+    if (Known const k = known(iri); k.kindKnown) {
+        return k.info.kind == NoItem;
+    }
+    bool const free = inner_->isFree(iri);
+    if (free) {
+        learn(iri, ItemInfo{});
+    }
+    return free;
+}
+
 provider::ItemKind RememberingProvider::getKind(AbsoluteIRI const& iri) {
     return ask(iri, [](ItemInfo const&) { return true; }).info.kind;
 }

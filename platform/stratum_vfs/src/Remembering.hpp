@@ -45,6 +45,7 @@ public:
     std::unique_ptr<provider::OutputBuffer> openOutput(AbsoluteIRI const& iri, std::ios_base::openmode mode) override;
     void copyFile(AbsoluteIRI const& from, AbsoluteIRI const& to) override;
     provider::ItemInfo getItemInfo(AbsoluteIRI const& iri) override;
+    bool isFree(AbsoluteIRI const& iri) override;
 
     /// What a write through `openOutput` at `iri` made, once it was published.
     void written(AbsoluteIRI const& iri, std::optional<std::uint64_t> size);

@@ -45,6 +45,8 @@ void StorageProvider::copyFile(vfs::AbsoluteIRI const& from, vfs::AbsoluteIRI co
     vfs::detail::streamFile(*this, from, *this, to);
 }
 
+bool StorageProvider::isFree(vfs::AbsoluteIRI const& iri) { return getKind(iri) == NoItem; }
+
 ItemInfo StorageProvider::getItemInfo(vfs::AbsoluteIRI const& iri) {
     ItemInfo info;
     info.kind = getKind(iri);

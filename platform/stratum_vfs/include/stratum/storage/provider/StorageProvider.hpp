@@ -173,6 +173,10 @@ public:
     // an IRI passes it on instead of the provider asking again, and learns what a change made.
     // The defaults ask and do as the calls above.
 
+    /// Whether nothing is at `iri`: `getKind` for a name the caller expects to be free (a
+    /// temporary name), which an object store answers with one listing of the name's prefix.
+    virtual bool isFree(vfs::AbsoluteIRI const& iri);
+
     /// `getKind`, and for a file its attributes (and version tag, where one question gives it).
     virtual ItemInfo getItemInfo(vfs::AbsoluteIRI const& iri);
 

@@ -24,6 +24,10 @@ enum FolderRemovalPolicy : std::uint32_t {
 /// only for a scheme without provider.
 STRATUM_API int exists(AbsoluteIRI const& iri, StorageSystemReference const& storage);
 
+/// Whether nothing is at `iri`: `exists` for a name the caller expects to be free, such as a
+/// temporary name, asked as cheaply as the scheme allows (one listing on an object store).
+STRATUM_API bool isFree(AbsoluteIRI const& iri, StorageSystemReference const& storage);
+
 /// Whether the item may be changed: for a file, whether output streams may be opened on it.
 /// `memory` items are writable until `setWritable(item, false)`; `file` items are writable
 /// when the owner write bit is set. `ErrorCode::NotFound` for a missing item (for every
