@@ -2,8 +2,9 @@
 
 // A fault-injecting HTTP proxy on loopback, between the s3 scheme and a store: every request goes
 // upstream on a connection of its own, and the exchanges a fault matches are cut (also as an answer
-// that looks whole, without its Content-Length), stalled, refused or have their answer dropped after
-// the store acted. It serves at most 4,000 connections, none longer than a few seconds.
+// that looks whole, without its Content-Length), stalled, refused, have their answer dropped after
+// the store acted, or have one byte of a body flipped (the request's when it has one, else the
+// answer's). It serves at most 4,000 connections, side by side, none longer than a few seconds.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -16,6 +17,8 @@
 #include <cctype>
 #include <cstdint>
 #include <functional>
+#include <list>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -23,11 +26,12 @@
 namespace opc::test {
 
 struct Fault {
-    enum Kind { None, CutRequest, CutAnswer, CutUnsized, Stall, Refuse } kind;
+    enum Kind { None, CutRequest, CutAnswer, CutUnsized, Stall, Refuse, Corrupt } kind;
     Fault(Kind k = None, std::function<bool(std::string const&)> m = {}, std::size_t a = 0, int t = 1, std::string s = "")
         : kind(k), matches(std::move(m)), at(a), times(t), answer(std::move(s)) {}
     std::function<bool(std::string const&)> matches; ///< which exchanges, by request line and headers
-    std::size_t at;                                  ///< for cuts: the bytes that still pass (CutUnsized: of the body)
+    std::size_t at;                                  ///< for cuts: the bytes that still pass (CutUnsized: of the body);
+                                                     ///< Corrupt: the body's byte flipped (its last when shorter)
     int times;                                       ///< how many matching exchanges it hits
     std::string answer;                              ///< Refuse: the proxy's own answer
 };
@@ -37,19 +41,27 @@ public:
     FaultProxy(std::string const& upstream, Fault fault) : m_fault(std::move(fault)), m_upstream(address(std::stoi(upstream.substr(upstream.rfind(':') + 1)))) {
         sockaddr_in local = address(0);
         socklen_t length = sizeof local;
-        if (::bind(m_socket, reinterpret_cast<sockaddr*>(&local), length) || ::listen(m_socket, 16) ||
+        if (::bind(m_socket, reinterpret_cast<sockaddr*>(&local), length) || ::listen(m_socket, 64) ||
             ::getsockname(m_socket, reinterpret_cast<sockaddr*>(&local), &length))
             throw std::runtime_error("no loopback socket");
         endpoint = "http://127.0.0.1:" + std::to_string(ntohs(local.sin_port));
         m_thread = std::thread([this] {
+            std::list<std::pair<std::thread, std::shared_ptr<std::atomic<bool>>>> exchanges; // side by side
             for (int served = 0; !m_stop && served < 4000;) {
+                for (auto it = exchanges.begin(); it != exchanges.end();)
+                    it = *it->second ? (it->first.join(), exchanges.erase(it)) : std::next(it);
                 pollfd waiting{m_socket, POLLIN, 0};
                 int const client = ::poll(&waiting, 1, 100) == 1 && !m_stop ? ::accept(m_socket, nullptr, nullptr) : -1;
                 if (client < 0) continue;
                 ++served;
-                exchange(limited(client));
-                ::close(client);
+                auto ended = std::make_shared<std::atomic<bool>>(false);
+                exchanges.emplace_back(std::thread([this, client, ended] {
+                    exchange(limited(client));
+                    ::close(client);
+                    *ended = true;
+                }), ended);
             }
+            for (auto& running : exchanges) running.first.join();
         });
     }
     ~FaultProxy() {
@@ -95,12 +107,28 @@ private:
         return bytes;
     }
 
+    // One more hit, when the fault has any left (exchanges run side by side).
+    bool claim() {
+        for (int seen = hits; seen < m_fault.times;)
+            if (hits.compare_exchange_weak(seen, seen + 1)) return true;
+        return false;
+    }
+
+    // Flips byte `at` of the body of `message` (its last when the body is shorter); false when it has none.
+    bool flip(std::string& message) const {
+        std::size_t const body = message.find("\r\n\r\n");
+        if (body == std::string::npos || body + 4 >= message.size()) return false;
+        message[std::min(body + 4 + m_fault.at, message.size() - 1)] ^= char(0xff);
+        return true;
+    }
+
     void exchange(int client) {
         std::string request = receive(client, true);
         if (request.find("\r\n") == std::string::npos) return;
-        bool const hit = m_fault.kind != Fault::None && hits < m_fault.times && m_fault.matches(request.substr(0, request.find("\r\n\r\n")));
-        Fault::Kind const kind = hit ? (++hits, m_fault.kind) : Fault::None;
+        bool const hit = m_fault.kind != Fault::None && m_fault.matches(request.substr(0, request.find("\r\n\r\n"))) && claim();
+        Fault::Kind const kind = hit ? m_fault.kind : Fault::None;
         if (kind == Fault::Refuse) return sendAll(client, m_fault.answer);
+        bool const corruptAnswer = kind == Fault::Corrupt && !flip(request);
         if (kind == Fault::CutRequest) request.resize(std::min(m_fault.at, request.size()));
         else request.insert(request.find("\r\n") + 2, "Connection: close\r\n"); // so the answer ends where the store closes
         int const store = limited(::socket(AF_INET, SOCK_STREAM, 0));
@@ -110,6 +138,7 @@ private:
             answer = kind == Fault::CutRequest ? "" : receive(store, false);
         }
         ::close(store);
+        if (corruptAnswer) flip(answer);
         headerBytes = std::min(answer.size(), answer.find("\r\n\r\n") + 4);
         if (std::size_t const length = lengthAt(answer.substr(0, headerBytes)); kind == Fault::CutUnsized && length < headerBytes)
             answer.erase(length, answer.find("\r\n", length + 2) - length);
