@@ -385,6 +385,8 @@ TEST_P(ObjectStore, PartsFailingAmongOthersInFlightReachTheWriter) {
             EXPECT_TRUE(rows[i].stored || ec == errc::io_error) << message;
             EXPECT_TRUE(read(at(name)) == (rows[i].stored ? bytes : "<missing>"));
             EXPECT_EQ(uploads(name), 0u);
+            EXPECT_LE(proxy.peak, int(parallel)); // never more parts in flight than allowed
+            EXPECT_TRUE(parallel == 1 || i == 2 || proxy.peak > 1) << "parts went one at a time";
         }
         // Dropped while parts are in flight (the last full ones, the 2nd refused twice first):
         // joined, then aborted.
@@ -399,6 +401,58 @@ TEST_P(ObjectStore, PartsFailingAmongOthersInFlightReachTheWriter) {
         }
         EXPECT_EQ(read(at(name)), "<missing>");
         EXPECT_EQ(uploads(name), 0u);
+    }
+    // Server-side copies of the six parts, four at once: the 3rd copy refused for good fails the
+    // copy and leaves nothing; refused twice, it is repeated and the copy is whole.
+    for (auto const& [times, copied] : {std::pair{1000, false}, {2, true}}) {
+        SCOPED_TRACE(std::to_string(times) + " refusals");
+        std::string const name = "copy" + std::to_string(times);
+        FaultProxy proxy(env("AWS_ENDPOINT_URL"), {Fault::Refuse, on("PUT ", "partNumber=3&", "\n\n"), 0, times, broken});
+        VirtualFileSystemOps faulty{through(proxy, 4)};
+        auto const [message, ec] = thrown([&] { faulty.copy(at("p4-3"), at(name), FailIfExists); });
+        EXPECT_EQ(!ec, copied) << message;
+        EXPECT_TRUE(read(at(name)) == (copied ? bytes : "<missing>"));
+        EXPECT_EQ(uploads(name), 0u);
+    }
+}
+
+// Ranges of 8 MiB fetched ahead side by side reach the reader in order: a range whose answer is
+// lost once is repeated; one refused for good fails the read exactly where it starts, after every
+// byte before it; seeks away from the ranges fetched ahead and back, and a stream dropped while
+// ranges are in flight, read and leave nothing wrong.
+TEST_P(ObjectStore, RangesFetchedAheadArriveInOrder) {
+    std::string const bytes = pattern(3 * 8 * MiB + 1000, 13);
+    write(at("r"), bytes);
+    std::string const third = "range: bytes=" + std::to_string(16 * MiB) + "-";
+    for (unsigned parallel : {1u, 4u}) {
+        SCOPED_TRACE(std::to_string(parallel) + " in flight");
+        {
+            FaultProxy proxy(env("AWS_ENDPOINT_URL"), {Fault::CutAnswer, on("GET ", third), 1000});
+            VirtualFileSystemOps faulty{through(proxy, parallel)};
+            EXPECT_TRUE(readThrough(faulty, at("r")) == bytes);
+            EXPECT_EQ(proxy.hits, 1);
+            EXPECT_LE(proxy.peak, int(parallel) + 1); // the range being read, and those fetched ahead
+            EXPECT_GT(proxy.peak, 1) << "no range was fetched ahead";
+        }
+        FaultProxy proxy(env("AWS_ENDPOINT_URL"), {Fault::Refuse, on("GET ", third), 0, 1000, broken});
+        VirtualFileSystemOps faulty{through(proxy, parallel)};
+        auto in = faulty.createInputStream(at("r"), OpenMode::ReadBinary);
+        std::string got, piece(MiB, '\0');
+        while (in->read(piece.data(), std::streamsize(piece.size()))) got += piece;
+        EXPECT_TRUE(in->bad());
+        EXPECT_TRUE(got == bytes.substr(0, 16 * MiB)) << got.size();
+        in = faulty.createInputStream(at("r"), OpenMode::ReadBinary);
+        for (std::size_t offset : {std::size_t(0), 17 * MiB, 3 * MiB, 9 * MiB, 8 * MiB - 10, 0 * MiB}) {
+            if (offset >= 16 * MiB) { // in the refused range: fails, then the stream is opened again
+                in->seekg(std::streamoff(offset)).read(piece.data(), 16);
+                EXPECT_TRUE(in->bad()) << offset;
+                in = faulty.createInputStream(at("r"), OpenMode::ReadBinary);
+                continue;
+            }
+            in->seekg(std::streamoff(offset)).read(piece.data(), std::streamsize(piece.size()));
+            EXPECT_TRUE(in->good() && piece == bytes.substr(offset, MiB)) << offset;
+        }
+        in.reset(); // ranges may still be arriving
     }
 }
 

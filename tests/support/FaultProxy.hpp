@@ -73,6 +73,7 @@ public:
     std::string endpoint;
     std::atomic<int> hits{0};
     std::atomic<std::size_t> headerBytes{0}; ///< status line and headers of the last answer
+    std::atomic<int> peak{0}; ///< the most requests at once between their arrival and their answer
 
 private:
     static sockaddr_in address(int port) { return sockaddr_in{AF_INET, htons(std::uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}}; }
@@ -127,7 +128,10 @@ private:
         if (request.find("\r\n") == std::string::npos) return;
         bool const hit = m_fault.kind != Fault::None && m_fault.matches(request.substr(0, request.find("\r\n\r\n"))) && claim();
         Fault::Kind const kind = hit ? m_fault.kind : Fault::None;
-        if (kind == Fault::Refuse) return sendAll(client, m_fault.answer);
+        // Counted until its answer goes: a client's next request cannot overlap its last one.
+        int const now = ++m_open;
+        for (int seen = peak; now > seen && !peak.compare_exchange_weak(seen, now);) {}
+        if (kind == Fault::Refuse) return --m_open, sendAll(client, m_fault.answer);
         bool const corruptAnswer = kind == Fault::Corrupt && !flip(request);
         if (kind == Fault::CutRequest) request.resize(std::min(m_fault.at, request.size()));
         else request.insert(request.find("\r\n") + 2, "Connection: close\r\n"); // so the answer ends where the store closes
@@ -144,6 +148,7 @@ private:
             answer.erase(length, answer.find("\r\n", length + 2) - length);
         if (kind == Fault::CutAnswer || kind == Fault::CutUnsized)
             answer.resize(std::min(answer.size(), m_fault.at + (kind == Fault::CutUnsized ? answer.find("\r\n\r\n") + 4 : 0)));
+        --m_open;
         pollfd gone{client, POLLIN, 0};
         if (kind == Fault::Stall) ::poll(&gone, 1, 5000); // until the client gives up, at most 5 s
         else if (kind != Fault::CutRequest) sendAll(client, answer);
@@ -153,6 +158,7 @@ private:
     sockaddr_in m_upstream;
     int m_socket = ::socket(AF_INET, SOCK_STREAM, 0);
     std::atomic<bool> m_stop{false};
+    std::atomic<int> m_open{0};
     std::thread m_thread;
 };
 
