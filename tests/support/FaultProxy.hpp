@@ -3,8 +3,9 @@
 // A fault-injecting HTTP proxy on loopback, between the s3 scheme and a store: every request goes
 // upstream on a connection of its own, and the exchanges a fault matches are cut (also as an answer
 // that looks whole, without its Content-Length), stalled, refused, have their answer dropped after
-// the store acted, or have one byte of a body flipped (the request's when it has one, else the
-// answer's). It serves at most 4,000 connections, side by side, none longer than a few seconds.
+// the store acted, have one byte of a body flipped (the request's when it has one, else the
+// answer's), or wait until enough requests are there at once (Gather: a proof of requests side by
+// side). It serves at most 4,000 connections, side by side, none longer than a few seconds.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -15,10 +16,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -26,12 +30,14 @@
 namespace opc::test {
 
 struct Fault {
-    enum Kind { None, CutRequest, CutAnswer, CutUnsized, Stall, Refuse, Corrupt } kind;
+    enum Kind { None, CutRequest, CutAnswer, CutUnsized, Stall, Refuse, Corrupt, Gather } kind;
     Fault(Kind k = None, std::function<bool(std::string const&)> m = {}, std::size_t a = 0, int t = 1, std::string s = "")
         : kind(k), matches(std::move(m)), at(a), times(t), answer(std::move(s)) {}
     std::function<bool(std::string const&)> matches; ///< which exchanges, by request line and headers
     std::size_t at;                                  ///< for cuts: the bytes that still pass (CutUnsized: of the body);
-                                                     ///< Corrupt: the body's byte flipped (its last when shorter)
+                                                     ///< Corrupt: the body's byte flipped (its last when shorter);
+                                                     ///< Gather: the requests open at once that each of the first
+                                                     ///< `times` waits for (at most 3 s) before it goes on
     int times;                                       ///< how many matching exchanges it hits
     std::string answer;                              ///< Refuse: the proxy's own answer
 };
@@ -72,6 +78,7 @@ public:
     }
     std::string endpoint;
     std::atomic<int> hits{0};
+    std::atomic<int> matched{0}; ///< exchanges the fault matches, hit or not (repeats show here)
     std::atomic<std::size_t> headerBytes{0}; ///< status line and headers of the last answer
     std::atomic<int> peak{0}; ///< the most requests at once between their arrival and their answer
 
@@ -126,11 +133,19 @@ private:
     void exchange(int client) {
         std::string request = receive(client, true);
         if (request.find("\r\n") == std::string::npos) return;
-        bool const hit = m_fault.kind != Fault::None && m_fault.matches(request.substr(0, request.find("\r\n\r\n"))) && claim();
+        bool const matching = m_fault.kind != Fault::None && m_fault.matches(request.substr(0, request.find("\r\n\r\n")));
+        matched += matching;
+        bool const hit = matching && claim();
         Fault::Kind const kind = hit ? m_fault.kind : Fault::None;
         // Counted until its answer goes: a client's next request cannot overlap its last one.
         int const now = ++m_open;
         for (int seen = peak; now > seen && !peak.compare_exchange_weak(seen, now);) {}
+        {
+            std::unique_lock<std::mutex> lock(m_gatherMutex);
+            m_gathered.notify_all();
+            if (kind == Fault::Gather)
+                m_gathered.wait_for(lock, std::chrono::seconds(3), [&] { return m_open >= int(m_fault.at); });
+        }
         if (kind == Fault::Refuse) return --m_open, sendAll(client, m_fault.answer);
         bool const corruptAnswer = kind == Fault::Corrupt && !flip(request);
         if (kind == Fault::CutRequest) request.resize(std::min(m_fault.at, request.size()));
@@ -159,6 +174,8 @@ private:
     int m_socket = ::socket(AF_INET, SOCK_STREAM, 0);
     std::atomic<bool> m_stop{false};
     std::atomic<int> m_open{0};
+    std::mutex m_gatherMutex;
+    std::condition_variable m_gathered; ///< a request arrived
     std::thread m_thread;
 };
 
