@@ -251,10 +251,8 @@ public:
     }
 
     void close() override {
-        if (failed_) {
-            throw Exception(ErrorCode::IOError, object_.iri, "an earlier write to this object failed");
-        }
-        try {
+        requireUsable();
+        guarded([&] {
             if (overwrite_) {
                 append(whole_.data(), whole_.size());
             }
@@ -270,18 +268,12 @@ public:
             }
             upload_->complete(); // after every part in flight has ended; a failed one throws
             upload_.reset();
-        } catch (...) {
-            failed_ = true;
-            upload_.reset();
-            throw;
-        }
+        });
     }
 
 protected:
     std::streamsize xsputn(char const* data, std::streamsize size) override {
-        if (failed_) {
-            throw Exception(ErrorCode::IOError, object_.iri, "an earlier write to this object failed");
-        }
+        requireUsable();
         guarded([&] {
             if (upload_) {
                 upload_->rethrowFailure(); // a part that failed since the last write
@@ -301,9 +293,7 @@ protected:
     // A flush waits for the parts in flight and throws when one failed; the bytes of the part
     // being filled stay until it is full or until close().
     int sync() override {
-        if (failed_) {
-            throw Exception(ErrorCode::IOError, object_.iri, "an earlier write to this object failed");
-        }
+        requireUsable();
         guarded([&] {
             if (upload_) {
                 upload_->finish();
@@ -320,6 +310,12 @@ protected:
     }
 
 private:
+    void requireUsable() const {
+        if (failed_) {
+            throw Exception(ErrorCode::IOError, object_.iri, "an earlier write to this object failed");
+        }
+    }
+
     // Runs `work`; a failure there fails the stream and aborts the upload (after its parts in
     // flight have ended), so no object is left.
     template <class Work>
