@@ -99,6 +99,18 @@ void Multipart::fail(std::exception_ptr error) {
     }
 }
 
+bool Multipart::failed() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return failure_ != nullptr;
+}
+
+Workers& Multipart::workers() {
+    if (!workers_) {
+        workers_ = std::make_unique<Workers>(object_.http->settings().parallelTransfers);
+    }
+    return *workers_;
+}
+
 void Multipart::rethrowFailure() const {
     std::exception_ptr error;
     {
@@ -128,14 +140,11 @@ void Multipart::sendPart(std::size_t number, std::string const& bytes) {
 void Multipart::send(std::string bytes) {
     rethrowFailure();
     std::size_t const number = take();
-    if (!workers_) {
-        workers_ = std::make_unique<Workers>(object_.http->settings().parallelTransfers);
-    }
-    workers_->waitForRoom();
+    workers().waitForRoom();
     // A failure that came while waiting is the writer's now; this part then never goes out.
     rethrowFailure();
     auto part = std::make_shared<std::string>(std::move(bytes));
-    workers_->run([this, number, part] { sendPart(number, *part); });
+    workers().run([this, number, part] { sendPart(number, *part); });
 }
 
 void Multipart::finish() {
@@ -170,20 +179,14 @@ void Multipart::copy(std::string const& sourceKey, std::uint64_t first, std::uin
 
 void Multipart::copyAll(std::string const& sourceKey, std::uint64_t size) {
     std::uint64_t const part = std::max(partSizeFor(object_.http->settings().partSize, 1), (size + maxParts - 1) / maxParts);
-    if (!workers_) {
-        workers_ = std::make_unique<Workers>(object_.http->settings().parallelTransfers);
-    }
     for (std::uint64_t first = 0; first < size; first += part) {
-        workers_->waitForRoom();
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (failure_) {
-                break; // no more copies: the failure is thrown once those in flight end
-            }
+        workers().waitForRoom();
+        if (failed()) {
+            break; // no more copies: the failure is thrown once those in flight end
         }
         std::size_t const number = take();
         std::uint64_t const last = std::min(size, first + part) - 1;
-        workers_->run([this, number, sourceKey, first, last] { copyPart(number, sourceKey, first, last); });
+        workers().run([this, number, sourceKey, first, last] { copyPart(number, sourceKey, first, last); });
     }
     finish();
 }

@@ -61,6 +61,8 @@ public:
 private:
     void abortStrays(std::time_t started) noexcept;
     void fail(std::exception_ptr error);
+    bool failed() const;
+    Workers& workers(); // made at the first part handed over
     // Sends part `number` (from 1); records its ETag or its failure.
     void sendPart(std::size_t number, std::string const& bytes);
     void copyPart(std::size_t number, std::string const& sourceKey, std::uint64_t first, std::uint64_t last);
