@@ -2,8 +2,10 @@
 
 // A fault-injecting HTTP proxy on loopback, between the s3 scheme and a store: every request goes
 // upstream on a connection of its own, and the exchanges a fault matches are cut (also as an answer
-// that looks whole, without its Content-Length), stalled, refused or have their answer dropped after
-// the store acted. It serves at most 4,000 connections, none longer than a few seconds.
+// that looks whole, without its Content-Length), stalled, refused, have their answer dropped after
+// the store acted, have one byte of a body flipped (the request's when it has one, else the
+// answer's), or wait until enough requests are there at once (Gather: a proof of requests side by
+// side). It serves at most 4,000 connections, side by side, none longer than a few seconds.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -14,9 +16,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -25,11 +31,14 @@
 namespace opc::test {
 
 struct Fault {
-    enum Kind { None, CutRequest, CutAnswer, CutUnsized, Stall, Refuse } kind;
+    enum Kind { None, CutRequest, CutAnswer, CutUnsized, Stall, Refuse, Corrupt, Gather } kind;
     Fault(Kind k = None, std::function<bool(std::string const&)> m = {}, std::size_t a = 0, int t = 1, std::string s = "")
         : kind(k), matches(std::move(m)), at(a), times(t), answer(std::move(s)) {}
     std::function<bool(std::string const&)> matches; ///< which exchanges, by request line and headers
-    std::size_t at;                                  ///< for cuts: the bytes that still pass (CutUnsized: of the body)
+    std::size_t at;                                  ///< for cuts: the bytes that still pass (CutUnsized: of the body);
+                                                     ///< Corrupt: the body's byte flipped (its last when shorter);
+                                                     ///< Gather: the requests open at once that each of the first
+                                                     ///< `times` waits for (at most 3 s) before it goes on
     int times;                                       ///< how many matching exchanges it hits
     std::string answer;                              ///< Refuse: the proxy's own answer
 };
@@ -39,19 +48,27 @@ public:
     FaultProxy(std::string const& upstream, Fault fault) : m_fault(std::move(fault)), m_upstream(address(std::stoi(upstream.substr(upstream.rfind(':') + 1)))) {
         sockaddr_in local = address(0);
         socklen_t length = sizeof local;
-        if (::bind(m_socket, reinterpret_cast<sockaddr*>(&local), length) || ::listen(m_socket, 16) ||
+        if (::bind(m_socket, reinterpret_cast<sockaddr*>(&local), length) || ::listen(m_socket, 64) ||
             ::getsockname(m_socket, reinterpret_cast<sockaddr*>(&local), &length))
             throw std::runtime_error("no loopback socket");
         endpoint = "http://127.0.0.1:" + std::to_string(ntohs(local.sin_port));
         m_thread = std::thread([this] {
+            std::list<std::pair<std::thread, std::shared_ptr<std::atomic<bool>>>> exchanges; // side by side
             for (int served = 0; !m_stop && served < 4000;) {
+                for (auto it = exchanges.begin(); it != exchanges.end();)
+                    it = *it->second ? (it->first.join(), exchanges.erase(it)) : std::next(it);
                 pollfd waiting{m_socket, POLLIN, 0};
                 int const client = ::poll(&waiting, 1, 100) == 1 && !m_stop ? ::accept(m_socket, nullptr, nullptr) : -1;
                 if (client < 0) continue;
                 ++served;
-                exchange(limited(client));
-                ::close(client);
+                auto ended = std::make_shared<std::atomic<bool>>(false);
+                exchanges.emplace_back(std::thread([this, client, ended] {
+                    exchange(limited(client));
+                    ::close(client);
+                    *ended = true;
+                }), ended);
             }
+            for (auto& running : exchanges) running.first.join();
         });
     }
     ~FaultProxy() {
@@ -62,7 +79,9 @@ public:
     }
     std::string endpoint;
     std::atomic<int> hits{0};
+    std::atomic<int> matched{0}; ///< exchanges the fault matches, hit or not (repeats show here)
     std::atomic<std::size_t> headerBytes{0}; ///< status line and headers of the last answer
+    std::atomic<int> peak{0}; ///< the most requests at once between their arrival and their answer
     /// How many requests of each kind came through since the last call, as "GET 2 HEAD 1": the
     /// method, but LIST for a listing and COPY for a server-side copy.
     std::string requests() {
@@ -106,6 +125,21 @@ private:
         return bytes;
     }
 
+    // One more hit, when the fault has any left (exchanges run side by side).
+    bool claim() {
+        for (int seen = hits; seen < m_fault.times;)
+            if (hits.compare_exchange_weak(seen, seen + 1)) return true;
+        return false;
+    }
+
+    // Flips byte `at` of the body of `message` (its last when the body is shorter); false when it has none.
+    bool flip(std::string& message) const {
+        std::size_t const body = message.find("\r\n\r\n");
+        if (body == std::string::npos || body + 4 >= message.size()) return false;
+        message[std::min(body + 4 + m_fault.at, message.size() - 1)] ^= char(0xff);
+        return true;
+    }
+
     void exchange(int client) {
         std::string request = receive(client, true);
         if (request.find("\r\n") == std::string::npos) return;
@@ -117,9 +151,21 @@ private:
             if (head.find("x-amz-copy-source:") != std::string::npos) method = "COPY";
             ++m_requests[method];
         }
-        bool const hit = m_fault.kind != Fault::None && hits < m_fault.times && m_fault.matches(request.substr(0, request.find("\r\n\r\n")));
-        Fault::Kind const kind = hit ? (++hits, m_fault.kind) : Fault::None;
-        if (kind == Fault::Refuse) return sendAll(client, m_fault.answer);
+        bool const matching = m_fault.kind != Fault::None && m_fault.matches(request.substr(0, request.find("\r\n\r\n")));
+        matched += matching;
+        bool const hit = matching && claim();
+        Fault::Kind const kind = hit ? m_fault.kind : Fault::None;
+        // Counted until its answer goes: a client's next request cannot overlap its last one.
+        int const now = ++m_open;
+        for (int seen = peak; now > seen && !peak.compare_exchange_weak(seen, now);) {}
+        {
+            std::unique_lock<std::mutex> lock(m_gatherMutex);
+            m_gathered.notify_all();
+            if (kind == Fault::Gather)
+                m_gathered.wait_for(lock, std::chrono::seconds(3), [&] { return m_open >= int(m_fault.at); });
+        }
+        if (kind == Fault::Refuse) return --m_open, sendAll(client, m_fault.answer);
+        bool const corruptAnswer = kind == Fault::Corrupt && !flip(request);
         if (kind == Fault::CutRequest) request.resize(std::min(m_fault.at, request.size()));
         else request.insert(request.find("\r\n") + 2, "Connection: close\r\n"); // so the answer ends where the store closes
         int const store = limited(::socket(AF_INET, SOCK_STREAM, 0));
@@ -129,11 +175,13 @@ private:
             answer = kind == Fault::CutRequest ? "" : receive(store, false);
         }
         ::close(store);
+        if (corruptAnswer) flip(answer);
         headerBytes = std::min(answer.size(), answer.find("\r\n\r\n") + 4);
         if (std::size_t const length = lengthAt(answer.substr(0, headerBytes)); kind == Fault::CutUnsized && length < headerBytes)
             answer.erase(length, answer.find("\r\n", length + 2) - length);
         if (kind == Fault::CutAnswer || kind == Fault::CutUnsized)
             answer.resize(std::min(answer.size(), m_fault.at + (kind == Fault::CutUnsized ? answer.find("\r\n\r\n") + 4 : 0)));
+        --m_open;
         pollfd gone{client, POLLIN, 0};
         if (kind == Fault::Stall) ::poll(&gone, 1, 5000); // until the client gives up, at most 5 s
         else if (kind != Fault::CutRequest) sendAll(client, answer);
@@ -145,6 +193,9 @@ private:
     sockaddr_in m_upstream;
     int m_socket = ::socket(AF_INET, SOCK_STREAM, 0);
     std::atomic<bool> m_stop{false};
+    std::atomic<int> m_open{0};
+    std::mutex m_gatherMutex;
+    std::condition_variable m_gathered; ///< a request arrived
     std::thread m_thread;
 };
 

@@ -21,7 +21,7 @@ namespace {
 
 constexpr int maxAttempts = 6;
 constexpr auto retryBudget = std::chrono::seconds(30);
-constexpr std::size_t poolSize = 8;
+constexpr std::size_t poolSize = 8; // idle handles kept, or parallelTransfers when more
 
 std::string lower(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return char(std::tolower(c)); });
@@ -78,8 +78,15 @@ Transport classify(CURLcode code) {
     }
 }
 
+// A body that the store found damaged on the way (its Content-MD5 or its SHA-256 does not match
+// what arrived) was refused before anything was written: the same bytes go again, whether or not
+// the request is idempotent, and after the last attempt the failure is an IOError.
+bool damaged(HttpResponse const& response) {
+    return response.status == 400 && (response.errorCode == "BadDigest" || response.errorCode == "XAmzContentSHA256Mismatch");
+}
+
 bool retryable(HttpResponse const& response, bool idempotent) {
-    bool const refused = response.status == 503 || response.status == 429 || response.errorCode == "SlowDown";
+    bool const refused = response.status == 503 || response.status == 429 || response.errorCode == "SlowDown" || damaged(response);
     if (!idempotent) {
         return refused;
     }
@@ -169,7 +176,7 @@ void* HttpClient::acquire() {
 
 void HttpClient::release(void* handle) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (idle_.size() < poolSize) {
+    if (idle_.size() < std::max<std::size_t>(poolSize, settings_.parallelTransfers)) {
         idle_.push_back(handle);
     } else {
         curl_easy_cleanup(static_cast<CURL*>(handle));
@@ -212,6 +219,14 @@ HttpResponse HttpClient::sendOnce(HttpRequest const& request) {
     signable.method = request.method;
     signable.query = request.query;
     signable.headers = request.headers;
+    // Every write with a body of its own says its MD5, so that the store refuses (BadDigest) a
+    // body damaged on the way instead of keeping it. Copies have none.
+    bool const copies = std::any_of(request.headers.begin(), request.headers.end(), [](auto const& header) {
+        return header.first == "x-amz-copy-source" || header.first == "content-md5";
+    });
+    if ((request.method == "PUT" || (request.method == "POST" && !request.body.empty())) && !copies) {
+        signable.headers.emplace_back("content-md5", md5Base64(request.body));
+    }
     signable.headers.emplace_back("host", host);
     signable.payloadHash = sha256Hex(request.body.data(), request.body.size());
     signable.headers.emplace_back("x-amz-content-sha256", signable.payloadHash);

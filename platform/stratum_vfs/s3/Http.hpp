@@ -61,8 +61,9 @@ struct HttpResponse {
     std::string header(std::string const& lowerName) const;
 };
 
-/// Sends requests to the service of one `S3Settings`; safe to call from several threads. Easy
-/// handles are kept in a small pool so that connections are reused.
+/// Sends requests to the service of one `S3Settings`; safe to call from several threads at
+/// once, each send on an easy handle (a connection) of its own. Idle handles are kept in a
+/// pool (as many as `parallelTransfers`, at least 8) so that connections are reused.
 class HttpClient {
 public:
     explicit HttpClient(S3Settings settings);
@@ -71,7 +72,10 @@ public:
     HttpClient& operator=(HttpClient const&) = delete;
 
     /// Signs and sends `request`, retrying transient failures with exponential backoff and
-    /// jitter (at most 6 attempts within about 30 s; Retry-After honoured). Never throws for a
+    /// jitter (at most 6 attempts within about 30 s; Retry-After honoured). A PUT, and a POST
+    /// with a body, carries Content-MD5 (unless it is a copy or has one): a body the store
+    /// finds damaged (400 BadDigest) is sent again like a refused request, and is an IOError
+    /// after the last attempt. Never throws for a
     /// failed request: the answer says what happened. An answer that is not whole (headers
     /// without their closing blank line, a body short of its Content-Length, the XML or the
     /// headers the request asks for missing) counts as a dropped connection.

@@ -81,35 +81,124 @@ void Multipart::abortStrays(std::time_t started) noexcept {
 
 Multipart::~Multipart() { abort(); }
 
-void Multipart::upload(std::string_view bytes) {
-    if (etags_.size() >= maxParts) {
+std::size_t Multipart::take() {
+    if (next_ >= maxParts) {
         throw Exception(ErrorCode::FileTooLarge, object_.iri, "more than 10,000 parts");
     }
-    HttpRequest request = requestFor(object_, "PUT",
-                                     {{"partNumber", std::to_string(etags_.size() + 1)}, {"uploadId", uploadId_}});
-    request.body = bytes;
-    request.required = {"etag"}; // without it the part cannot be completed
-    HttpResponse const response = object_.http->send(request);
-    check(response, object_, "UploadPart");
-    etags_.push_back(response.header("etag"));
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        etags_.emplace_back();
+    }
+    return ++next_;
+}
+
+void Multipart::fail(std::exception_ptr error) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!failure_) {
+        failure_ = std::move(error);
+    }
+}
+
+bool Multipart::failed() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return failure_ != nullptr;
+}
+
+Workers& Multipart::workers() {
+    if (!workers_) {
+        workers_ = std::make_unique<Workers>(object_.http->settings().parallelTransfers);
+    }
+    return *workers_;
+}
+
+void Multipart::rethrowFailure() const {
+    std::exception_ptr error;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        error = failure_;
+    }
+    if (error) {
+        std::rethrow_exception(error);
+    }
+}
+
+// Content-MD5 goes with the body (the client adds it), so a part damaged on the way is refused.
+void Multipart::sendPart(std::size_t number, std::string const& bytes) {
+    try {
+        HttpRequest request = requestFor(object_, "PUT", {{"partNumber", std::to_string(number)}, {"uploadId", uploadId_}});
+        request.body = bytes;
+        request.required = {"etag"}; // without it the part cannot be completed
+        HttpResponse const response = object_.http->send(request);
+        check(response, object_, "UploadPart");
+        std::lock_guard<std::mutex> lock(mutex_);
+        etags_[number - 1] = response.header("etag");
+    } catch (...) {
+        fail(std::current_exception());
+    }
+}
+
+void Multipart::send(std::string bytes) {
+    rethrowFailure();
+    std::size_t const number = take();
+    workers().waitForRoom();
+    // A failure that came while waiting is the writer's now; this part then never goes out.
+    rethrowFailure();
+    auto part = std::make_shared<std::string>(std::move(bytes));
+    workers().run([this, number, part] { sendPart(number, *part); });
+}
+
+void Multipart::finish() {
+    if (workers_) {
+        workers_->waitForAll();
+    }
+    rethrowFailure();
+}
+
+void Multipart::copyPart(std::size_t number, std::string const& sourceKey, std::uint64_t first, std::uint64_t last) {
+    try {
+        HttpRequest request =
+            requestFor(object_, "PUT", {{"partNumber", std::to_string(number)}, {"uploadId", uploadId_}},
+                       {{"x-amz-copy-source", "/" + object_.bucket + "/" + uriEncode(sourceKey, true)},
+                        {"x-amz-copy-source-range", "bytes=" + std::to_string(first) + "-" + std::to_string(last)}});
+        request.xmlAnswer = true;
+        request.xmlRoot = "CopyPartResult";
+        HttpResponse const response = object_.http->send(request);
+        check(response, object_, "UploadPartCopy");
+        std::lock_guard<std::mutex> lock(mutex_);
+        etags_[number - 1] = parseCopyETag(response.body);
+    } catch (...) {
+        fail(std::current_exception());
+    }
 }
 
 void Multipart::copy(std::string const& sourceKey, std::uint64_t first, std::uint64_t last) {
-    if (etags_.size() >= maxParts) {
-        throw Exception(ErrorCode::FileTooLarge, object_.iri, "more than 10,000 parts");
+    rethrowFailure();
+    copyPart(take(), sourceKey, first, last);
+    rethrowFailure();
+}
+
+void Multipart::copyAll(std::string const& sourceKey, std::uint64_t size) {
+    std::uint64_t const part = std::max(partSizeFor(object_.http->settings().partSize, 1), (size + maxParts - 1) / maxParts);
+    for (std::uint64_t first = 0; first < size; first += part) {
+        workers().waitForRoom();
+        if (failed()) {
+            break; // no more copies: the failure is thrown once those in flight end
+        }
+        std::size_t const number = take();
+        std::uint64_t const last = std::min(size, first + part) - 1;
+        workers().run([this, number, sourceKey, first, last] { copyPart(number, sourceKey, first, last); });
     }
-    HttpRequest request =
-        requestFor(object_, "PUT", {{"partNumber", std::to_string(etags_.size() + 1)}, {"uploadId", uploadId_}},
-                   {{"x-amz-copy-source", "/" + object_.bucket + "/" + uriEncode(sourceKey, true)},
-                    {"x-amz-copy-source-range", "bytes=" + std::to_string(first) + "-" + std::to_string(last)}});
-    request.xmlAnswer = true;
-    request.xmlRoot = "CopyPartResult";
-    HttpResponse const response = object_.http->send(request);
-    check(response, object_, "UploadPartCopy");
-    etags_.push_back(parseCopyETag(response.body));
+    finish();
 }
 
 void Multipart::complete(Pairs const& conditions) {
+    try {
+        finish();
+    } catch (...) {
+        abort();
+        throw;
+    }
+    // Every part has ended with its ETag: listed by part number, whatever order they ended in.
     std::string const body = completeBody(etags_);
     HttpRequest request = requestFor(object_, "POST", {{"uploadId", uploadId_}}, conditions);
     request.body = body;
@@ -145,6 +234,9 @@ void Multipart::abort() noexcept {
         return;
     }
     done_ = true;
+    if (workers_) {
+        workers_->waitForAll(); // no part may land after the abort
+    }
     try {
         object_.http->send(requestFor(object_, "DELETE", {{"uploadId", uploadId_}}));
     } catch (...) {

@@ -1,6 +1,7 @@
 // Object metadata of the s3 scheme: HEAD, the kept modification time and read-only flag.
 #include "s3/Object.hpp"
 #include "s3/Errors.hpp"
+#include "s3/Signer.hpp"
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
@@ -57,6 +58,19 @@ Pairs metadataHeaders(ptime modified, bool readOnly) {
         headers.emplace_back("x-amz-meta-readonly", "1");
     }
     return headers;
+}
+
+char const* const contentMismatch = "the content read does not match its ETag (damaged on the way)";
+
+bool contentETag(std::string const& etag) {
+    return etag.size() == 34 && etag.front() == '"' && etag.back() == '"' &&
+           etag.find_first_not_of("0123456789abcdef", 1) == 33;
+}
+
+void checkContent(ObjectRef const& object, std::string const& etag, std::string_view bytes) {
+    if (contentETag(etag) && etag.compare(1, 32, md5Hex(bytes)) != 0) {
+        throw Exception(ErrorCode::IOError, object.iri, contentMismatch);
+    }
 }
 
 HttpRequest requestFor(ObjectRef const& object, std::string method, Pairs query, Pairs headers) {

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace stratum::storage::vfs::detail::s3 {
 
@@ -48,6 +49,18 @@ boost::posix_time::ptime parseSeconds(std::string const& text);
 /// Throws the translation of a failed `response` to the request `what` on `object` (see
 /// `failure`); does nothing when it succeeded.
 void check(HttpResponse const& response, ObjectRef const& object, char const* what, bool createOnly = false);
+
+/// Whether `etag` is the MD5 of its object's content, as it is for an object written in one PUT
+/// ("\"<32 hex digits>\""). A multipart ETag ("...-N") is the MD5 of the parts' MD5s, which
+/// bytes read cannot be checked against without knowing where the parts ended.
+bool contentETag(std::string const& etag);
+
+/// Throws IOError when `bytes`, the whole content of `object` as read, do not match its `etag`
+/// (see `contentETag`; nothing is checked for any other ETag).
+void checkContent(ObjectRef const& object, std::string const& etag, std::string_view bytes);
+
+/// The message of that IOError.
+extern char const* const contentMismatch;
 
 /// A request on `object` with `method`, `query` and `headers`.
 HttpRequest requestFor(ObjectRef const& object, std::string method, Pairs query = {}, Pairs headers = {});

@@ -17,8 +17,6 @@
 
 #include <stratum/storage/vfs/Exception.hpp>
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <map>
 #include <mutex>
@@ -34,15 +32,6 @@ using provider::ItemInfo;
 using provider::ItemKind;
 
 constexpr std::size_t deleteBatch = 1000;
-
-std::string base64Md5(std::string const& bytes) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_md5(), nullptr);
-    unsigned char text[64];
-    int const written = EVP_EncodeBlock(text, digest, int(length));
-    return std::string(reinterpret_cast<char*>(text), std::size_t(written));
-}
 
 class S3Provider final : public provider::StorageProvider,
                          public TreeListing,
@@ -292,10 +281,7 @@ public:
             putOnCondition(source, head, target, metadata, condition);
         } else {
             Multipart upload(target, metadata);
-            std::uint64_t const part = std::max(partSizeFor(source.http->settings().partSize, 1), (head.size + 9999) / 10000);
-            for (std::uint64_t first = 0; first < head.size; first += part) {
-                upload.copy(source.key, first, std::min(head.size, first + part) - 1);
-            }
+            upload.copyAll(source.key, head.size);
             upload.complete(condition);
         }
         if (HttpResponse const response = source.http->send(requestFor(source, "DELETE")); !response.ok()) {
@@ -349,6 +335,7 @@ public:
             request.bodyBytes = std::size_t(head.size);
             HttpResponse response = object.http->send(request);
             check(response, object, "GET");
+            checkContent(object, head.etag, response.body);
             initial = std::move(response.body);
         }
         return makeOutputBuffer(std::move(object), std::move(initial), overwrite, (mode & std::ios_base::ate) != 0);
@@ -586,6 +573,7 @@ private:
                         Pairs const& condition) {
         HttpResponse content = source.http->send(requestFor(source, "GET", {}, {{"if-match", head.etag}}));
         check(content, source, "GET");
+        checkContent(source, head.etag, content.body);
         Pairs headers = metadata;
         headers.insert(headers.end(), condition.begin(), condition.end());
         HttpRequest request = requestFor(target, "PUT", {}, headers);
@@ -630,11 +618,8 @@ private:
         }
         // Parts carry no metadata of the source: it is sent with the start of the upload.
         Head const whole = head.etag.empty() || head.modified.is_special() ? headObject(from) : head;
-        std::uint64_t part = std::max(partSizeFor(settings.partSize, 1), (head.size + 9999) / 10000);
         Multipart upload(to, metadata.value_or(metadataHeaders(whole.modified, whole.readOnly)));
-        for (std::uint64_t first = 0; first < head.size; first += part) {
-            upload.copy(from.key, first, std::min(head.size, first + part) - 1);
-        }
+        upload.copyAll(from.key, head.size);
         upload.complete();
     }
 
@@ -672,7 +657,7 @@ private:
             std::vector<std::string> const batch(keys.begin() + std::ptrdiff_t(start),
                                                  keys.begin() + std::ptrdiff_t(std::min(keys.size(), start + deleteBatch)));
             std::string const body = deleteBody(batch);
-            HttpRequest request = requestFor(bucket, "POST", {{"delete", ""}}, {{"content-md5", base64Md5(body)}});
+            HttpRequest request = requestFor(bucket, "POST", {{"delete", ""}}, {{"content-md5", md5Base64(body)}});
             request.key.clear();
             request.body = body;
             request.xmlAnswer = true;

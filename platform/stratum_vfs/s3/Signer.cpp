@@ -106,6 +106,38 @@ std::string sha256Hex(void const* data, std::size_t size) { return digestHex(EVP
 
 std::string md5Hex(void const* data, std::size_t size) { return digestHex(EVP_md5(), data, size); }
 
+std::string md5Base64(std::string_view data) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_Digest(data.data(), data.size(), digest, &length, EVP_md5(), nullptr) != 1)
+        throw std::runtime_error("a message digest failed");
+    unsigned char text[64];
+    int const written = EVP_EncodeBlock(text, digest, int(length));
+    return std::string(reinterpret_cast<char*>(text), std::size_t(written));
+}
+
+Md5::Md5() : context_(EVP_MD_CTX_new()) {
+    if (!context_ || EVP_DigestInit_ex(static_cast<EVP_MD_CTX*>(context_), EVP_md5(), nullptr) != 1) {
+        EVP_MD_CTX_free(static_cast<EVP_MD_CTX*>(context_));
+        throw std::runtime_error("a message digest failed");
+    }
+}
+
+Md5::~Md5() { EVP_MD_CTX_free(static_cast<EVP_MD_CTX*>(context_)); }
+
+void Md5::add(void const* data, std::size_t size) {
+    if (EVP_DigestUpdate(static_cast<EVP_MD_CTX*>(context_), data, size) != 1)
+        throw std::runtime_error("a message digest failed");
+}
+
+std::string Md5::hex() {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_DigestFinal_ex(static_cast<EVP_MD_CTX*>(context_), digest, &length) != 1)
+        throw std::runtime_error("a message digest failed");
+    return toHex(digest, length);
+}
+
 std::string hmacSha256(std::string const& key, std::string const& data) {
     unsigned char mac[EVP_MAX_MD_SIZE];
     unsigned int length = 0;

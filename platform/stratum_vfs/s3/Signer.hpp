@@ -41,6 +41,24 @@ inline std::string sha256Hex(std::string const& data) { return sha256Hex(data.da
 std::string md5Hex(void const* data, std::size_t size);
 inline std::string md5Hex(std::string_view data) { return md5Hex(data.data(), data.size()); }
 
+/// Base64 of the MD5 of `data`: the value of a Content-MD5 header.
+std::string md5Base64(std::string_view data);
+
+/// An MD5 fed piece by piece (the content of an object read range after range).
+class Md5 {
+public:
+    Md5();
+    ~Md5();
+    Md5(Md5 const&) = delete;
+    Md5& operator=(Md5 const&) = delete;
+    void add(void const* data, std::size_t size);
+    /// Lower-case hex of everything added; ends the digest (nothing may be added after it).
+    std::string hex();
+
+private:
+    void* context_; ///< EVP_MD_CTX
+};
+
 /// Raw (binary) HMAC-SHA256 of `data` under `key`.
 std::string hmacSha256(std::string const& key, std::string const& data);
 

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -148,6 +149,17 @@ TEST(SigV4, SignsS3PathsAsSentAndSortsTheEncodedQuery) {
     EXPECT_EQ(s3::uriEncode("a/b c%~+", true), "a/b%20c%25~%2B");
     EXPECT_EQ(s3::uriEncode("a/b", false), "a%2Fb");
     EXPECT_EQ(s3::amzDate(1440938160), "20150830T123600Z");
+}
+
+// MD5 as S3 wants it: hex in ETags, base64 in Content-MD5, and fed range by range for a read.
+TEST(SigV4, Md5InHexBase64AndPieceByPiece) {
+    EXPECT_EQ(s3::md5Base64(""), "1B2M2Y8AsgTpgAmY7PhCfg==");
+    EXPECT_EQ(s3::md5Base64("abc"), "kAFQmDzST7DWlj99KOF/cg==");
+    s3::Md5 digest;
+    for (char const* piece : {"a", "", "bc"})
+        digest.add(piece, std::strlen(piece));
+    EXPECT_EQ(digest.hex(), s3::md5Hex("abc"));
+    EXPECT_EQ(s3::md5Hex("abc"), "900150983cd24fb0d6963f7d28e17f72");
 }
 
 // fromEnvironment over a temporary home folder and a controlled environment.

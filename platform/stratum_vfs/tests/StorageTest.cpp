@@ -273,7 +273,8 @@ TEST(S3Errors, StatusAndCodeTranslateToOneStorageError) {
                            Row{ErrorCode::TryAgain, 429, {""}},
                            Row{ErrorCode::IOError, 200, {"InternalError"}}, // an <Error> body of a copy
                            Row{ErrorCode::IOError, 500, {"InternalError"}},
-                           Row{ErrorCode::FileTooLarge, 400, {"EntityTooLarge"}}})
+                           Row{ErrorCode::FileTooLarge, 400, {"EntityTooLarge"}},
+                           Row{ErrorCode::IOError, 400, {"BadDigest", "XAmzContentSHA256Mismatch"}}}) // damaged at every attempt
         for (std::string const& code : row.codes)
             EXPECT_EQ(s3::errorCodeFor(row.status, code, T::None, false), row.expected) << row.status << " " << code;
     EXPECT_EQ(s3::errorCodeFor(412, "PreconditionFailed", T::None, true), ErrorCode::FileExists);

@@ -68,7 +68,8 @@ struct ItemInfo {
 /// What every scheme, later ones included (an object store, a network share), must guarantee
 /// so that no saved data is lost silently:
 /// - Output never loses a write: see `OutputBuffer`. A refused write reaches the writer at the
-///   write that carried it; a scheme that can only fail at close leaves no object then.
+///   write that carried it, or (a scheme that sends in the background) at a later write, a
+///   flush or `close()`; a scheme that can only fail at close leaves no object then.
 /// - `rename` puts a file in place durably: the moved data is made durable first, then the
 ///   name changes, then the change itself is made durable (both folders when they differ). A
 ///   failure of any step fails the rename and leaves an existing `to` as it was. A file that
@@ -77,9 +78,10 @@ struct ItemInfo {
 /// - `copyFile` creates a new item; it never writes into an existing one.
 ///
 /// `s3` (object storage) meets these as an object store can: a write becomes visible only at
-/// `close()` (content is buffered and sent in parts; a part that fails throws from the write
-/// that sent it, a failed completion leaves no object, and a stream dropped without `close()`
-/// leaves none either); `rename` is a server-side copy, durable once acknowledged, then the
+/// `close()` (content is buffered and sent in parts, several at once; a part that fails
+/// throws from the next write or flush after its failure is known, at the latest from
+/// `close()`, and then no object is left; a failed completion leaves no object, and a stream
+/// dropped without `close()` leaves none either); `rename` is a server-side copy, durable once acknowledged, then the
 /// deletion of the source; `copyFile` is a server-side copy that keeps the object's time and
 /// writability; `app` and `in|out` rewrite the whole object. Its folders are the
 /// prefixes of its keys: an item may be made under any prefix that is not a file, and

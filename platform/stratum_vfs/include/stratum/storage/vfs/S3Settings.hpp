@@ -36,6 +36,12 @@ struct STRATUM_API S3Settings {
     /// The longest wait before the first repeat of a failed request; each later wait may be
     /// twice as long (at most 5 s), and a `Retry-After` of the store's counts too.
     unsigned retryMilliseconds = 100;
+    /// How many parts of one upload, ranges of one download or part copies of one server-side
+    /// copy are in flight at once, each on a connection of its own; 1 means one at a time (0
+    /// counts as 1). An upload holds at most this many parts in memory besides the one being
+    /// filled, a download this many ranges (of 8 MiB) besides the one being read. Plain data:
+    /// `fromEnvironment` leaves it at its default.
+    unsigned parallelTransfers = 8;
 
     /// The settings as every S3 tool reads them, each from the first place that has it:
     /// - endpoint: `AWS_ENDPOINT_URL`, then `endpoint_url` of the profile in the config file;
