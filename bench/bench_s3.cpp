@@ -86,23 +86,13 @@ opc::VirtualFileSystemOps& store() {
 vfs::S3Settings linkSettings() {
     vfs::S3Settings settings = vfs::S3Settings::fromEnvironment();
     settings.endpoint = link()->url();
-    // settings.parallelTransfers = 8; // LEAD: enable after merging S3Settings::parallelTransfers (8 is its default)
     return settings;
 }
 
-// Parts in flight at once: S3Settings::parallelTransfers where the library has it, else one.
-template <class Settings, class = void>
-struct PartsInFlight {
-    static double of(Settings const&) { return 1; }
-};
-template <class Settings>
-struct PartsInFlight<Settings, std::void_t<decltype(Settings::parallelTransfers)>> {
-    static double of(Settings const& settings) { return double(settings.parallelTransfers); }
-};
-
+// The memory the library may use: the parts in flight and 32 MiB.
 double budgetMiB() {
     vfs::S3Settings const settings = linkSettings();
-    return PartsInFlight<vfs::S3Settings>::of(settings) * double(settings.partSize) / MiB + 32;
+    return double(settings.parallelTransfers) * double(settings.partSize) / MiB + 32;
 }
 
 enum class Tool { Library,

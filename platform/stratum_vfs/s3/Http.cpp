@@ -262,6 +262,9 @@ HttpResponse HttpClient::sendOnce(HttpRequest const& request) {
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, onBody);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response.body);
+    if (request.bodyBytes) { // a range held whole, not in a buffer grown to twice its size
+        response.body.reserve(*request.bodyBytes);
+    }
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, onHeader);
     HeaderState headerState{response.headers};
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, &headerState);
