@@ -254,6 +254,27 @@ void Download(benchmark::State& state, Tool tool) {
     state.SetBytesProcessed(std::int64_t(state.iterations() * bigBytes));
 }
 
+// A server-side copy of the 128 MiB object, as a commit copies a large package into place: the
+// library part-wise with its parts side by side (UploadPartCopy, `parallelTransfers` at once) or,
+// with `wholeCopy`, in one CopyObject; the tools' own server-side copies.
+void ServerCopy(benchmark::State& state, Tool tool, bool wholeCopy) {
+    if (!ready(state, tool))
+        return;
+    if (!place(state, localFile("128", bigBytes), "copied"))
+        return;
+    measure(state, tool,
+            {[wholeCopy](opc::VirtualFileSystemOps&) {
+                 vfs::S3Settings settings = linkSettings();
+                 settings.copyPartThreshold = wholeCopy ? std::uint64_t(5) << 30 : settings.partSize;
+                 opc::VirtualFileSystemOps ops{vfs::StorageSystemReference(settings)};
+                 ops.copy(object("copied"), object("copy"), opc::Overwrite);
+             },
+             awscli("cp " + awsUri("copied") + " " + awsUri("copy")),
+             rclone("copyto " + rcloneUri("copied") + " " + rcloneUri("copy"))},
+            [] { store().remove(object("copy")); }); // each run copies to a free name
+    state.SetBytesProcessed(std::int64_t(state.iterations() * bigBytes));
+}
+
 // A 100 KB package saved over an existing object: the library's commit (without or with a kept
 // backup), or the tools' plain copy.
 void Commit(benchmark::State& state, Tool tool, bool keepBackup) {
@@ -324,6 +345,10 @@ S3_BENCH(Upload, rclone, Tool::Rclone);
 S3_BENCH(Download, library, Tool::Library);
 S3_BENCH(Download, awscli, Tool::Awscli);
 S3_BENCH(Download, rclone, Tool::Rclone);
+S3_BENCH(ServerCopy, library_parts, Tool::Library, false);
+S3_BENCH(ServerCopy, library_whole, Tool::Library, true);
+S3_BENCH(ServerCopy, awscli, Tool::Awscli, false);
+S3_BENCH(ServerCopy, rclone, Tool::Rclone, false);
 S3_BENCH(Commit, library, Tool::Library, false);
 S3_BENCH(Commit, library_backup, Tool::Library, true);
 S3_BENCH(Commit, awscli, Tool::Awscli, false);
