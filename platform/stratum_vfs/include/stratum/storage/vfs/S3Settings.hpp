@@ -28,7 +28,11 @@ struct STRATUM_API S3Settings {
     /// Size of the parts of a multipart upload. Never below 5 MiB (a smaller value counts as
     /// 5 MiB), and grown for a long upload so that it needs at most 10,000 parts.
     std::uint64_t partSize = std::uint64_t(8) << 20;
-    /// Server-side copies of objects larger than this go part by part (UploadPartCopy).
+    /// Server-side copies of objects larger than this go part by part (UploadPartCopy),
+    /// `parallelTransfers` parts at once. The default is the largest single copy S3 takes: a
+    /// store that shares the data of a copy does one whole far faster than in parts (radosgw
+    /// copies 128 MiB in about 0.1 s whole, 0.5 s in 8 MiB parts 8 at a time). Lower it for a
+    /// store that moves the bytes of a copy one stream at a time.
     std::uint64_t copyPartThreshold = std::uint64_t(5) << 30;
     /// A connection that moves no byte for this many seconds counts as dropped (and the
     /// request is retried when it may be).
