@@ -1,23 +1,21 @@
 #include "s3/Signer.hpp"
 
+#include <boost/algorithm/hex.hpp>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
 #include <algorithm>
+#include <iterator>
 #include <stdexcept>
 
 namespace stratum::storage::vfs::detail::s3 {
 
 namespace {
 
-char const kHex[] = "0123456789abcdef";
-
 std::string toHex(unsigned char const* bytes, std::size_t size) {
-    std::string text(size * 2, '0');
-    for (std::size_t i = 0; i < size; ++i) {
-        text[2 * i] = kHex[bytes[i] >> 4];
-        text[2 * i + 1] = kHex[bytes[i] & 0xf];
-    }
+    std::string text;
+    text.reserve(size * 2);
+    boost::algorithm::hex_lower(bytes, bytes + size, std::back_inserter(text));
     return text;
 }
 
