@@ -195,27 +195,27 @@ boost::posix_time::ptime RememberingProvider::getLastModified(AbsoluteIRI const&
     return time;
 }
 
-// A set to what the call knows is there already is not sent.
-void RememberingProvider::setWritable(AbsoluteIRI const& iri, bool writable) {
-    if (known(iri).info.writable == writable) {
+// A set to what the call knows is there already is not sent; one that is sent may change the
+// version tag (an object store rewrites the object).
+template <class Value, class Change>
+void RememberingProvider::setting(AbsoluteIRI const& iri, std::optional<Value> provider::ItemInfo::*field, Value value,
+                                  Change change) {
+    if (known(iri).info.*field == value) {
         return;
     }
-    changing(iri, nullptr, [&] { inner_->setWritable(iri, writable); });
+    changing(iri, nullptr, change);
     std::lock_guard<std::mutex> lock(mutex_);
     Known& k = entry(iri);
-    k.info.writable = writable;
+    k.info.*field = value;
     k.info.versionTag.reset();
 }
 
+void RememberingProvider::setWritable(AbsoluteIRI const& iri, bool writable) {
+    setting(iri, &provider::ItemInfo::writable, writable, [&] { inner_->setWritable(iri, writable); });
+}
+
 void RememberingProvider::setLastModified(AbsoluteIRI const& iri, boost::posix_time::ptime time) {
-    if (known(iri).info.lastModified == time) {
-        return;
-    }
-    changing(iri, nullptr, [&] { inner_->setLastModified(iri, time); });
-    std::lock_guard<std::mutex> lock(mutex_);
-    Known& k = entry(iri);
-    k.info.lastModified = time;
-    k.info.versionTag.reset();
+    setting(iri, &provider::ItemInfo::lastModified, time, [&] { inner_->setLastModified(iri, time); });
 }
 
 std::vector<provider::FolderEntry> RememberingProvider::listFolder(AbsoluteIRI const& iri) {

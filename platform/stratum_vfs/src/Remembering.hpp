@@ -70,6 +70,9 @@ private:
     // Runs `change`; when it throws, forgets `first` and `second` (and what is below them).
     template <class Change>
     auto changing(AbsoluteIRI const& first, AbsoluteIRI const* second, Change change);
+    // Sets `field` of `iri` to `value` by `change`, unless it is known to hold it already.
+    template <class Value, class Change>
+    void setting(AbsoluteIRI const& iri, std::optional<Value> provider::ItemInfo::*field, Value value, Change change);
     // A removal by `change`: nothing is at `iri` or below it afterwards.
     template <class Change>
     void removing(AbsoluteIRI const& iri, Change change);
