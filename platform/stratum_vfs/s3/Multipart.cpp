@@ -6,7 +6,6 @@
 
 #include <stratum/storage/vfs/Exception.hpp>
 
-
 #include <algorithm>
 
 namespace stratum::storage::vfs::detail::s3 {

@@ -19,12 +19,18 @@ std::string toHex(unsigned char const* bytes, std::size_t size) {
     return text;
 }
 
-std::string digestHex(EVP_MD const* kind, void const* data, std::size_t size) {
+// The digest of `size` bytes at `data` by `kind`, as raw bytes.
+std::string digestOf(EVP_MD const* kind, void const* data, std::size_t size) {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
     if (EVP_Digest(data, size, digest, &length, kind, nullptr) != 1)
         throw std::runtime_error("a message digest failed");
-    return toHex(digest, length);
+    return std::string(reinterpret_cast<char*>(digest), length);
+}
+
+std::string digestHex(EVP_MD const* kind, void const* data, std::size_t size) {
+    std::string const digest = digestOf(kind, data, size);
+    return toHex(reinterpret_cast<unsigned char const*>(digest.data()), digest.size());
 }
 
 std::string lowerAscii(std::string text) {
@@ -105,12 +111,10 @@ std::string sha256Hex(void const* data, std::size_t size) { return digestHex(EVP
 std::string md5Hex(void const* data, std::size_t size) { return digestHex(EVP_md5(), data, size); }
 
 std::string md5Base64(std::string_view data) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    if (EVP_Digest(data.data(), data.size(), digest, &length, EVP_md5(), nullptr) != 1)
-        throw std::runtime_error("a message digest failed");
+    std::string const digest = digestOf(EVP_md5(), data.data(), data.size());
     unsigned char text[64];
-    int const written = EVP_EncodeBlock(text, digest, int(length));
+    int const written =
+        EVP_EncodeBlock(text, reinterpret_cast<unsigned char const*>(digest.data()), int(digest.size()));
     return std::string(reinterpret_cast<char*>(text), std::size_t(written));
 }
 
